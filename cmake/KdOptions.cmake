@@ -1,0 +1,36 @@
+# Warnings and sanitizers as interface targets that every project target links.
+add_library(kd_options INTERFACE)
+target_compile_features(kd_options INTERFACE cxx_std_20)
+target_compile_options(kd_options INTERFACE -Wall -Wextra -Wpedantic -Wno-unused-parameter)
+target_compile_definitions(kd_options INTERFACE KD_VERSION="${PROJECT_VERSION}" _GNU_SOURCE)
+if(KD_SANITIZE)
+  target_compile_options(kd_options INTERFACE -fsanitize=${KD_SANITIZE} -fno-omit-frame-pointer -g)
+  target_link_options(kd_options INTERFACE -fsanitize=${KD_SANITIZE})
+endif()
+
+# kd_component(NAME SOURCES... DEPS ...): one static library per subsystem so
+# that a subsystem builds and tests on its own.
+function(kd_component name)
+  cmake_parse_arguments(K "" "" "SOURCES;DEPS" ${ARGN})
+  if(K_SOURCES)
+    add_library(${name} STATIC ${K_SOURCES})
+    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} PUBLIC kd_options ${K_DEPS})
+  else()
+    add_library(${name} INTERFACE)
+    target_include_directories(${name} INTERFACE ${PROJECT_SOURCE_DIR}/src)
+    target_link_libraries(${name} INTERFACE kd_options ${K_DEPS})
+  endif()
+endfunction()
+
+# kd_test(NAME SOURCES... DEPS ... LABELS ...): a gtest executable whose cases
+# are registered with CTest under the given labels (unit, root, slow).
+function(kd_test name)
+  cmake_parse_arguments(K "" "" "SOURCES;DEPS;LABELS" ${ARGN})
+  add_executable(${name} ${K_SOURCES})
+  target_link_libraries(${name} PRIVATE kd_test_support ${K_DEPS} GTest::gtest GTest::gmock)
+  if(NOT K_LABELS)
+    set(K_LABELS unit)
+  endif()
+  gtest_discover_tests(${name} PROPERTIES LABELS "${K_LABELS}" DISCOVERY_TIMEOUT 60)
+endfunction()

@@ -1,0 +1,63 @@
+// The process-wide application log.
+//
+// Ownership: one instance, created on first use and never destroyed. Threads:
+// every operation may be called from any thread; formatting runs on the caller's
+// thread and file writes on the log's own serial writer thread, in queue order.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "log/Format.h"
+
+class KdLog {
+ public:
+  static KdLog& sharedController();
+
+  static void createNewLog(std::optional<std::string> name = std::nullopt);
+
+  template <class... Args>
+  static void appendLog(std::string_view format, const Args&... args) {
+    if (!acceptsLines()) return;
+    appendFormatted(kd::format(escapeTextForLogging(format), args...), /*mayWait=*/true);
+  }
+  template <class... Args>
+  static void fastAppendLog(std::string_view format, const Args&... args) {
+    if (!acceptsLines()) return;
+    appendFormatted(kd::format(escapeTextForLogging(format), args...), /*mayWait=*/false);
+  }
+  template <class... Args>
+  static void appendLogAndPrint(std::string_view format, const Args&... args) {
+    if (!acceptsLines()) return;
+    appendAndPrint(kd::format(escapeTextForLogging(format), args...), /*print=*/true);
+  }
+  template <class... Args>
+  static void appendLogAndDebugPrint(std::string_view format, const Args&... args) {
+    if (!acceptsLines()) return;
+    appendAndPrint(kd::format(escapeTextForLogging(format), args...), /*print=*/false);
+  }
+  template <class... Args>
+  static void debugPrint(std::string_view, const Args&...) {}
+
+  static std::string escapeTextForLogging(std::string_view text);
+  static std::vector<std::string> availableLogs();
+  static void finishWriting();
+  static void willTerminate();
+
+  // Instance operations.
+  void appendTextToLog(std::string_view text);
+  std::string appName() const;
+  void setAppName(std::optional<std::string> name);
+  std::uint64_t bytesWritten() const;
+  std::uint64_t bytesInQueue() const;
+  bool loggingDisabled() const;
+
+ private:
+  KdLog();
+  static bool acceptsLines();
+  static void appendFormatted(std::string text, bool mayWait);
+  static void appendAndPrint(std::string text, bool print);
+};

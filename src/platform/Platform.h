@@ -1,0 +1,192 @@
+// The operating-system services the library needs, behind one small interface.
+//
+// Core code asks `kd::platform()` for everything that differs between macOS
+// and Linux (locations, identity, removable media, running applications, the
+// system log, crash reports, opening files with applications). One
+// implementation per platform is chosen by the build (src/platform/linux now).
+// Tests install a fake with `kd::setPlatformForTesting`; `ForwardingPlatform`
+// forwards every call so that a fake overrides only what it needs.
+//
+// Threads: implementations must be callable from any thread. Swapping the
+// platform with `setPlatformForTesting` is meant for test set-up, while no other
+// thread uses the library.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kd {
+
+// The platform's search-path directory kinds (numbers are the macOS constants).
+enum class DirectoryKind : int {
+  Application = 1,
+  AdminApplication = 4,
+  Library = 5,
+  Documentation = 8,
+  Document = 9,
+  Desktop = 12,
+  Caches = 13,
+  ApplicationSupport = 14,
+  Movies = 17,
+};
+
+// Search-path domains (macOS numbering); combined as a bit mask.
+enum DomainMask : unsigned {
+  UserDomainMask = 1,
+  LocalDomainMask = 2,
+  SystemDomainMask = 8,
+};
+
+// A text rule of the root adjustment: a path that begins with `prefix` loses its
+// first `drop` characters (which may differ from the prefix length on purpose).
+struct PrefixDrop {
+  std::string prefix;
+  std::size_t drop = 0;
+};
+
+// What the platform knows of the program's own bundle (macOS) or installation
+// (Linux). Every field may be absent.
+struct BundleInfo {
+  std::optional<std::string> executablePath;  // the bundle's executable
+  std::optional<std::string> version;         // CFBundleVersion
+  std::optional<std::string> name;            // CFBundleName
+  std::optional<std::string> resourcesPath;   // folder of the bundle's resources
+};
+
+class Platform {
+ public:
+  virtual ~Platform() = default;
+
+  // --- Identity ---------------------------------------------------------
+  // The real user id, asked afresh at every call (never cached).
+  virtual std::uint32_t realUserId() = 0;
+  // The process's home folder (NSHomeDirectory): HOME on Linux.
+  virtual std::optional<std::string> homeDirectory() = 0;
+  // The home folder of a named user (NSHomeDirectoryForUser).
+  virtual std::optional<std::string> homeDirectoryForUser(const std::string& user) = 0;
+  // The process's user name (NSUserName).
+  virtual std::optional<std::string> userName() = 0;
+  // The user at the console, as the system reports it. macOS may answer
+  // "loginwindow"; callers filter that. None when nobody is logged in.
+  virtual std::optional<std::string> consoleUser() = 0;
+  // The folder component that holds users' homes: "Users" on macOS, "home" on Linux.
+  virtual std::string homesFolderName() = 0;
+  // Root-home prefix rules of the root adjustment, applied in order.
+  virtual std::vector<PrefixDrop> rootHomeAdjustments() = 0;
+
+  // --- Locations --------------------------------------------------------
+  // NSSearchPathForDirectoriesInDomains with tildes expanded.
+  virtual std::vector<std::string> searchPathForDirectories(DirectoryKind kind,
+                                                            unsigned domainMask) = 0;
+  // The per-user cache folder of confstr(_CS_DARWIN_USER_CACHE_DIR), if any.
+  virtual std::optional<std::string> userCacheDirectory() = 0;
+  // The per-user temporary folder (NSTemporaryDirectory).
+  virtual std::string temporaryDirectory() = 0;
+  // A string unique to this process and call (globallyUniqueString).
+  virtual std::string globallyUniqueString() = 0;
+  // The current working directory; none when unreadable or not valid UTF-8.
+  virtual std::optional<std::string> currentDirectory() = 0;
+
+  // --- System information ---------------------------------------------------
+  virtual std::string osName() = 0;           // "macOS", "Linux"
+  virtual std::string osVersionString() = 0;  // as the platform reports it
+  virtual long processorCount() = 0;
+  virtual std::uint64_t physicalMemory() = 0;  // bytes
+  virtual BundleInfo mainBundle() = 0;
+
+  // --- System log -------------------------------------------------------
+  // NSLog: one message to the system log (standard error plus journal or syslog).
+  virtual void systemLog(std::string_view message) = 0;
+
+  // --- Workspace ----------------------------------------------------------
+  // Mount points of the mounted removable media.
+  virtual std::vector<std::string> mountedRemovableMedia() = 0;
+  // Whether an application with this bundle identifier runs for this user.
+  virtual bool isApplicationRunning(std::string_view bundleIdentifier) = 0;
+  // Whether the path is a bundle or package directory.
+  virtual bool isFilePackage(const std::string& path) = 0;
+  // Opens a file with the application at `applicationPath` without waiting.
+  virtual bool openFileWithApplication(const std::string& file,
+                                       const std::string& applicationPath) = 0;
+  // Opens a file with the application of a bundle identifier without waiting.
+  virtual bool openFileWithBundleIdentifier(const std::string& file,
+                                            std::string_view bundleIdentifier) = 0;
+
+  // --- Crash reports ------------------------------------------------------
+  // Arranges that a fatal signal leaves a crash report named
+  // <appName>_<YYYY-MM-DD-HHMMSS>_<host>.crash in `reportFolder`. macOS writes
+  // its own reports; there this does nothing.
+  virtual void installCrashHandler(const std::string& appName,
+                                   const std::string& reportFolder) = 0;
+};
+
+// Forwards every call to another platform; fakes derive from it.
+class ForwardingPlatform : public Platform {
+ public:
+  explicit ForwardingPlatform(Platform& target) : target_(target) {}
+
+  std::uint32_t realUserId() override { return target_.realUserId(); }
+  std::optional<std::string> homeDirectory() override { return target_.homeDirectory(); }
+  std::optional<std::string> homeDirectoryForUser(const std::string& user) override {
+    return target_.homeDirectoryForUser(user);
+  }
+  std::optional<std::string> userName() override { return target_.userName(); }
+  std::optional<std::string> consoleUser() override { return target_.consoleUser(); }
+  std::string homesFolderName() override { return target_.homesFolderName(); }
+  std::vector<PrefixDrop> rootHomeAdjustments() override {
+    return target_.rootHomeAdjustments();
+  }
+  std::vector<std::string> searchPathForDirectories(DirectoryKind kind,
+                                                    unsigned domainMask) override {
+    return target_.searchPathForDirectories(kind, domainMask);
+  }
+  std::optional<std::string> userCacheDirectory() override {
+    return target_.userCacheDirectory();
+  }
+  std::string temporaryDirectory() override { return target_.temporaryDirectory(); }
+  std::string globallyUniqueString() override { return target_.globallyUniqueString(); }
+  std::optional<std::string> currentDirectory() override { return target_.currentDirectory(); }
+  std::string osName() override { return target_.osName(); }
+  std::string osVersionString() override { return target_.osVersionString(); }
+  long processorCount() override { return target_.processorCount(); }
+  std::uint64_t physicalMemory() override { return target_.physicalMemory(); }
+  BundleInfo mainBundle() override { return target_.mainBundle(); }
+  void systemLog(std::string_view message) override { target_.systemLog(message); }
+  std::vector<std::string> mountedRemovableMedia() override {
+    return target_.mountedRemovableMedia();
+  }
+  bool isApplicationRunning(std::string_view bundleIdentifier) override {
+    return target_.isApplicationRunning(bundleIdentifier);
+  }
+  bool isFilePackage(const std::string& path) override { return target_.isFilePackage(path); }
+  bool openFileWithApplication(const std::string& file,
+                               const std::string& applicationPath) override {
+    return target_.openFileWithApplication(file, applicationPath);
+  }
+  bool openFileWithBundleIdentifier(const std::string& file,
+                                    std::string_view bundleIdentifier) override {
+    return target_.openFileWithBundleIdentifier(file, bundleIdentifier);
+  }
+  void installCrashHandler(const std::string& appName, const std::string& reportFolder) override {
+    target_.installCrashHandler(appName, reportFolder);
+  }
+
+ protected:
+  Platform& target() { return target_; }
+
+ private:
+  Platform& target_;
+};
+
+// The platform in use: the build's own, or the one a test installed.
+Platform& platform();
+// The build's own platform implementation (never destroyed).
+Platform& nativePlatform();
+// Installs a platform for tests; nullptr restores the native one. The caller
+// keeps ownership and must keep it alive while installed.
+void setPlatformForTesting(Platform* fake);
+
+}  // namespace kd

@@ -1,0 +1,189 @@
+#include "platform/linux/LinuxPlatform.h"
+
+#include <limits.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <mutex>
+#include <random>
+
+#include "common/Path.h"
+
+namespace kd {
+
+Platform& nativePlatform() {
+  static LinuxPlatform* instance = new LinuxPlatform();  // never destroyed
+  return *instance;
+}
+
+namespace {
+
+std::optional<std::string> passwdField(uid_t uid, bool wantHome) {
+  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::string buf(size > 0 ? static_cast<std::size_t>(size) : 16384, '\0');
+  struct passwd pw {};
+  struct passwd* result = nullptr;
+  if (getpwuid_r(uid, &pw, buf.data(), buf.size(), &result) != 0 || !result) return std::nullopt;
+  return std::string(wantHome ? pw.pw_dir : pw.pw_name);
+}
+
+bool validUtf8(std::string_view s) {
+  std::size_t i = 0;
+  while (i < s.size()) {
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    std::size_t extra = c < 0x80 ? 0 : (c >> 5) == 0x6 ? 1 : (c >> 4) == 0xE ? 2 : (c >> 3) == 0x1E ? 3 : 4;
+    if (extra == 4 || i + extra >= s.size() + (extra == 0 ? 1 : 0)) return false;
+    for (std::size_t k = 1; k <= extra; ++k)
+      if ((static_cast<unsigned char>(s[i + k]) >> 6) != 0x2) return false;
+    i += extra + 1;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::uint32_t LinuxPlatform::realUserId() { return static_cast<std::uint32_t>(getuid()); }
+
+std::optional<std::string> LinuxPlatform::homeDirectory() {
+  if (const char* home = std::getenv("HOME"); home && *home) return std::string(home);
+  return passwdField(getuid(), true);
+}
+
+std::optional<std::string> LinuxPlatform::homeDirectoryForUser(const std::string& user) {
+  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::string buf(size > 0 ? static_cast<std::size_t>(size) : 16384, '\0');
+  struct passwd pw {};
+  struct passwd* result = nullptr;
+  if (getpwnam_r(user.c_str(), &pw, buf.data(), buf.size(), &result) != 0 || !result)
+    return std::nullopt;
+  return std::string(pw.pw_dir);
+}
+
+std::optional<std::string> LinuxPlatform::userName() { return passwdField(getuid(), false); }
+
+std::string LinuxPlatform::homesFolderName() { return "home"; }
+
+std::vector<PrefixDrop> LinuxPlatform::rootHomeAdjustments() { return {{"/root", 5}}; }
+
+std::string LinuxPlatform::temporaryDirectory() {
+  const char* tmp = std::getenv("TMPDIR");
+  std::string dir = (tmp && *tmp) ? tmp : "/tmp";
+  if (dir.back() != '/') dir.push_back('/');
+  return dir;
+}
+
+std::string LinuxPlatform::globallyUniqueString() {
+  // Host, process and a counter make it unique; random bits make it unlikely
+  // to repeat across processes that reuse a pid.
+  static std::atomic<std::uint64_t> counter{0};
+  static const std::uint64_t salt = std::random_device{}();
+  char host[HOST_NAME_MAX + 1] = {};
+  gethostname(host, sizeof host - 1);
+  char buf[160];
+  std::snprintf(buf, sizeof buf, "%08llX-%s-%d-%llX-%llX",
+                static_cast<unsigned long long>(salt & 0xFFFFFFFFu), host, static_cast<int>(getpid()),
+                static_cast<unsigned long long>(
+                    std::chrono::system_clock::now().time_since_epoch().count()),
+                static_cast<unsigned long long>(counter.fetch_add(1) + 1));
+  return buf;
+}
+
+std::optional<std::string> LinuxPlatform::currentDirectory() {
+  char buf[1024];
+  if (!getcwd(buf, sizeof buf)) return std::nullopt;
+  std::string dir(buf);
+  if (!validUtf8(dir)) return std::nullopt;
+  return dir;
+}
+
+std::string LinuxPlatform::osName() { return "Linux"; }
+
+std::string LinuxPlatform::osVersionString() {
+  // PRETTY_NAME of os-release plus the kernel release, e.g.
+  // "Debian GNU/Linux 12 (bookworm) (kernel 6.1.0-18-amd64)".
+  std::string pretty;
+  std::ifstream in("/etc/os-release");
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("PRETTY_NAME=", 0) == 0) {
+      pretty = line.substr(12);
+      if (pretty.size() >= 2 && pretty.front() == '"' && pretty.back() == '"')
+        pretty = pretty.substr(1, pretty.size() - 2);
+    }
+  }
+  struct utsname u {};
+  std::string kernel = uname(&u) == 0 ? u.release : "";
+  if (pretty.empty()) return kernel;
+  return pretty + " (kernel " + kernel + ")";
+}
+
+long LinuxPlatform::processorCount() { return sysconf(_SC_NPROCESSORS_CONF); }
+
+std::uint64_t LinuxPlatform::physicalMemory() {
+  long pages = sysconf(_SC_PHYS_PAGES);
+  long pageSize = sysconf(_SC_PAGE_SIZE);
+  if (pages < 0 || pageSize < 0) return 0;
+  return static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize);
+}
+
+BundleInfo LinuxPlatform::mainBundle() {
+  // The "bundle" is the installed program: its executable, the build's
+  // version, and a resources folder beside it (../share/ferrimo, or
+  // "Resources" next to the executable when run from an application folder).
+  BundleInfo info;
+  char buf[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n > 0) {
+    buf[n] = '\0';
+    info.executablePath = std::string(buf);
+    std::string name = path::lastComponent(buf);
+    if (auto dot = name.rfind('.'); dot != std::string::npos && dot > 0) name.resize(dot);
+    info.name = name;
+    std::string dir = path::deletingLastComponent(buf);
+    struct stat st {};
+    std::string beside = path::append(dir, "Resources");
+    std::string shared = path::append(path::deletingLastComponent(dir), "share/ferrimo");
+    if (::stat(beside.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+      info.resourcesPath = beside;
+    else if (::stat(shared.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+      info.resourcesPath = shared;
+  }
+#ifdef KD_VERSION
+  info.version = KD_VERSION;
+#endif
+  return info;
+}
+
+void LinuxPlatform::systemLog(std::string_view message) {
+  // Standard error, like NSLog, and syslog (the journal picks it up where it
+  // runs; without a syslog daemon the message is dropped there).
+  static std::once_flag opened;
+  std::string name = mainBundle().name.value_or("Kd");
+  static std::string ident;
+  std::call_once(opened, [&] {
+    ident = name;
+    openlog(ident.c_str(), LOG_PID | LOG_NDELAY, LOG_USER);
+  });
+  std::string line(message);
+  std::fprintf(stderr, "%s[%d] %s\n", name.c_str(), static_cast<int>(getpid()), line.c_str());
+  std::fflush(stderr);
+  syslog(LOG_NOTICE, "%s", line.c_str());
+}
+
+bool LinuxPlatform::isFilePackage(const std::string& path) {
+  // Linux has no packages; folders named like macOS bundles count as one so
+  // that the executability rules stay the same on both systems.
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
+  std::string ext = path::extension(path);
+  return ext == "app" || ext == "bundle" || ext == "framework" || ext == "plugin";
+}
+
+}  // namespace kd

@@ -1,0 +1,164 @@
+#include "support/FakeMacPlatform.h"
+
+namespace kd::test {
+
+FakeMacPlatform::FakeMacPlatform() : ForwardingPlatform(nativePlatform()) {}
+
+void FakeMacPlatform::setUid(std::uint32_t uid) {
+  std::lock_guard l(mu_);
+  uid_ = uid;
+}
+void FakeMacPlatform::setUser(std::string user) {
+  std::lock_guard l(mu_);
+  user_ = std::move(user);
+}
+void FakeMacPlatform::setConsoleUser(std::optional<std::string> user) {
+  std::lock_guard l(mu_);
+  console_ = std::move(user);
+}
+void FakeMacPlatform::setHomesRoot(std::string root) {
+  std::lock_guard l(mu_);
+  homesRoot_ = std::move(root);
+}
+void FakeMacPlatform::setRootHome(std::string home) {
+  std::lock_guard l(mu_);
+  rootHome_ = std::move(home);
+}
+void FakeMacPlatform::setSearchPath(DirectoryKind kind, unsigned domainMask,
+                                    std::vector<std::string> paths) {
+  std::lock_guard l(mu_);
+  overrides_[{static_cast<int>(kind), domainMask}] = std::move(paths);
+}
+void FakeMacPlatform::setMountedMedia(std::vector<std::string> media) {
+  std::lock_guard l(mu_);
+  media_ = std::move(media);
+}
+void FakeMacPlatform::setRunningBundleIds(std::vector<std::string> ids) {
+  std::lock_guard l(mu_);
+  running_ = std::move(ids);
+}
+void FakeMacPlatform::setCurrentDirectory(std::optional<std::string> dir) {
+  std::lock_guard l(mu_);
+  cwd_ = std::move(dir);
+}
+std::vector<std::string> FakeMacPlatform::systemLogMessages() const {
+  std::lock_guard l(mu_);
+  return systemLog_;
+}
+
+std::uint32_t FakeMacPlatform::realUserId() {
+  std::lock_guard l(mu_);
+  return uid_;
+}
+
+std::optional<std::string> FakeMacPlatform::homeDirectory() {
+  std::lock_guard l(mu_);
+  return uid_ == 0 ? rootHome_ : homesRoot_ + "/" + user_;
+}
+
+std::optional<std::string> FakeMacPlatform::homeDirectoryForUser(const std::string& user) {
+  std::lock_guard l(mu_);
+  if (user == "root") return rootHome_;
+  if (user.empty()) return std::nullopt;
+  return homesRoot_ + "/" + user;
+}
+
+std::optional<std::string> FakeMacPlatform::userName() {
+  std::lock_guard l(mu_);
+  return uid_ == 0 ? std::string("root") : user_;
+}
+
+std::optional<std::string> FakeMacPlatform::consoleUser() {
+  std::lock_guard l(mu_);
+  return console_;
+}
+
+std::vector<PrefixDrop> FakeMacPlatform::rootHomeAdjustments() {
+  return {{"/var/root", 9}, {"/private/var/root", 16}};
+}
+
+std::vector<std::string> FakeMacPlatform::searchPathForDirectories(DirectoryKind kind,
+                                                                   unsigned domainMask) {
+  std::string home = homeDirectory().value_or("");
+  std::lock_guard l(mu_);
+  if (auto it = overrides_.find({static_cast<int>(kind), domainMask}); it != overrides_.end())
+    return it->second;
+  // The macOS answers, in the order macOS gives them (user, local, system).
+  struct Row {
+    const char* user;
+    const char* local;
+    const char* system;
+  };
+  Row row{};
+  switch (kind) {
+    case DirectoryKind::Application:
+      row = {"/Applications", "/Applications", "/System/Applications"};
+      break;
+    case DirectoryKind::AdminApplication:
+      row = {"/Applications/Utilities", "/Applications/Utilities",
+             "/System/Applications/Utilities"};
+      break;
+    case DirectoryKind::Library:
+      row = {"/Library", "/Library", "/System/Library"};
+      break;
+    case DirectoryKind::Documentation:
+      row = {"/Library/Documentation", "/Library/Documentation",
+             "/System/Library/Documentation"};
+      break;
+    case DirectoryKind::Document:
+      row = {"/Documents", nullptr, nullptr};
+      break;
+    case DirectoryKind::Desktop:
+      row = {"/Desktop", nullptr, nullptr};
+      break;
+    case DirectoryKind::Caches:
+      row = {"/Library/Caches", "/Library/Caches", "/System/Library/Caches"};
+      break;
+    case DirectoryKind::ApplicationSupport:
+      row = {"/Library/Application Support", "/Library/Application Support", nullptr};
+      break;
+    case DirectoryKind::Movies:
+      row = {"/Movies", nullptr, nullptr};
+      break;
+  }
+  std::vector<std::string> out;
+  if ((domainMask & UserDomainMask) && row.user) out.push_back(home + row.user);
+  if ((domainMask & LocalDomainMask) && row.local) out.push_back(row.local);
+  if ((domainMask & SystemDomainMask) && row.system) out.push_back(row.system);
+  return out;
+}
+
+std::optional<std::string> FakeMacPlatform::userCacheDirectory() {
+  return std::string("/var/folders/zz/zyxvpxvq6csfxvn_n0000000000000/C/");
+}
+
+std::string FakeMacPlatform::temporaryDirectory() {
+  return "/var/folders/zz/zyxvpxvq6csfxvn_n0000000000000/T/";
+}
+
+std::optional<std::string> FakeMacPlatform::currentDirectory() {
+  {
+    std::lock_guard l(mu_);
+    if (cwd_) return *cwd_;
+  }
+  return target().currentDirectory();
+}
+
+void FakeMacPlatform::systemLog(std::string_view message) {
+  std::lock_guard l(mu_);
+  systemLog_.emplace_back(message);
+}
+
+std::vector<std::string> FakeMacPlatform::mountedRemovableMedia() {
+  std::lock_guard l(mu_);
+  return media_;
+}
+
+bool FakeMacPlatform::isApplicationRunning(std::string_view bundleIdentifier) {
+  std::lock_guard l(mu_);
+  for (const auto& id : running_)
+    if (id == bundleIdentifier) return true;
+  return false;
+}
+
+}  // namespace kd::test
