@@ -2,7 +2,7 @@
 # Installs the Debian 12 packages the build and the tests need, when missing.
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
-          libplist-dev libssl-dev libarchive-dev libmount-dev libcli11-dev
+          libplist-dev libssl-dev libarchive-dev libmount-dev libcli11-dev libsystemd-dev
           libgtest-dev libgmock-dev libbenchmark-dev
           util-linux passwd sudo procps)
 missing=()

@@ -108,6 +108,10 @@ class Platform {
   virtual bool isApplicationRunning(std::string_view bundleIdentifier) = 0;
   // Whether the path is a bundle or package directory.
   virtual bool isFilePackage(const std::string& path) = 0;
+  // The path of an application shipped among the program's own resources
+  // ("Bug Reporter" -> Resources/Bug Reporter.app on macOS, an executable
+  // Resources/Bug Reporter on Linux); none when it is not there.
+  virtual std::optional<std::string> bundledApplication(const std::string& name) = 0;
   // Opens a file with the application at `applicationPath` without waiting.
   virtual bool openFileWithApplication(const std::string& file,
                                        const std::string& applicationPath) = 0;
@@ -162,6 +166,9 @@ class ForwardingPlatform : public Platform {
     return target_.isApplicationRunning(bundleIdentifier);
   }
   bool isFilePackage(const std::string& path) override { return target_.isFilePackage(path); }
+  std::optional<std::string> bundledApplication(const std::string& name) override {
+    return target_.bundledApplication(name);
+  }
   bool openFileWithApplication(const std::string& file,
                                const std::string& applicationPath) override {
     return target_.openFileWithApplication(file, applicationPath);

@@ -44,6 +44,7 @@ class LinuxPlatform final : public Platform {
   std::vector<std::string> mountedRemovableMedia() override;
   bool isApplicationRunning(std::string_view bundleIdentifier) override;
   bool isFilePackage(const std::string& path) override;
+  std::optional<std::string> bundledApplication(const std::string& name) override;
   bool openFileWithApplication(const std::string& file,
                                const std::string& applicationPath) override;
   bool openFileWithBundleIdentifier(const std::string& file,
