@@ -1,17 +1,275 @@
+// Workspace services on Linux: removable media from the mount table, running
+// applications from /proc, and opening files with applications.
+#include <dirent.h>
+#include <fcntl.h>
+#include <libmount/libmount.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <thread>
+
+#include "common/Path.h"
+#include "common/UniqueFd.h"
 #include "platform/linux/LinuxPlatform.h"
+
+extern char** environ;
 
 namespace kd {
 
-// Placeholders until the workspace services land.
-std::vector<std::string> LinuxPlatform::mountedRemovableMedia() { return {}; }
-bool LinuxPlatform::isApplicationRunning(std::string_view) { return false; }
-std::optional<std::string> LinuxPlatform::bundledApplication(const std::string&) {
-  return std::nullopt;
+namespace {
+
+bool startsWith(std::string_view s, std::string_view prefix) {
+  return s.substr(0, prefix.size()) == prefix;
 }
-bool LinuxPlatform::openFileWithApplication(const std::string&, const std::string&) {
+
+std::string readSmallFile(const std::string& p) {
+  std::ifstream in(p);
+  std::string s;
+  std::getline(in, s);
+  return s;
+}
+
+// Whether the block device with this device number is removable or sits on a
+// USB or MMC bus, judged from sysfs (the whole disk of a partition counts).
+bool isRemovableBlockDevice(dev_t dev) {
+  char link[64];
+  std::snprintf(link, sizeof link, "/sys/dev/block/%u:%u", major(dev), minor(dev));
+  char target[4096];
+  ssize_t n = readlink(link, target, sizeof target - 1);
+  if (n <= 0) return false;
+  target[n] = '\0';
+  std::string devPath(target);  // ../../devices/pci.../usb1/.../block/sdb/sdb1
+  if (devPath.find("/usb") != std::string::npos || devPath.find("/mmc") != std::string::npos)
+    return true;
+  std::string sys(link);
+  if (readSmallFile(sys + "/removable") == "1") return true;
+  // A partition: its parent folder is the whole disk.
+  struct stat st {};
+  if (::stat((sys + "/partition").c_str(), &st) == 0)
+    return readSmallFile(sys + "/../removable") == "1";
   return false;
 }
-bool LinuxPlatform::openFileWithBundleIdentifier(const std::string&, std::string_view) {
+
+// Pseudo and network file systems are never removable media.
+bool isPseudoFs(const char* type) {
+  static const char* const kSkip[] = {"proc",    "sysfs",       "devtmpfs",  "devpts",  "cgroup",
+                                      "cgroup2", "securityfs",  "debugfs",   "tracefs", "pstore",
+                                      "bpf",     "mqueue",      "hugetlbfs", "autofs",  "configfs",
+                                      "fusectl", "binfmt_misc", "overlay",   "nsfs",    "efivarfs"};
+  if (!type) return false;
+  for (const char* s : kSkip)
+    if (std::strcmp(type, s) == 0) return true;
+  return false;
+}
+
+// Starts a program with arguments, detached: standard streams go to the null
+// device and a background thread reaps it so that no zombie stays behind.
+bool spawnDetached(const std::vector<std::string>& argv) {
+  if (argv.empty()) return false;
+  std::vector<char*> args;
+  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  for (int fd = 0; fd <= 2; ++fd)
+    posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd == 0 ? O_RDONLY : O_WRONLY, 0);
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  // A new session: the opened application outlives us and ignores our terminal.
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
+  pid_t pid = 0;
+  int rc = posix_spawn(&pid, args[0], &actions, &attr, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attr);
+  if (rc != 0) return false;
+  std::thread([pid] {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+  }).detach();
+  return true;
+}
+
+bool isExecutableFile(const std::string& p) {
+  struct stat st {};
+  return ::stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(p.c_str(), X_OK) == 0;
+}
+
+// The Exec line of a desktop entry split into words, with field codes for
+// files replaced by `file` and the others dropped.
+std::vector<std::string> execArguments(const std::string& exec, const std::string& file) {
+  std::vector<std::string> words;
+  std::string cur;
+  bool inWord = false, quoted = false, fileGiven = false;
+  for (std::size_t i = 0; i < exec.size(); ++i) {
+    char c = exec[i];
+    if (quoted) {
+      if (c == '\\' && i + 1 < exec.size()) {
+        cur.push_back(exec[++i]);
+      } else if (c == '"') {
+        quoted = false;
+      } else {
+        cur.push_back(c);
+      }
+      continue;
+    }
+    if (c == '"') {
+      quoted = inWord = true;
+    } else if (c == ' ' || c == '\t') {
+      if (inWord) words.push_back(std::move(cur));
+      cur.clear();
+      inWord = false;
+    } else if (c == '%' && i + 1 < exec.size()) {
+      char code = exec[++i];
+      inWord = true;
+      if (code == '%') {
+        cur.push_back('%');
+      } else if (code == 'f' || code == 'F' || code == 'u' || code == 'U') {
+        cur += file;
+        fileGiven = true;
+      }
+    } else {
+      cur.push_back(c);
+      inWord = true;
+    }
+  }
+  if (inWord && !cur.empty()) words.push_back(std::move(cur));
+  if (!fileGiven) words.push_back(file);
+  return words;
+}
+
+std::vector<std::string> xdgDataDirs() {
+  std::vector<std::string> dirs;
+  if (const char* d = std::getenv("XDG_DATA_HOME"); d && *d == '/')
+    dirs.emplace_back(d);
+  else if (const char* home = std::getenv("HOME"); home && *home)
+    dirs.push_back(path::append(home, ".local/share"));
+  std::string sys = "/usr/local/share:/usr/share";
+  if (const char* d = std::getenv("XDG_DATA_DIRS"); d && *d) sys = d;
+  std::size_t start = 0;
+  while (start <= sys.size()) {
+    std::size_t end = sys.find(':', start);
+    if (end == std::string::npos) end = sys.size();
+    if (end > start && sys[start] == '/') dirs.push_back(sys.substr(start, end - start));
+    start = end + 1;
+  }
+  return dirs;
+}
+
+// Resolves the program of an Exec word through PATH when it has no slash.
+std::optional<std::string> resolveProgram(const std::string& word) {
+  if (word.find('/') != std::string::npos)
+    return isExecutableFile(word) ? std::optional(word) : std::nullopt;
+  const char* pathEnv = std::getenv("PATH");
+  std::string dirs = pathEnv ? pathEnv : "/usr/local/bin:/usr/bin:/bin";
+  std::size_t start = 0;
+  while (start <= dirs.size()) {
+    std::size_t end = dirs.find(':', start);
+    if (end == std::string::npos) end = dirs.size();
+    std::string candidate = path::append(dirs.substr(start, end - start), word);
+    if (end > start && isExecutableFile(candidate)) return candidate;
+    start = end + 1;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::vector<std::string> LinuxPlatform::mountedRemovableMedia() {
+  std::vector<std::string> media;
+  std::unique_ptr<libmnt_table, void (*)(libmnt_table*)> table(mnt_new_table(), mnt_unref_table);
+  if (!table || mnt_table_parse_file(table.get(), "/proc/self/mountinfo") != 0) return media;
+  std::unique_ptr<libmnt_iter, void (*)(libmnt_iter*)> iter(mnt_new_iter(MNT_ITER_FORWARD),
+                                                            mnt_free_iter);
+  libmnt_fs* fs = nullptr;
+  while (iter && mnt_table_next_fs(table.get(), iter.get(), &fs) == 0) {
+    const char* target = mnt_fs_get_target(fs);
+    if (!target || isPseudoFs(mnt_fs_get_fstype(fs))) continue;
+    std::string mountPoint(target);
+    bool removable = startsWith(mountPoint, "/media/") || startsWith(mountPoint, "/run/media/");
+    if (!removable) {
+      dev_t dev = mnt_fs_get_devno(fs);
+      removable = major(dev) != 0 && isRemovableBlockDevice(dev);
+    }
+    if (removable) media.push_back(mountPoint);
+  }
+  return media;
+}
+
+bool LinuxPlatform::isApplicationRunning(std::string_view bundleIdentifier) {
+  // A bundle identifier names its executable in its last component
+  // ("com.quillfen.Ferrimo" runs as an executable named "Ferrimo").
+  std::string exeName(bundleIdentifier.substr(bundleIdentifier.rfind('.') + 1));
+  if (exeName.empty()) return false;
+  uid_t me = getuid();
+  std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+  if (!proc) return false;
+  pid_t self = getpid();
+  while (dirent* e = readdir(proc.get())) {
+    char* end = nullptr;
+    long pid = std::strtol(e->d_name, &end, 10);
+    if (*end != '\0' || pid <= 0 || pid == self) continue;
+    std::string dir = std::string("/proc/") + e->d_name;
+    struct stat st {};
+    if (::stat(dir.c_str(), &st) != 0 || st.st_uid != me) continue;
+    char buf[4096];
+    ssize_t n = readlink((dir + "/exe").c_str(), buf, sizeof buf - 1);
+    std::string name;
+    if (n > 0) {
+      buf[n] = '\0';
+      std::string exe(buf);
+      if (exe.size() > 10 && exe.compare(exe.size() - 10, 10, " (deleted)") == 0)
+        exe.resize(exe.size() - 10);
+      name = path::lastComponent(exe);
+    } else {
+      name = readSmallFile(dir + "/comm");  // kernel threads and unreadable links
+    }
+    if (name == exeName) return true;
+  }
+  return false;
+}
+
+std::optional<std::string> LinuxPlatform::bundledApplication(const std::string& name) {
+  auto resources = mainBundle().resourcesPath;
+  if (!resources) return std::nullopt;
+  std::string candidate = path::append(*resources, name);
+  if (isExecutableFile(candidate)) return candidate;
+  return std::nullopt;
+}
+
+bool LinuxPlatform::openFileWithApplication(const std::string& file,
+                                            const std::string& applicationPath) {
+  if (!isExecutableFile(applicationPath)) return false;
+  return spawnDetached({applicationPath, file});
+}
+
+bool LinuxPlatform::openFileWithBundleIdentifier(const std::string& file,
+                                                 std::string_view bundleIdentifier) {
+  // The application's desktop entry is named after its bundle identifier.
+  std::string entryName = std::string(bundleIdentifier) + ".desktop";
+  for (const auto& dir : xdgDataDirs()) {
+    std::ifstream in(path::append(path::append(dir, "applications"), entryName));
+    if (!in) continue;
+    bool inMain = false;
+    for (std::string line; std::getline(in, line);) {
+      if (!line.empty() && line[0] == '[') inMain = line == "[Desktop Entry]";
+      if (!inMain || !startsWith(line, "Exec=")) continue;
+      auto words = execArguments(line.substr(5), file);
+      if (words.empty()) return false;
+      auto program = resolveProgram(words[0]);
+      if (!program) return false;
+      words[0] = *program;
+      return spawnDetached(words);
+    }
+    return false;  // the first entry found decides, as the lookup order says
+  }
   return false;
 }
 
