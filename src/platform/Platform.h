@@ -31,6 +31,11 @@ enum class DirectoryKind : int {
   Caches = 13,
   ApplicationSupport = 14,
   Movies = 17,
+  // Composed kinds, not macOS constants: macOS builds them from Library
+  // (Library/Preferences, Library/Logs); other platforms keep settings and logs
+  // in folders of their own (on Linux the XDG config and state folders).
+  Preferences = 1001,
+  Logs = 1002,
 };
 
 // Search-path domains (macOS numbering); combined as a bit mask.

@@ -79,10 +79,19 @@ std::vector<PrefixDrop> FakeMacPlatform::rootHomeAdjustments() {
 
 std::vector<std::string> FakeMacPlatform::searchPathForDirectories(DirectoryKind kind,
                                                                    unsigned domainMask) {
+  {
+    std::lock_guard l(mu_);
+    if (auto it = overrides_.find({static_cast<int>(kind), domainMask}); it != overrides_.end())
+      return it->second;
+  }
+  // Preferences and Logs are Library's subfolders on macOS, whatever Library
+  // gives (an override of Library included).
+  if (kind == DirectoryKind::Preferences || kind == DirectoryKind::Logs) {
+    std::vector<std::string> paths = searchPathForDirectories(DirectoryKind::Library, domainMask);
+    for (auto& p : paths) p += kind == DirectoryKind::Preferences ? "/Preferences" : "/Logs";
+    return paths;
+  }
   std::string home = homeDirectory().value_or("");
-  std::lock_guard l(mu_);
-  if (auto it = overrides_.find({static_cast<int>(kind), domainMask}); it != overrides_.end())
-    return it->second;
   // The macOS answers, in the order macOS gives them (user, local, system).
   struct Row {
     const char* user;
@@ -120,6 +129,9 @@ std::vector<std::string> FakeMacPlatform::searchPathForDirectories(DirectoryKind
     case DirectoryKind::Movies:
       row = {"/Movies", nullptr, nullptr};
       break;
+    case DirectoryKind::Preferences:
+    case DirectoryKind::Logs:
+      break;  // composed above
   }
   std::vector<std::string> out;
   if ((domainMask & UserDomainMask) && row.user) out.push_back(home + row.user);
