@@ -32,5 +32,11 @@ function(kd_test name)
   if(NOT K_LABELS)
     set(K_LABELS unit)
   endif()
-  gtest_discover_tests(${name} PROPERTIES LABELS "${K_LABELS}" DISCOVERY_TIMEOUT 60)
+  # Root tests mount file systems and watch the mount table: run them one at a
+  # time so that one test's mounts do not show up in another's.
+  set(lock "")
+  if("root" IN_LIST K_LABELS)
+    set(lock RESOURCE_LOCK mount_table)
+  endif()
+  gtest_discover_tests(${name} PROPERTIES LABELS "${K_LABELS}" ${lock} DISCOVERY_TIMEOUT 60)
 endfunction()

@@ -1,0 +1,77 @@
+// ferrimo-mount-agent: runs FerrimoHelper at login and on every new mount.
+#include <limits.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+
+#include <cstdlib>
+#include <iostream>
+
+#include "MountAgent.h"
+#include "common/Path.h"
+#include "common/UniqueFd.h"
+
+namespace {
+std::string defaultHelper() {
+  char buf[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n <= 0) return "FerrimoHelper";
+  buf[n] = '\0';
+  return kd::path::append(kd::path::deletingLastComponent(buf), "FerrimoHelper");
+}
+
+std::string defaultAppDir() {
+  if (const char* d = std::getenv("FERRIMO_APP_DIR"); d && *d) return d;
+  std::string data;
+  if (const char* x = std::getenv("XDG_DATA_HOME"); x && *x == '/')
+    data = x;
+  else if (const char* h = std::getenv("HOME"); h && *h)
+    data = kd::path::append(h, ".local/share");
+  else
+    data = "/tmp";
+  return kd::path::append(data, "ferrimo/Ferrimo.app");
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+  kd::agent::Options options{defaultHelper(), defaultAppDir()};
+  bool noSetup = false;
+  CLI::App app{
+      "Runs FerrimoHelper once at start (with -setup) and once for every new mount, with the\n"
+      "Ferrimo application folder as working directory. Stops on SIGTERM or SIGINT."};
+  app.name("ferrimo-mount-agent");
+  app.add_option("--helper", options.helperPath, "The helper executable")
+      ->capture_default_str()
+      ->check(CLI::ExistingFile);
+  app.add_option("--app-dir", options.appDir,
+                 "The Ferrimo application folder (holds Contents/MacOS/Ferrimo); "
+                 "default $FERRIMO_APP_DIR or $XDG_DATA_HOME/ferrimo/Ferrimo.app")
+      ->capture_default_str();
+  app.add_flag("--no-setup", noSetup, "Do not run the helper with -setup at start");
+  app.add_flag("-v,--verbose", options.verbose, "Report every helper run on standard error");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::cerr << "ferrimo-mount-agent: " << e.what() << " (see --help)" << std::endl;
+    return 2;
+  }
+  options.runSetup = !noSetup;
+
+  // Stop requests arrive as readable data on a signal descriptor.
+  sigset_t mask;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGTERM);
+  sigaddset(&mask, SIGINT);
+  sigaddset(&mask, SIGHUP);
+  sigprocmask(SIG_BLOCK, &mask, nullptr);
+  kd::UniqueFd stop(signalfd(-1, &mask, SFD_CLOEXEC));
+  if (!stop) {
+    std::cerr << "ferrimo-mount-agent: cannot receive stop signals" << std::endl;
+    return 1;
+  }
+  int status = kd::agent::MountAgent(options).run(stop.get());
+  return status;
+}
