@@ -50,7 +50,8 @@ TEST(MountAgentRoot, RunsTheHelperOnceAtStartAndOncePerNewMount) {
   std::string card = dir.mkdir("card");
 
   pid_t agent = 0;
-  std::vector<std::string> args{KD_AGENT_PATH, "--helper", helper, "--app-dir", appDir};
+  std::vector<std::string> args{KD_AGENT_PATH, "--helper", helper,      "--app-dir",
+                                appDir,        "--lock",   dir / "lock"};
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);

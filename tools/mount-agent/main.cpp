@@ -1,11 +1,15 @@
 // ferrimo-mount-agent: runs FerrimoHelper at login and on every new mount.
+#include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 
 #include "MountAgent.h"
@@ -32,11 +36,17 @@ std::string defaultAppDir() {
     data = "/tmp";
   return kd::path::append(data, "ferrimo/Ferrimo.app");
 }
+std::string defaultLock() {
+  if (const char* r = std::getenv("XDG_RUNTIME_DIR"); r && *r == '/')
+    return kd::path::append(r, "ferrimo-mount-agent.lock");
+  return "/tmp/ferrimo-mount-agent-" + std::to_string(getuid()) + ".lock";
+}
 }  // namespace
 
 int main(int argc, char** argv) {
   kd::agent::Options options{defaultHelper(), defaultAppDir()};
   bool noSetup = false;
+  std::string lockPath = defaultLock();
   CLI::App app{
       "Runs FerrimoHelper once at start (with -setup) and once for every new mount, with the\n"
       "Ferrimo application folder as working directory. Stops on SIGTERM or SIGINT."};
@@ -47,6 +57,10 @@ int main(int argc, char** argv) {
   app.add_option("--app-dir", options.appDir,
                  "The Ferrimo application folder (holds Contents/MacOS/Ferrimo); "
                  "default $FERRIMO_APP_DIR or $XDG_DATA_HOME/ferrimo/Ferrimo.app")
+      ->capture_default_str();
+  app.add_option("--lock", lockPath,
+                 "Lock file that keeps one agent per user (the service and the autostart "
+                 "entry may both start one)")
       ->capture_default_str();
   app.add_flag("--no-setup", noSetup, "Do not run the helper with -setup at start");
   app.add_flag("-v,--verbose", options.verbose, "Report every helper run on standard error");
@@ -59,6 +73,17 @@ int main(int argc, char** argv) {
     return 2;
   }
   options.runSetup = !noSetup;
+
+  kd::UniqueFd lock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (!lock) {
+    std::cerr << "ferrimo-mount-agent: cannot open lock file " << lockPath << ": "
+              << std::strerror(errno) << std::endl;
+    return 1;
+  }
+  if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    std::cerr << "ferrimo-mount-agent: another agent is running for this user" << std::endl;
+    return 0;
+  }
 
   // Stop requests arrive as readable data on a signal descriptor.
   sigset_t mask;
