@@ -29,7 +29,7 @@ std::string dateDescription(DateSeconds t) {
   std::int64_t d = doy - (153 * mp + 2) / 5 + 1;
   std::int64_t m = mp < 10 ? mp + 3 : mp - 9;
   if (m <= 2) ++y;
-  char buf[64];
+  char buf[160];
   std::snprintf(buf, sizeof buf, "%04lld-%02lld-%02lld %02lld:%02lld:%02lld +0000",
                 static_cast<long long>(y), static_cast<long long>(m), static_cast<long long>(d),
                 static_cast<long long>(secs / 3600), static_cast<long long>(secs / 60 % 60),
