@@ -1,0 +1,131 @@
+// Wildcard path matching of KdFileManager.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <memory>
+
+#include "common/Path.h"
+#include "files/KdFileManager.h"
+
+namespace {
+
+struct DirCloser {
+  void operator()(DIR* d) const { closedir(d); }
+};
+using DirHandle = std::unique_ptr<DIR, DirCloser>;
+
+// Index of the character after the one starting at `i`: a UTF-8 lead byte
+// takes its continuation bytes along, any other byte stands alone.
+std::size_t nextChar(std::string_view s, std::size_t i) {
+  const auto lead = static_cast<unsigned char>(s[i++]);
+  if (lead < 0xC0) return i;
+  for (int k = 0; k < 3 && i < s.size(); ++k, ++i) {
+    if ((static_cast<unsigned char>(s[i]) & 0xC0) != 0x80) break;
+  }
+  return i;
+}
+
+// Follows symbolic links: a dangling link does not exist.
+bool existsAt(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+// Appends to `out` every entry of `folder` whose name matches `component`.
+// Opens the folder once; a folder that cannot be opened adds nothing.
+void appendMatchingEntries(const std::string& folder, std::string_view component,
+                           std::vector<std::string>& out) {
+  // opendir uses O_CLOEXEC in glibc and on macOS.
+  DirHandle dir(::opendir(folder.c_str()));
+  if (!dir) return;
+  const int fd = ::dirfd(dir.get());
+  while (const dirent* entry = ::readdir(dir.get())) {
+    const std::string_view name(entry->d_name);
+    if (name == "." || name == "..") continue;
+    if (!KdFileManager::nameMatchesWildcard(name, component)) continue;
+    // A listed folder or file exists; links (and file systems that do not
+    // report the type) need a look at what they point to.
+    if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) {
+      struct stat st;
+      if (::fstatat(fd, entry->d_name, &st, 0) != 0) continue;
+    }
+    out.push_back(kd::path::append(folder, name));
+  }
+}
+
+std::vector<std::string> expand(const std::string& pattern,
+                                const std::optional<std::string>& basePath) {
+  if (pattern.find('*') == std::string::npos) {
+    return {basePath ? kd::path::append(*basePath, pattern) : pattern};
+  }
+  const std::string start = basePath ? *basePath : std::string("/");
+  std::vector<std::string> candidates{start};
+  for (const std::string& component : kd::path::components(pattern)) {
+    std::vector<std::string> next;
+    if (component.find('*') != std::string::npos) {
+      for (const std::string& folder : candidates) appendMatchingEntries(folder, component, next);
+    } else if (component == "/") {
+      next.push_back(start);
+    } else {
+      for (const std::string& folder : candidates) {
+        std::string joined = kd::path::append(folder, component);
+        if (existsAt(joined)) next.push_back(std::move(joined));
+      }
+    }
+    candidates = std::move(next);
+  }
+  return candidates;
+}
+
+}  // namespace
+
+bool KdFileManager::nameMatchesWildcard(std::string_view name, std::string_view pattern) {
+  // Greedy scan that remembers only the latest "*": on a mismatch the latest
+  // star swallows one more character and the scan resumes after it. Earlier
+  // stars never need revisiting, which keeps the work at O(name x pattern).
+  constexpr std::size_t kNone = std::string_view::npos;
+  std::size_t n = 0, p = 0;
+  std::size_t starP = kNone, starN = 0;
+  while (n < name.size()) {
+    if (p < pattern.size() && pattern[p] == '*') {
+      starP = ++p;
+      starN = n;
+    } else if (p < pattern.size() && pattern[p] == '?') {
+      ++p;
+      n = nextChar(name, n);
+    } else if (p < pattern.size() && pattern[p] == name[n]) {
+      ++p;
+      ++n;
+    } else if (starP != kNone) {
+      starN = nextChar(name, starN);
+      n = starN;
+      p = starP;
+    } else {
+      return false;
+    }
+  }
+  while (p < pattern.size() && pattern[p] == '*') ++p;
+  return p == pattern.size();
+}
+
+std::vector<std::string> KdFileManager::filesMatchingWildcardPath(
+    const std::string& pattern, const std::optional<std::string>& basePath, bool searchSubdirs) {
+  try {
+    return expand(pattern, basePath);
+  } catch (...) {
+    // Only allocation can fail here; the contract is an empty result.
+    return {};
+  }
+}
+
+std::optional<std::string> KdFileManager::decodeWildcardPath(
+    const std::string& pattern, const std::optional<std::string>& basePath) {
+  try {
+    std::vector<std::string> matches = expand(pattern, basePath);
+    if (!matches.empty()) return std::move(matches.front());
+    return kd::path::append(basePath, pattern);
+  } catch (...) {
+    return std::nullopt;
+  }
+}
