@@ -15,7 +15,11 @@
 
 class KdLog {
  public:
+  // The one instance; the first call creates it and starts the writer thread.
   static KdLog& sharedController();
+
+  KdLog(const KdLog&) = delete;
+  KdLog& operator=(const KdLog&) = delete;
 
   static void createNewLog(std::optional<std::string> name = std::nullopt);
 
@@ -49,6 +53,8 @@ class KdLog {
 
   // Instance operations.
   void appendTextToLog(std::string_view text);
+  // The stored name, else the executable's file name without extension; ""
+  // when neither exists.
   std::string appName() const;
   void setAppName(std::optional<std::string> name);
   std::uint64_t bytesWritten() const;
@@ -56,8 +62,18 @@ class KdLog {
   bool loggingDisabled() const;
 
  private:
+  struct Impl;
+  friend struct Impl;
+  friend struct KdLogTestAccess;
+
   KdLog();
+  ~KdLog() = delete;  // never destroyed: threads may log during exit
   static bool acceptsLines();
   static void appendFormatted(std::string text, bool mayWait);
   static void appendAndPrint(std::string text, bool print);
+  void enqueueLine(std::string text);
+  // As appName(), absent (rather than "") when there is no name at all.
+  std::optional<std::string> appNameIfAny() const;
+
+  Impl& impl_;
 };

@@ -1,0 +1,682 @@
+// The application log: the session (rotation, header, the global switch) and
+// the serial writer.
+//
+// The writer is one thread that owns the file descriptor. Callers format on
+// their own thread and hand the text over through a mutex-guarded queue; flush,
+// a new log and the end of the log travel through the same queue as messages,
+// so every file operation happens on the writer thread in queue order.
+#include "log/KdLog.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <typeinfo>
+
+#include <cxxabi.h>
+
+#include "common/AtomicFile.h"
+#include "common/DateText.h"
+#include "common/Path.h"
+#include "common/PropertyList.h"
+#include "common/UniqueFd.h"
+#include "log/KdLogTesting.h"
+#include "paths/KdLocalPaths.h"
+
+namespace {
+
+// The process's main thread: static initialisation runs there, before main().
+// Lines from any other thread may wait for the writer (see appendFormatted).
+const std::thread::id gMainThread = std::this_thread::get_id();
+
+// Set on the writer thread, where waiting for the queue would wait for itself.
+thread_local bool tOnWriterThread = false;
+
+constexpr std::uint64_t kRollOverBytes = 500000;
+constexpr std::size_t kShortLineUnits = 100;
+constexpr std::size_t kCancelThreshold = 11;
+// Lines of one batch are gathered and written together up to this size.
+constexpr std::size_t kWriteChunk = 64 * 1024;
+
+constexpr const char* kGlobalPrefsFile = "com.quillfen.global.plist";
+constexpr const char* kLogFolderName = "Quillfen";
+
+// Messages about the log itself go to standard output, never into the log.
+void printToStdout(std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
+}
+
+// Length in UTF-16 code units, the unit the queue's counter and the
+// short-line rule count in.
+std::size_t utf16Length(std::string_view s) {
+  std::size_t n = 0;
+  for (unsigned char c : s) {
+    if ((c & 0xC0) != 0x80) ++n;
+    if (c >= 0xF0) ++n;  // a surrogate pair
+  }
+  return n;
+}
+
+bool isSpaceOrLineEnd(char32_t c) {
+  return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
+         (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F ||
+         c == 0x3000;
+}
+
+// Decodes the UTF-8 sequence of `len` bytes at `p`; 0xFFFFFFFF when malformed.
+char32_t decode(const unsigned char* p, std::size_t len) {
+  if (len == 1) return p[0] < 0x80 ? p[0] : 0xFFFFFFFF;
+  char32_t c = p[0] & (0x7F >> len);
+  for (std::size_t i = 1; i < len; ++i) {
+    if ((p[i] & 0xC0) != 0x80) return 0xFFFFFFFF;
+    c = (c << 6) | (p[i] & 0x3F);
+  }
+  return c;
+}
+
+std::size_t sequenceLength(unsigned char lead) {
+  if (lead < 0x80) return 1;
+  if ((lead & 0xE0) == 0xC0) return 2;
+  if ((lead & 0xF0) == 0xE0) return 3;
+  if ((lead & 0xF8) == 0xF0) return 4;
+  return 1;
+}
+
+// Removes white space and line ends (Unicode's, as the system counts them)
+// from both ends.
+void trimInPlace(std::string& s) {
+  const auto* data = reinterpret_cast<const unsigned char*>(s.data());
+  std::size_t begin = 0;
+  while (begin < s.size()) {
+    std::size_t len = sequenceLength(data[begin]);
+    if (begin + len > s.size() || !isSpaceOrLineEnd(decode(data + begin, len))) break;
+    begin += len;
+  }
+  std::size_t end = s.size();
+  while (end > begin) {
+    std::size_t lead = end - 1;
+    while (lead > begin && (data[lead] & 0xC0) == 0x80 && end - lead < 4) --lead;
+    std::size_t len = end - lead;
+    if (sequenceLength(data[lead]) != len || !isSpaceOrLineEnd(decode(data + lead, len))) break;
+    end = lead;
+  }
+  s.erase(end);
+  s.erase(0, begin);
+}
+
+bool pathExists(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+bool isDirectory(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// mkdir -p; true when the folder exists afterwards.
+bool createFolderWithParents(const std::string& path) {
+  if (path.empty()) return false;
+  if (isDirectory(path)) return true;
+  const std::string parent = kd::path::deletingLastComponent(path);
+  if (!parent.empty() && parent != path && !isDirectory(parent) &&
+      !createFolderWithParents(parent)) {
+    return false;
+  }
+  return ::mkdir(path.c_str(), 0755) == 0 || (errno == EEXIST && isDirectory(path));
+}
+
+std::string demangledName(const char* mangled) {
+  int status = 0;
+  char* d = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
+  std::string name = status == 0 && d ? d : mangled;
+  std::free(d);
+  return name;
+}
+
+std::terminate_handler gPreviousTerminate = nullptr;
+
+// Logs the reason of an uncaught exception so that it reaches the file before
+// the process ends, then lets the previous handler report and abort.
+[[noreturn]] void onTerminate() {
+  if (std::exception_ptr e = std::current_exception()) {
+    std::string reason;
+    try {
+      std::rethrow_exception(e);
+    } catch (const std::exception& ex) {
+      reason = ex.what();
+    } catch (...) {
+      const std::type_info* t = abi::__cxa_current_exception_type();
+      reason = t ? demangledName(t->name()) : "unknown exception";
+    }
+    KdLog::appendLogAndPrint(reason);
+    KdLog::finishWriting();
+  }
+  if (gPreviousTerminate) gPreviousTerminate();
+  std::abort();
+}
+
+}  // namespace
+
+// One queued operation. Lines carry their text; flushes, new logs and the end
+// of the log carry a promise that the writer keeps once the operation is done.
+struct LogOp {
+  enum class Kind : std::uint8_t { Line, Flush, Call };
+  Kind kind = Kind::Line;
+  bool survivesCancel = false;  // the end of the log itself is never cancelled
+  std::size_t units = 0;        // Line: counted in bytesInQueue
+  std::string text;
+  std::function<void()> call;
+  std::promise<void> done;
+};
+
+// The singleton's state. Fields under `mu` are shared with callers; fields
+// marked "writer" are touched only on the writer thread (or while it is known
+// to be idle, by the test reset); atomics may be read anywhere.
+struct KdLog::Impl {
+  KdLog& log;
+
+  std::mutex mu;
+  std::condition_variable wake;
+  std::vector<LogOp> queue;    // guarded by mu
+  bool writerWaiting = false;  // guarded by mu
+  bool ended = false;          // guarded by mu: willTerminate ran; lines go nowhere
+
+  std::atomic<bool> cancelRunningBatch{false};
+  std::atomic<std::size_t> outstanding{0};  // queued plus running operations
+  std::atomic<std::uint64_t> bytesWritten{0};
+  std::atomic<std::uint64_t> bytesInQueue{0};
+  std::atomic<bool> disabled{false};
+
+  mutable std::mutex nameMu;
+  std::optional<std::string> appName;  // guarded by nameMu
+
+  // writer
+  kd::UniqueFd fd;
+  std::vector<LogOp> local;  // lines the writer queued itself (header, roll-over)
+  std::string pending;       // bytes of this batch not yet written
+  std::uint64_t pendingUnits = 0;
+  std::time_t dateSecond = -1;
+  std::string dateText;
+
+  explicit Impl(KdLog& owner) : log(owner) {}
+
+  void run();
+  void runOp(LogOp& op);
+  void writeLine(const std::string& text, std::size_t units);
+  void writePending();
+  void createNewLog(const std::optional<std::string>& name);
+  bool openCurrentLog();
+  void discard(LogOp& op);
+  const std::string& now();
+
+  // Posts an operation that waits for everything queued before it.
+  void postAndWait(std::function<void()> call, bool survivesCancel = false);
+};
+
+namespace {
+
+std::optional<std::string> logFolder() {
+  return kd::path::append(KdLocalPaths::logDirectory(true), kLogFolderName);
+}
+
+// As root the current file lies in the machine's log folder while rotation
+// happens in the user's folder; kept so that both places stay where they were.
+std::optional<std::string> currentLogPath(const std::optional<std::string>& name) {
+  std::optional<std::string> folder =
+      KdLocalPaths::isRoot() ? kd::path::append(KdLocalPaths::logDirectory(false), kLogFolderName)
+                             : logFolder();
+  if (!folder) return std::nullopt;
+  return kd::format("%@/%@.1.log", *folder, name);
+}
+
+}  // namespace
+
+KdLog& KdLog::sharedController() {
+  static KdLog* const instance = new KdLog();
+  return *instance;
+}
+
+KdLog::KdLog() : impl_(*new Impl(*this)) {
+  // The platform outlives the log (it is never destroyed either); asking for
+  // it now keeps that true for lines written while the process exits.
+  (void)kd::platform();
+  std::thread([this] {
+    tOnWriterThread = true;
+    impl_.run();
+  }).detach();
+  gPreviousTerminate = std::set_terminate(onTerminate);
+  // The system tells a terminating application to end its log; a process
+  // here ends through exit(), where everything queued is written.
+  std::atexit([] { KdLog::finishWriting(); });
+}
+
+void KdLog::Impl::run() {
+  std::vector<LogOp> batch;
+  for (;;) {
+    {
+      std::unique_lock lock(mu);
+      while (queue.empty()) {
+        writerWaiting = true;
+        wake.wait(lock);
+      }
+      writerWaiting = false;
+      batch.swap(queue);
+    }
+    for (LogOp& op : batch) {
+      if (cancelRunningBatch.load() && !op.survivesCancel) {
+        discard(op);
+      } else {
+        runOp(op);
+        // What the operation queued itself (a header, the roll-over line)
+        // comes right after it, before anything other threads queued.
+        for (std::size_t i = 0; i < local.size(); ++i) {
+          LogOp next = std::move(local[i]);
+          runOp(next);
+        }
+        local.clear();
+      }
+      outstanding.fetch_sub(1);
+    }
+    writePending();
+    batch.clear();
+  }
+}
+
+void KdLog::Impl::runOp(LogOp& op) {
+  switch (op.kind) {
+    case LogOp::Kind::Line:
+      writeLine(op.text, op.units);
+      break;
+    case LogOp::Kind::Flush:
+      writePending();
+      op.done.set_value();
+      break;
+    case LogOp::Kind::Call:
+      writePending();
+      op.call();
+      writePending();
+      op.done.set_value();
+      break;
+  }
+}
+
+void KdLog::Impl::discard(LogOp& op) {
+  if (op.kind == LogOp::Kind::Line) {
+    bytesInQueue.fetch_sub(op.units);
+  } else {
+    op.done.set_value();
+  }
+}
+
+const std::string& KdLog::Impl::now() {
+  std::time_t t = std::time(nullptr);
+  if (t != dateSecond) {
+    dateSecond = t;
+    dateText = kd::dateDescription(static_cast<kd::DateSeconds>(t));
+  }
+  return dateText;
+}
+
+bool KdLog::Impl::openCurrentLog() {
+  std::optional<std::string> path = currentLogPath(log.appNameIfAny());
+  if (!path) return false;
+  // No O_CREAT: only a log that createNewLog made is written to.
+  int f = kd::retryOnEintr(
+      [&] { return ::open(path->c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY); });
+  if (f < 0) return false;
+  fd.reset(f);
+  return true;
+}
+
+void KdLog::Impl::writeLine(const std::string& text, std::size_t units) {
+  if (disabled.load()) {
+    bytesInQueue.fetch_sub(units);
+    return;
+  }
+  if (!fd && !openCurrentLog()) {
+    if (!disabled.load()) {
+      printToStdout(kd::format("Unable to log the following information: %s\n", text));
+      printToStdout("Unable to open log for output\n");
+    }
+    bytesInQueue.fetch_sub(units);
+    return;
+  }
+  const std::string& date = now();
+  const std::size_t before = pending.size();
+  pending.append(date).append(" - ").append(text).append("\n");
+  pendingUnits += units;
+  bytesWritten.fetch_add(pending.size() - before);
+  if (pending.size() >= kWriteChunk) writePending();
+  if (bytesWritten.load() >= kRollOverBytes) {
+    writePending();
+    // finishWriting returns at once on the writer: everything queued before
+    // this line has been written already.
+    KdLog::finishWriting();
+    createNewLog(log.appNameIfAny());
+    KdLog::appendLog("Log truncated at 500KB");
+  }
+}
+
+void KdLog::Impl::writePending() {
+  if (pending.empty()) return;
+  std::string_view rest = pending;
+  while (!rest.empty()) {
+    ssize_t n = fd ? ::write(fd.get(), rest.data(), rest.size()) : (errno = EBADF, -1);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      // The lines of this chunk are lost; they stay counted as queued.
+      if (!disabled.load())
+        printToStdout(kd::format("Exception writing to log: %s\n", std::strerror(errno)));
+      pending.clear();
+      pendingUnits = 0;
+      return;
+    }
+    rest.remove_prefix(static_cast<std::size_t>(n));
+  }
+  pending.clear();
+  bytesInQueue.fetch_sub(pendingUnits);
+  pendingUnits = 0;
+}
+
+void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
+  if (disabled.load()) return;
+  writePending();
+  fd.reset();
+
+  std::optional<std::string> prefs = KdLocalPaths::prefsDirectory(true);
+  if (prefs) {
+    kd::PlistDict global =
+        kd::readPlistDictionaryOrEmpty(kd::path::append(*prefs, kGlobalPrefsFile));
+    if (kd::plistFlagIsSet(global, "disable-logging")) {
+      printToStdout("Logging is disabled\n");
+      disabled.store(true);
+      return;
+    }
+  }
+
+  // A name given here counts only when the program has no executable name.
+  if (name && !log.appNameIfAny()) log.setAppName(name);
+  bytesWritten.store(0);
+  std::optional<std::string> appName = log.appNameIfAny();
+  if (!appName || appName->empty()) {
+    appName = "Unknown";
+    log.setAppName(appName);
+  }
+
+  std::optional<std::string> folder = logFolder();
+  std::optional<std::string> current = currentLogPath(appName);
+  if (!folder || !isDirectory(*folder)) {
+    if (!folder || !createFolderWithParents(*folder)) {
+      printToStdout(kd::format("Unable to create folder %s.\n", folder));
+      return;
+    }
+  }
+
+  if (current && pathExists(*current)) {
+    const std::string oldest = kd::format("%@/%@.5.log", *folder, appName);
+    if (pathExists(oldest)) ::unlink(oldest.c_str());
+    for (long i = 4; i >= 1; --i) {
+      const std::string from = kd::format("%@/%@.%li.log", *folder, appName, i);
+      if (!pathExists(from)) continue;
+      const std::string to = kd::format("%@/%@.%li.log", *folder, appName, i + 1);
+      // A move never replaces a file (the .5 file may have refused to go).
+      if (pathExists(to) || ::rename(from.c_str(), to.c_str()) != 0) {
+        printToStdout(kd::format("Unable to move file %s to %s.\n", from, to));
+        return;
+      }
+    }
+  }
+
+  std::string error;
+  if (!current || !kd::writeFileAtomically(*current, "", &error)) {
+    printToStdout(kd::format("Unable to create log file %s - %s\n", current, error));
+    return;
+  }
+  int f = kd::retryOnEintr(
+      [&] { return ::open(current->c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY); });
+  if (f < 0) return;
+  fd.reset(f);
+
+  kd::Platform& os = kd::platform();
+  kd::BundleInfo bundle = os.mainBundle();
+  KdLog::fastAppendLog("Log started: %@\n", now());
+  if (bundle.version) KdLog::fastAppendLog("Version: %@\n", *bundle.version);
+  if (bundle.executablePath) KdLog::fastAppendLog("Path: %@\n", *bundle.executablePath);
+  const double gigabytes =
+      static_cast<double>(os.physicalMemory()) * 0.0009765625 * 0.0009765625 * 0.0009765625;
+  KdLog::appendLog("System: %@ %@, %li CPU(s), %0.2f GB RAM\n", os.osName(), os.osVersionString(),
+                   os.processorCount(), gigabytes);
+  KdLog::fastAppendLog("Running in 64-bit mode\n");
+}
+
+void KdLog::Impl::postAndWait(std::function<void()> call, bool survivesCancel) {
+  LogOp op;
+  op.kind = call ? LogOp::Kind::Call : LogOp::Kind::Flush;
+  op.call = std::move(call);
+  op.survivesCancel = survivesCancel;
+  std::future<void> done = op.done.get_future();
+  bool notify;
+  {
+    std::lock_guard lock(mu);
+    outstanding.fetch_add(1);
+    queue.push_back(std::move(op));
+    notify = std::exchange(writerWaiting, false);
+  }
+  if (notify) wake.notify_one();
+  done.wait();
+}
+
+void KdLog::enqueueLine(std::string text) {
+  trimInPlace(text);
+  if (text.empty()) return;
+  LogOp op;
+  op.units = utf16Length(text);
+  op.text = std::move(text);
+  if (tOnWriterThread) {
+    impl_.bytesInQueue.fetch_add(op.units);
+    impl_.local.push_back(std::move(op));
+    return;
+  }
+  bool notify;
+  {
+    std::lock_guard lock(impl_.mu);
+    if (impl_.ended) return;
+    impl_.bytesInQueue.fetch_add(op.units);
+    impl_.outstanding.fetch_add(1);
+    impl_.queue.push_back(std::move(op));
+    notify = std::exchange(impl_.writerWaiting, false);
+  }
+  if (notify) impl_.wake.notify_one();
+}
+
+void KdLog::appendTextToLog(std::string_view text) {
+  enqueueLine(std::string(text));
+}
+
+bool KdLog::acceptsLines() {
+  return !sharedController().impl_.disabled.load();
+}
+
+void KdLog::appendFormatted(std::string text, bool mayWait) {
+  KdLog& log = sharedController();
+  const std::size_t units = utf16Length(text);
+  log.enqueueLine(std::move(text));
+  // A short line from a background thread is written before the call returns
+  // while the backlog is small, so that it is on disk if the thread's work
+  // brings the process down.
+  if (mayWait && std::this_thread::get_id() != gMainThread && units >= 1 &&
+      units < kShortLineUnits && log.bytesInQueue() < kShortLineUnits) {
+    finishWriting();
+  }
+}
+
+void KdLog::createNewLog(std::optional<std::string> name) {
+  KdLog& log = sharedController();
+  if (log.impl_.disabled.load()) return;
+  if (tOnWriterThread) {
+    log.impl_.createNewLog(name);
+    return;
+  }
+  {
+    std::lock_guard lock(log.impl_.mu);
+    if (log.impl_.ended) return;
+  }
+  log.impl_.postAndWait([&log, name] { log.impl_.createNewLog(name); });
+}
+
+void KdLog::finishWriting() {
+  if (tOnWriterThread) return;
+  sharedController().impl_.postAndWait(nullptr);
+}
+
+void KdLog::willTerminate() {
+  KdLog& log = sharedController();
+  Impl& impl = log.impl_;
+  auto end = [&impl] {
+    impl.writePending();
+    impl.fd.reset();
+    impl.cancelRunningBatch.store(false);
+  };
+  if (tOnWriterThread) {
+    std::lock_guard lock(impl.mu);
+    impl.ended = true;
+  } else {
+    std::vector<LogOp> cancelled;
+    {
+      std::lock_guard lock(impl.mu);
+      impl.ended = true;
+      // A long backlog at termination is dropped rather than keep the system
+      // waiting; a short one is written.
+      if (impl.outstanding.load() >= kCancelThreshold) {
+        cancelled.swap(impl.queue);
+        impl.cancelRunningBatch.store(true);
+      }
+    }
+    for (LogOp& op : cancelled) {
+      impl.discard(op);
+      impl.outstanding.fetch_sub(1);
+    }
+  }
+  if (tOnWriterThread) {
+    end();
+  } else {
+    impl.postAndWait(end, /*survivesCancel=*/true);
+  }
+  log.setAppName(std::nullopt);
+}
+
+std::string KdLog::escapeTextForLogging(std::string_view text) {
+  std::string s(text);
+  if (s.find('%') == std::string::npos) return s;
+  static constexpr std::pair<std::string_view, std::string_view> kSteps[] = {
+      {"% ", "%% "}, {"%.", "%%."}, {"%!", "%%!"}, {"%,", "%%,"}, {"%-", "%%-"},
+      {"%;", "%%;"}, {"%:", "%%:"}, {"%+", "%%+"}, {"%%%", "%%"},
+  };
+  for (const auto& [from, to] : kSteps) {
+    std::string out;
+    out.reserve(s.size() + 8);
+    std::size_t i = 0;
+    for (std::size_t hit; (hit = s.find(from, i)) != std::string::npos; i = hit + from.size()) {
+      out.append(s, i, hit - i).append(to);
+    }
+    out.append(s, i);
+    s.swap(out);
+  }
+  return s;
+}
+
+std::vector<std::string> KdLog::availableLogs() {
+  std::vector<std::string> logs;
+  std::optional<std::string> folder = logFolder();
+  std::optional<std::string> name = sharedController().appNameIfAny();
+  for (long i = 1; i <= 5; ++i) {
+    std::string path = kd::format("%@/%@.%li.log", folder, name, i);
+    if (pathExists(path)) logs.push_back(std::move(path));
+  }
+  return logs;
+}
+
+void KdLog::appendAndPrint(std::string text, bool print) {
+  trimInPlace(text);
+  // The line is formatted a second time: a "%" that came in through an
+  // argument is read as a conversion, which prints literally for lack of an
+  // argument.
+  appendLog(text);
+  if (!print) return;
+  std::string copy;
+  copy.reserve(text.size() + 8);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text.compare(i, 2, "%@") == 0) {
+      ++i;
+    } else if (text[i] == '%') {
+      copy += "%%";
+    } else if (text[i] != '\0') {
+      copy += text[i];
+    }
+  }
+  copy += '\n';
+  printToStdout(copy);
+}
+
+std::string KdLog::appName() const {
+  return appNameIfAny().value_or("");
+}
+
+std::optional<std::string> KdLog::appNameIfAny() const {
+  {
+    std::lock_guard lock(impl_.nameMu);
+    if (impl_.appName) return impl_.appName;
+  }
+  std::optional<std::string> exe = kd::platform().mainBundle().executablePath;
+  if (!exe) return std::nullopt;
+  std::string name = kd::path::lastComponent(*exe);
+  if (auto dot = name.rfind('.'); dot != std::string::npos && dot > 0) name.resize(dot);
+  return name;
+}
+
+void KdLog::setAppName(std::optional<std::string> name) {
+  std::lock_guard lock(impl_.nameMu);
+  impl_.appName = std::move(name);
+}
+
+std::uint64_t KdLog::bytesWritten() const {
+  return impl_.bytesWritten.load();
+}
+std::uint64_t KdLog::bytesInQueue() const {
+  return impl_.bytesInQueue.load();
+}
+bool KdLog::loggingDisabled() const {
+  return impl_.disabled.load();
+}
+
+void KdLogTestAccess::reset() {
+  KdLog& log = KdLog::sharedController();
+  KdLog::Impl& impl = log.impl_;
+  {
+    std::lock_guard lock(impl.mu);
+    impl.ended = false;
+  }
+  impl.postAndWait([&impl] {
+    impl.writePending();
+    impl.fd.reset();
+    impl.cancelRunningBatch.store(false);
+    impl.disabled.store(false);
+    impl.bytesWritten.store(0);
+    impl.bytesInQueue.store(0);
+    impl.dateSecond = -1;
+  });
+  log.setAppName(std::nullopt);
+}
