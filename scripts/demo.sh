@@ -1,0 +1,84 @@
+#!/usr/bin/env bash
+# Demo: builds everything, then shows how camera cards are recognised.
+#
+# Usage: scripts/demo.sh [VOLUME...]
+#   Without arguments, sample cards are made in a temporary folder (removed at
+#   the end). With arguments, the given folders (such as /media/$USER/CARD) are
+#   checked instead; nothing is written to them.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+say() { printf '\n== %s\n' "$*"; }
+
+say "Installing missing Debian packages (if any)"
+bash scripts/deps.sh
+
+say "Configuring and building (build/default)"
+if ! out=$(cmake --preset default 2>&1); then
+  printf '%s\n' "$out" >&2
+  exit 1
+fi
+cmake --build --preset default -j"$(nproc)"
+kd=build/default/tools/kd
+
+workdir=$(mktemp -d "${TMPDIR:-/tmp}/ferrimo-demo.XXXXXX")
+trap 'rm -rf "$workdir"' EXIT
+
+# make_card NAME PATH... : a volume folder NAME holding the given files.
+make_card() {
+  local card="$workdir/$1"
+  shift
+  mkdir -p "$card"
+  for f in "$@"; do
+    mkdir -p "$card/$(dirname "$f")"
+    printf 'sample\n' >"$card/$f"
+  done
+  printf '%s\n' "$card"
+}
+
+describe() {
+  case "$1" in
+    0) echo "CONTENTS/LASTCLIP.TXT" ;;
+    1) echo "a root entry with the extension RDM" ;;
+    2) echo "MEDIAPRO.XML at the root" ;;
+    3) echo "a BPAV entry at the root" ;;
+    4) echo "PRIVATE/AVCHD or AVCHD" ;;
+    5) echo "DCIM with a folder beginning 100EOS" ;;
+    6) echo "a project folder named like the volume, with its BIN file and clips" ;;
+    7) echo "CONTENTS/CLIPS*/*/*.MXF clips" ;;
+    8) echo "hs_param.bin at the root or one folder down" ;;
+    9) echo "a DJI_ volume with ????_????_????????_*/*.mov clips" ;;
+    *) echo "no known card layout: Ferrimo would not be started" ;;
+  esac
+}
+
+if (($# > 0)); then
+  volumes=("$@")
+  say "Checking the given volumes"
+else
+  say "Making sample cards in $workdir"
+  volumes=(
+    "$(make_card CARD CONTENTS/CLIPS001/C0001/C0001.MXF CONTENTS/CLIPS001/C0001/C0001M01.XML)"
+    "$(make_card EOS_DIGITAL DCIM/100EOS5D/IMG_0001.CR2 DCIM/100EOS5D/MVI_0002.MOV)"
+    "$(make_card SHOOT1 SHOOT1/SHOOT1_AVID.ale SHOOT1/SHOOT1_BIN.bin SHOOT1/SHOO_0001.mov)"
+    "$(make_card DJI_0001 0001_0042_20240315_A/DJI_0042.mov)"
+    "$(make_card USB_STICK Documents/notes.txt .DS_Store)"
+  )
+  for v in "${volumes[@]}"; do
+    (cd "$workdir" && find "${v#"$workdir"/}" -type f | sort | sed 's/^/    /')
+  done
+fi
+
+say "$kd detect ${volumes[*]}"
+"$kd" detect "${volumes[@]}" | tee "$workdir/codes.txt"
+
+say "What the codes mean"
+while IFS=$'\t' read -r code path; do
+  printf '  %-3s %-14s %s\n' "$code" "$(basename "$path")" "$(describe "$code")"
+done <"$workdir/codes.txt"
+cat <<'EOF'
+
+On a mount, FerrimoHelper checks the newest removable volume the same way and
+starts Ferrimo with "-ferrimoVolume <volume>" only for codes 0 to 9.
+Details: docs/cards.md. Try also: build/default/tools/kd match '<folder>/*/*.mov'
+EOF
