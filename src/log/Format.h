@@ -23,11 +23,11 @@ class FormatArg {
   enum class Kind { Signed, Unsigned, Double, Text, Pointer, Null };
 
   template <class T>
-    requires(std::is_integral_v<T> && std::is_signed_v<T>)
-  FormatArg(T v) : kind_(Kind::Signed), i_(v) {}
+  requires(std::is_integral_v<T>&& std::is_signed_v<T>) FormatArg(T v)
+      : kind_(Kind::Signed), i_(v) {}
   template <class T>
-    requires(std::is_integral_v<T> && std::is_unsigned_v<T> && !std::is_same_v<T, bool>)
-  FormatArg(T v) : kind_(Kind::Unsigned), u_(v) {}
+  requires(std::is_integral_v<T>&& std::is_unsigned_v<T> && !std::is_same_v<T, bool>) FormatArg(T v)
+      : kind_(Kind::Unsigned), u_(v) {}
   FormatArg(bool v) : kind_(Kind::Signed), i_(v ? 1 : 0) {}
   FormatArg(double v) : kind_(Kind::Double), d_(v) {}
   FormatArg(float v) : kind_(Kind::Double), d_(v) {}

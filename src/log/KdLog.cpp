@@ -210,6 +210,7 @@ struct KdLog::Impl {
   std::uint64_t pendingUnits = 0;
   std::time_t dateSecond = -1;
   std::string dateText;
+  std::function<void(const std::string&)> beforeRemovingOldest;  // tests only
 
   explicit Impl(KdLog& owner) : log(owner) {}
 
@@ -427,7 +428,10 @@ void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
 
   if (current && pathExists(*current)) {
     const std::string oldest = kd::format("%@/%@.5.log", *folder, appName);
-    if (pathExists(oldest)) ::unlink(oldest.c_str());
+    if (pathExists(oldest)) {
+      if (beforeRemovingOldest) beforeRemovingOldest(oldest);
+      ::unlink(oldest.c_str());
+    }
     for (long i = 4; i >= 1; --i) {
       const std::string from = kd::format("%@/%@.%li.log", *folder, appName, i);
       if (!pathExists(from)) continue;
@@ -677,6 +681,12 @@ void KdLogTestAccess::reset() {
     impl.bytesWritten.store(0);
     impl.bytesInQueue.store(0);
     impl.dateSecond = -1;
+    impl.beforeRemovingOldest = nullptr;
   });
   log.setAppName(std::nullopt);
+}
+
+void KdLogTestAccess::setBeforeRemovingOldest(std::function<void(const std::string&)> hook) {
+  KdLog::Impl& impl = KdLog::sharedController().impl_;
+  impl.postAndWait([&impl, &hook] { impl.beforeRemovingOldest = std::move(hook); });
 }
