@@ -1,0 +1,281 @@
+// FerrimoHelper end to end: the built program runs as a throwaway ordinary user
+// (root's user folders would be the console user's, and a test machine has
+// none) against real tmpfs cards mounted under /media/<that user>/.
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <pwd.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "common/PropertyList.h"
+#include "support/TempDir.h"
+
+namespace fs = std::filesystem;
+using kd::test::readFile;
+using kd::test::TempDir;
+
+namespace {
+
+// Runs a program and waits for it; returns its exit status (-1 when it could
+// not be started or did not exit normally).
+int runAndWait(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
+               const std::string& cwd = "") {
+  std::vector<char*> argv, envp;
+  for (auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  for (auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
+  envp.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  if (!cwd.empty()) posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
+  pid_t pid = 0;
+  int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(),
+                       env.empty() ? environ : envp.data());
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) return -1;
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void setModificationAge(const std::string& path, double secondsAgo) {
+  auto now = std::chrono::system_clock::now().time_since_epoch();
+  double t = std::chrono::duration<double>(now).count() - secondsAgo;
+  timespec times[2];
+  times[0].tv_sec = times[1].tv_sec = static_cast<time_t>(t);
+  times[0].tv_nsec = times[1].tv_nsec = static_cast<long>((t - static_cast<time_t>(t)) * 1e9);
+  utimensat(AT_FDCWD, path.c_str(), times, 0);
+}
+
+}  // namespace
+
+class FerrimoHelperRoot : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    if (geteuid() != 0) {
+      skipReason_ = "needs root to create a user and mount cards";
+      return;
+    }
+    if (access("/usr/sbin/useradd", X_OK) != 0 || access("/usr/bin/setpriv", X_OK) != 0) {
+      skipReason_ = "useradd or setpriv is missing";
+      return;
+    }
+    root_ = new TempDir();
+    chmod(root_->path().c_str(), 0755);
+    user_ = "kdhelper" + std::to_string(getpid() % 100000);
+    home_ = root_->mkdir("home");
+    if (runAndWait({"/usr/sbin/useradd", "-M", "-d", home_, "-s", "/usr/sbin/nologin", "-U",
+                    user_}) != 0) {
+      skipReason_ = "useradd failed";
+      return;
+    }
+    struct passwd* pw = getpwnam(user_.c_str());
+    uid_ = pw->pw_uid;
+    gid_ = pw->pw_gid;
+  }
+
+  static void TearDownTestSuite() {
+    if (uid_ != 0) runAndWait({"/usr/sbin/userdel", user_});
+    if (!user_.empty()) fs::remove_all("/media/" + user_);
+    delete root_;
+    root_ = nullptr;
+  }
+
+  void SetUp() override {
+    if (!skipReason_.empty()) GTEST_SKIP() << skipReason_;
+    // A fresh home and application folder for every test.
+    fs::remove_all(home_);
+    for (const char* d : {"", "/.config", "/.local/state"}) {
+      fs::create_directories(home_ + d);
+      chown((home_ + d).c_str(), uid_, gid_);
+    }
+    chown((home_ + "/.local").c_str(), uid_, gid_);
+    appDir_ = root_->path() + "/Ferrimo.app";
+    fs::remove_all(appDir_);
+    fs::create_directories(appDir_ + "/Contents/MacOS");
+    fs::copy_file(KD_STAND_IN_FERRIMO, appDir_ + "/Contents/MacOS/Ferrimo");
+    chmod((appDir_ + "/Contents/MacOS").c_str(), 0777);  // the stand-in writes its record here
+  }
+
+  void TearDown() override {
+    for (const auto& m : mounts_) umount2(m.c_str(), MNT_DETACH);
+    mounts_.clear();
+  }
+
+  // Mounts a tmpfs card named `name` holding `files`, modified `ageSeconds` ago.
+  std::string mountCard(const std::string& name, const std::vector<std::string>& files,
+                        double ageSeconds = 0) {
+    std::string card = "/media/" + user_ + "/" + name;
+    fs::create_directories(card);
+    if (mount("tmpfs", card.c_str(), "tmpfs", 0, "size=1m,mode=0755") != 0) {
+      ADD_FAILURE() << "cannot mount tmpfs: " << strerror(errno);
+      return card;
+    }
+    mounts_.push_back(card);
+    for (const auto& f : files) {
+      fs::create_directories(fs::path(card + "/" + f).parent_path());
+      std::ofstream(card + "/" + f) << "x";
+    }
+    setModificationAge(card, ageSeconds);
+    return card;
+  }
+
+  // Runs the helper as the throwaway user in the application folder.
+  void runHelper(const std::vector<std::string>& args = {}) {
+    std::vector<std::string> cmd{"/usr/bin/setpriv",
+                                 "--reuid=" + std::to_string(uid_),
+                                 "--regid=" + std::to_string(gid_),
+                                 "--clear-groups",
+                                 "--",
+                                 KD_HELPER_PATH};
+    cmd.insert(cmd.end(), args.begin(), args.end());
+    EXPECT_EQ(runAndWait(cmd, {"HOME=" + home_, "USER=" + user_, "PATH=/usr/bin:/bin"}, appDir_),
+              0);
+  }
+
+  std::string settingsPath() const { return home_ + "/.config/com.quillfen.Ferrimo.plist"; }
+  std::string log() const { return readFile(home_ + "/.local/state/Quillfen/FerrimoHelper.1.log"); }
+  std::string launchesPath() const { return appDir_ + "/Contents/MacOS/launches.log"; }
+
+  // The stand-in's launches, after giving a launch in flight time to land.
+  std::string launches(bool expectOne) const {
+    for (int i = 0; i < (expectOne ? 300 : 30); ++i) {
+      std::string s = readFile(launchesPath());
+      if (!s.empty()) return s;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return readFile(launchesPath());
+  }
+
+  void writeSettings(const kd::PlistDict& dict) {
+    ASSERT_TRUE(kd::writePlistDictionaryAtomically(dict, settingsPath()));
+    chown(settingsPath().c_str(), uid_, gid_);
+  }
+
+  static inline TempDir* root_ = nullptr;
+  static inline std::string skipReason_;
+  static inline std::string user_, home_;
+  static inline uid_t uid_ = 0;
+  static inline gid_t gid_ = 0;
+  std::string appDir_;
+  std::vector<std::string> mounts_;
+};
+
+TEST_F(FerrimoHelperRoot, FreshCardLaunchesFerrimoWithItsPath) {
+  std::string card = mountCard("CARD", {"BPAV/CLPR/x.MP4"});
+  runHelper();
+  EXPECT_EQ(launches(true), "-ferrimoVolume\t" + card + "\n");
+  std::string text = log();
+  EXPECT_NE(text.find(" - Recent volume: " + card + "\n"), std::string::npos) << text;
+  EXPECT_NE(text.find(" - Format: 3\n"), std::string::npos) << text;
+  EXPECT_NE(text.find(" - Current app path: " + appDir_ + "\n"), std::string::npos) << text;
+  auto settings = kd::readPlistDictionaryOrEmpty(settingsPath());
+  auto launch = kd::plistDate(settings, "launch"), exit = kd::plistDate(settings, "exit");
+  ASSERT_TRUE(launch && exit) << "the run is recorded for crash detection";
+  EXPECT_GE(*exit, *launch);
+}
+
+TEST_F(FerrimoHelperRoot, UnknownLayoutLaunchesNothing) {
+  mountCard("USBSTICK", {"notes.txt"});
+  runHelper();
+  EXPECT_EQ(launches(false), "");
+  EXPECT_NE(log().find(" - Format: -1\n"), std::string::npos) << log();
+}
+
+TEST_F(FerrimoHelperRoot, MountsWithinAMinuteOfSetupAreIgnored) {
+  mountCard("CARD", {"MEDIAPRO.XML"});
+  auto now = std::chrono::system_clock::now();
+  writeSettings({{"lastStartup", kd::PlistValue(now - std::chrono::seconds(59))}});
+  runHelper();
+  EXPECT_NE(log().find(" - User recently logged in; ignoring mount notifications\n"),
+            std::string::npos)
+      << log();
+  EXPECT_EQ(launches(false), "");
+  EXPECT_FALSE(kd::plistDate(kd::readPlistDictionaryOrEmpty(settingsPath()), "exit"))
+      << "the early exit records no exit date";
+
+  writeSettings({{"lastStartup", kd::PlistValue(now - std::chrono::seconds(61))}});
+  runHelper();
+  EXPECT_NE(launches(true), "") << log();
+}
+
+TEST_F(FerrimoHelperRoot, OnlyRecentMountsAreExamined) {
+  // The helper waits 2 s before it reads the date: 117.5 s before the run is
+  // about 119.5 s old when examined, 119.5 s about 121.5 s.
+  mountCard("CARD", {"MEDIAPRO.XML"}, 117.5);
+  runHelper();
+  EXPECT_NE(launches(true), "") << log();
+
+  fs::remove(launchesPath());
+  TearDown();
+  mountCard("CARD", {"MEDIAPRO.XML"}, 119.5);
+  runHelper();
+  EXPECT_EQ(launches(false), "");
+  EXPECT_NE(log().find(" - Most recent mount date: "), std::string::npos);
+  EXPECT_EQ(log().find("Recent volume"), std::string::npos) << log();
+}
+
+TEST_F(FerrimoHelperRoot, IgnoredVolumesAndARunningFerrimoLaunchNothing) {
+  mountCard("CARD", {"MEDIAPRO.XML"});
+  writeSettings({{"ignoredVolumes", kd::PlistArray{"OTHER", "CARD"}}});
+  runHelper();
+  EXPECT_NE(log().find(" - This drive has been ignored\n"), std::string::npos) << log();
+  EXPECT_EQ(launches(false), "");
+
+  // A Ferrimo of this user already runs (a second copy, in its own folder).
+  writeSettings({});
+  std::string other = root_->mkdir("running");
+  chmod(other.c_str(), 0777);
+  fs::copy_file(KD_STAND_IN_FERRIMO, other + "/Ferrimo");
+  pid_t pid = 0;
+  std::vector<std::string> cmd{"/usr/bin/setpriv",
+                               "--reuid=" + std::to_string(uid_),
+                               "--regid=" + std::to_string(gid_),
+                               "--clear-groups",
+                               "--",
+                               other + "/Ferrimo"};
+  std::vector<char*> argv;
+  for (auto& a : cmd) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  char stay[] = "FERRIMO_STANDIN_STAY=30";
+  char* envp[] = {stay, nullptr};
+  ASSERT_EQ(posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), envp), 0);
+  for (int i = 0; i < 200 && readFile(other + "/launches.log").empty(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  runHelper();
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  EXPECT_NE(log().find(" - Ferrimo is already running.\n"), std::string::npos) << log();
+  EXPECT_EQ(launches(false), "");
+}
+
+TEST_F(FerrimoHelperRoot, SetupRecordsTheMountedDrivesAndLaunchesNothing) {
+  std::string card = mountCard("CARD", {"MEDIAPRO.XML"});
+  auto before = std::chrono::system_clock::now() - std::chrono::seconds(1);
+  runHelper({"-setup"});
+  auto settings = kd::readPlistDictionaryOrEmpty(settingsPath());
+  auto lastStartup = kd::plistDate(settings, "lastStartup");
+  ASSERT_TRUE(lastStartup);
+  EXPECT_GE(*lastStartup, before);
+  ASSERT_TRUE(settings.count("mountedDrives"));
+  EXPECT_EQ(settings.at("mountedDrives"), kd::PlistValue(kd::PlistArray{card}));
+  EXPECT_NE(log().find(" - Setting up...\n"), std::string::npos) << log();
+  EXPECT_EQ(launches(false), "");
+}
+
+TEST_F(FerrimoHelperRoot, NoMediaAtAll) {
+  runHelper();
+  EXPECT_NE(log().find(" - Most recent mount date: 0001-01-01 00:00:00 +0000\n"), std::string::npos)
+      << log();
+  EXPECT_EQ(launches(false), "");
+}
