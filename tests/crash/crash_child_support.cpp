@@ -2,6 +2,7 @@
 #include <sys/resource.h>
 #include <sys/wait.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <thread>
@@ -25,34 +26,37 @@ namespace {
   return recurse(depth + 1) + pad[0];
 }
 
-void storeThroughNull() {
+// The null store is the point: no sanitizer report before the fault.
+__attribute__((no_sanitize_undefined)) void storeThroughNull() {
   volatile int* volatile p = nullptr;
   *p = 1;
 }
 
 int crashChild(const std::vector<std::string>& args) {
   if (args.size() != 3) return 2;
-  // No core files from the children.
-  struct rlimit noCore {};
-  setrlimit(RLIMIT_CORE, &noCore);
   kd::nativePlatform().installCrashHandler(args[1], args[0]);
-  const std::string& how = args[2];
-  if (how == "null") storeThroughNull();
-  if (how == "overflow") return recurse(0);
-  if (how == "abort") std::abort();
-  if (how == "trap") __builtin_trap();
-  if (how == "thread-null") std::thread(storeThroughNull).join();
+  crashNow(args[2]);
   return 3;  // did not crash
 }
 KD_CHILD_MODE("crash", crashChild);
 
 }  // namespace
 
-CrashOutcome runCrashingChild(const std::string& folder, const std::string& appName,
-                              const std::string& how) {
-  CrashOutcome out;
+void crashNow(const std::string& how) {
+  struct rlimit noCore {};
+  setrlimit(RLIMIT_CORE, &noCore);
+  if (how == "null") storeThroughNull();
+  if (how == "overflow") recurse(0);
+  if (how == "abort") std::abort();
+  if (how == "trap") __builtin_trap();
+  if (how == "thread-null") std::thread(storeThroughNull).join();
+}
+
+ChildOutcome runChild(const std::string& mode, const std::vector<std::string>& childArgs) {
+  ChildOutcome out;
   std::string self = selfExecutable();
-  std::vector<std::string> args = {self, "--kd-child", "crash", folder, appName, how};
+  std::vector<std::string> args = {self, "--kd-child", mode};
+  args.insert(args.end(), childArgs.begin(), childArgs.end());
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
@@ -67,6 +71,11 @@ CrashOutcome runCrashingChild(const std::string& folder, const std::string& appN
   out.signal = out.signalled ? WTERMSIG(status) : 0;
   out.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return out;
+}
+
+ChildOutcome runCrashingChild(const std::string& folder, const std::string& appName,
+                              const std::string& how) {
+  return runChild("crash", {folder, appName, how});
 }
 
 }  // namespace kd::test

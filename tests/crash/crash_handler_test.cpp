@@ -94,7 +94,7 @@ TEST(CrashHandler, FatalFaultLeavesReportAndStillKillsBySignal) {
     // The folder does not exist yet: installing creates it with its parents.
     const std::string folder = tmp / "Logs/DiagnosticReports";
     const std::time_t before = std::time(nullptr);
-    CrashOutcome out = runCrashingChild(folder, "Crashy App", c.how);
+    ChildOutcome out = runCrashingChild(folder, "Crashy App", c.how);
     const std::time_t after = std::time(nullptr);
     ASSERT_GT(out.pid, 0);
     EXPECT_TRUE(out.signalled) << "exit code " << out.exitCode;
