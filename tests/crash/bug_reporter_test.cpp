@@ -1,12 +1,16 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
+#include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <chrono>
-#include <cstdio>
+#include <csignal>
+#include <cstdlib>
 #include <filesystem>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -14,7 +18,6 @@
 
 #include "common/Path.h"
 #include "common/PropertyList.h"
-#include "crash/CrashChild.h"
 #include "crash/KdBugReporter.h"
 #include "log/KdLog.h"
 #include "log/KdLogTesting.h"
@@ -22,103 +25,66 @@
 #include "support/FakeMacPlatform.h"
 #include "support/TempDir.h"
 
+extern char** environ;
+
 namespace kd::test {
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::system_clock;
+using Handler = std::pair<std::string, std::string>;
 
-// macOS answers, with the homes below a temporary folder, a bundle named
-// "FerrimoHelper", and the workspace calls of the bug-reporter launch recorded
-// instead of made.
+// macOS answers with the homes and /Library below `root`, a bundle named
+// "FerrimoHelper", and the bug-reporter launch recorded instead of made.
+// Test thread only.
 class ReporterPlatform : public FakeMacPlatform {
  public:
-  struct Opened {
-    std::string file;
-    std::string with;  // application path or bundle identifier
-  };
-
-  explicit ReporterPlatform(const std::string& root) {
+  explicit ReporterPlatform(const std::string& root, bool realCrashHandler = false)
+      : realCrashHandler_(realCrashHandler) {
     setHomesRoot(root + "/Users");
     setSearchPath(DirectoryKind::Library, LocalDomainMask, {root + "/Library"});
   }
 
-  void setBundledBugReporter(std::optional<std::string> app) {
-    std::lock_guard l(mu_);
-    bundled_ = std::move(app);
-  }
-  // Installs real handlers instead of recording the call.
-  void setRealCrashHandler(bool real) { realHandler_ = real; }
-  std::vector<Opened> opened() const {
-    std::lock_guard l(mu_);
-    return opened_;
-  }
-  std::vector<std::pair<std::string, std::string>> crashHandlers() const {
-    std::lock_guard l(mu_);
-    return handlers_;
-  }
-  // Lookups of a log folder: every crash-report folder starts with one.
-  int logLookups() const {
-    std::lock_guard l(mu_);
-    return logLookups_;
-  }
-  void resetLogLookups() {
-    std::lock_guard l(mu_);
-    logLookups_ = 0;
-  }
+  std::optional<std::string> bundledBugReporter;
+  std::vector<Handler> opened;  // (file, application path or bundle identifier)
+  std::vector<Handler> crashHandlers;
+  int logLookups = 0;  // every crash-report folder starts with one
 
-  BundleInfo mainBundle() override {
-    BundleInfo info;
-    info.name = "FerrimoHelper";
-    return info;
-  }
-  std::vector<std::string> searchPathForDirectories(DirectoryKind kind,
-                                                    unsigned domainMask) override {
-    if (kind == DirectoryKind::Logs) {
-      std::lock_guard l(mu_);
-      ++logLookups_;
-    }
-    return FakeMacPlatform::searchPathForDirectories(kind, domainMask);
+  BundleInfo mainBundle() override { return {std::nullopt, std::nullopt, "FerrimoHelper", {}}; }
+  std::vector<std::string> searchPathForDirectories(DirectoryKind kind, unsigned mask) override {
+    logLookups += kind == DirectoryKind::Logs;
+    return FakeMacPlatform::searchPathForDirectories(kind, mask);
   }
   std::optional<std::string> bundledApplication(const std::string& name) override {
-    std::lock_guard l(mu_);
-    return name == "Bug Reporter" ? bundled_ : std::nullopt;
+    return name == "Bug Reporter" ? bundledBugReporter : std::nullopt;
   }
   bool openFileWithApplication(const std::string& file, const std::string& app) override {
-    std::lock_guard l(mu_);
-    opened_.push_back({file, app});
+    opened.emplace_back(file, app);
     return true;
   }
   bool openFileWithBundleIdentifier(const std::string& file, std::string_view id) override {
-    std::lock_guard l(mu_);
-    opened_.push_back({file, std::string(id)});
+    opened.emplace_back(file, std::string(id));
     return true;
   }
   void installCrashHandler(const std::string& appName, const std::string& folder) override {
-    if (realHandler_) return FakeMacPlatform::installCrashHandler(appName, folder);
-    std::lock_guard l(mu_);
-    handlers_.emplace_back(appName, folder);
+    if (realCrashHandler_) return FakeMacPlatform::installCrashHandler(appName, folder);
+    crashHandlers.emplace_back(appName, folder);
   }
 
  private:
-  mutable std::mutex mu_;
-  std::optional<std::string> bundled_;
-  bool realHandler_ = false;
-  std::vector<Opened> opened_;
-  std::vector<std::pair<std::string, std::string>> handlers_;
-  int logLookups_ = 0;
+  bool realCrashHandler_;
 };
 
-// Whole seconds, as property lists keep dates.
-PlistDate wholeSeconds(PlistDate t) {
-  return std::chrono::floor<std::chrono::seconds>(t);
-}
+const std::string kUserDiag = "Users/bob/Library/Logs/DiagnosticReports";
+const std::string kUserCrash = "Users/bob/Library/Logs/CrashReporter";
+const std::string kLocalDiag = "Library/Logs/DiagnosticReports";
+const std::string kLocalCrash = "Library/Logs/CrashReporter";
+const std::string kRecord = "Users/bob/Library/Preferences/com.quillfen.Ferrimo.plist";
 
 void writeRecord(const std::string& path, std::optional<PlistDate> launch,
-                 std::optional<PlistDate> exit) {
+                 std::optional<PlistDate> exit = {}) {
   std::filesystem::create_directories(path::deletingLastComponent(path));
-  PlistDict record;
-  record["lastStartup"] = PlistValue(Clock::now());
+  PlistDict record{{"lastStartup", PlistValue(Clock::now())}};
   if (launch) record["launch"] = PlistValue(*launch);
   if (exit) record["exit"] = PlistValue(*exit);
   ASSERT_TRUE(writePlistDictionaryAtomically(record, path));
@@ -126,13 +92,11 @@ void writeRecord(const std::string& path, std::optional<PlistDate> launch,
 
 void setModified(const std::string& path, PlistDate when) {
   auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count();
-  struct timespec times[2];
-  times[0].tv_sec = times[1].tv_sec = ns / 1000000000;
-  times[0].tv_nsec = times[1].tv_nsec = ns % 1000000000;
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
+  struct timespec t[2] = {{ns / 1000000000, ns % 1000000000}, {ns / 1000000000, ns % 1000000000}};
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), t, 0), 0) << path;
 }
 
-std::vector<std::string> listingOrder(const std::string& folder) {
+std::vector<std::string> listFolder(const std::string& folder) {
   std::vector<std::string> names;
   if (DIR* d = opendir(folder.c_str())) {
     while (dirent* e = readdir(d))
@@ -144,20 +108,15 @@ std::vector<std::string> listingOrder(const std::string& folder) {
 
 class BugReporterTest : public ::testing::Test {
  protected:
-  void SetUp() override {
+  void SetUp() override { freshLog(); }
+  static void freshLog() {
     KdLogTestAccess::reset();
     KdLog::createNewLog("FerrimoHelper");
   }
   void TearDown() override { KdLogTestAccess::reset(); }
-
-  std::string userLogs() const { return tmp_ / "Users/bob/Library/Logs"; }
-  std::string localLogs() const { return tmp_ / "Library/Logs"; }
-  std::string record() const {
-    return tmp_ / "Users/bob/Library/Preferences/com.quillfen.Ferrimo.plist";
-  }
   std::string logText() const {
     KdLog::finishWriting();
-    return readFile(userLogs() + "/Quillfen/FerrimoHelper.1.log");
+    return readFile(tmp_ / "Users/bob/Library/Logs/Quillfen/FerrimoHelper.1.log");
   }
 
   TempDir tmp_;
@@ -166,317 +125,237 @@ class BugReporterTest : public ::testing::Test {
 };
 
 TEST_F(BugReporterTest, FindsTheReportThatProvesACrash) {
-  const PlistDate launch = wholeSeconds(Clock::now() - 1h);
+  const PlistDate launch = std::chrono::floor<std::chrono::seconds>(Clock::now() - 1h);
   struct Report {
-    const char* folder;  // below the temporary folder
-    const char* name;
-    std::chrono::seconds modified;  // relative to "launch"
+    std::string path;             // below the temporary folder
+    std::chrono::seconds offset;  // modification date minus "launch"
   };
   struct Case {
     const char* what;
-    bool hasRecord;
-    bool hasLaunch;
-    std::optional<std::chrono::seconds> exit;  // relative to "launch"
-    std::optional<std::string> appName;
+    std::optional<std::chrono::seconds> exit;  // minus "launch"
     std::vector<Report> reports;
-    std::optional<std::string> expected;  // below the temporary folder
+    std::optional<std::string> expected;
+    std::optional<std::string> appName = "FerrimoHelper";
   };
-  const char* userDiag = "Users/bob/Library/Logs/DiagnosticReports";
-  const char* userCrash = "Users/bob/Library/Logs/CrashReporter";
-  const char* localDiag = "Library/Logs/DiagnosticReports";
-  const char* localCrash = "Library/Logs/CrashReporter";
-  const std::string report = "FerrimoHelper_2020-01-01-120000_Mac.crash";
+  const std::string report = kUserDiag + "/FerrimoHelper_2020-01-01-120000_Mac.crash";
+  const std::string ud = kUserDiag + "/", uc = kUserCrash + "/", lc = kLocalCrash + "/";
+  // clang-format off
   const Case cases[] = {
-      {"launch only, report after it",
-       true,
-       true,
-       {},
-       "FerrimoHelper",
-       {{userDiag, report.c_str(), 10s}},
-       std::string(userDiag) + "/" + report},
-      {"name from the main bundle",
-       true,
-       true,
-       {},
-       {},
-       {{userDiag, report.c_str(), 10s}},
-       std::string(userDiag) + "/" + report},
-      {"exit earlier than launch",
-       true,
-       true,
-       -5s,
-       "FerrimoHelper",
-       {{userDiag, report.c_str(), 10s}},
-       std::string(userDiag) + "/" + report},
-      {"exit later than launch",
-       true,
-       true,
-       5s,
-       "FerrimoHelper",
-       {{userDiag, report.c_str(), 10s}},
-       {}},
-      {"exit equal to launch",
-       true,
-       true,
-       0s,
-       "FerrimoHelper",
-       {{userDiag, report.c_str(), 10s}},
-       {}},
-      {"no launch", true, false, {}, "FerrimoHelper", {{userDiag, report.c_str(), 10s}}, {}},
-      {"no record", false, false, {}, "FerrimoHelper", {{userDiag, report.c_str(), 10s}}, {}},
-      {"report older than launch",
-       true,
-       true,
-       {},
-       "FerrimoHelper",
-       {{userDiag, report.c_str(), -10s}},
-       {}},
-      {"report as old as launch",
-       true,
-       true,
-       {},
-       "FerrimoHelper",
-       {{userDiag, report.c_str(), 0s}},
-       {}},
-      {"case ignored",
-       true,
-       true,
-       {},
-       "FerrimoHelper",
-       {{userDiag, "ferrimohelper_x.crash", 10s}},
-       std::string(userDiag) + "/ferrimohelper_x.crash"},
-      {"name must be followed by _",
-       true,
-       true,
-       {},
-       "FerrimoHelper",
-       {{userDiag, "FerrimoHelperX_1.crash", 10s}, {userDiag, "FerrimoHelper.crash", 10s}},
-       {}},
-      {"other application",
-       true,
-       true,
-       {},
-       "FerrimoHelper",
-       {{userDiag, "Ferrimo_1.crash", 10s}},
-       {}},
-      {"CrashReporter before DiagnosticReports",
-       true,
-       true,
-       {},
-       "FerrimoHelper",
-       {{userDiag, "FerrimoHelper_b.crash", 20s}, {userCrash, "FerrimoHelper_a.crash", 10s}},
-       std::string(userCrash) + "/FerrimoHelper_a.crash"},
-      {"an old report moves the search on",
-       true,
-       true,
-       {},
-       "FerrimoHelper",
-       {{userCrash, "FerrimoHelper_a.crash", -10s}, {localCrash, "FerrimoHelper_c.crash", 10s}},
-       std::string(localCrash) + "/FerrimoHelper_c.crash"},
-      {"user folders before the machine's",
-       true,
-       true,
-       {},
-       "FerrimoHelper",
-       {{localCrash, "FerrimoHelper_c.crash", 10s}, {userDiag, "FerrimoHelper_b.crash", 10s}},
-       std::string(userDiag) + "/FerrimoHelper_b.crash"},
-      {"machine's DiagnosticReports last",
-       true,
-       true,
-       {},
-       "FerrimoHelper",
-       {{localDiag, "FerrimoHelper_d.crash", 10s}},
-       std::string(localDiag) + "/FerrimoHelper_d.crash"},
+      {"launch only", {}, {{report, 10s}}, report},
+      {"name from the main bundle", {}, {{report, 10s}}, report, std::nullopt},
+      {"exit before launch", -5s, {{report, 10s}}, report},
+      {"exit after launch", 5s, {{report, 10s}}, {}},
+      {"exit at launch", 0s, {{report, 10s}}, {}},
+      {"report before launch", {}, {{report, -10s}}, {}},
+      {"report at launch", {}, {{report, 0s}}, {}},
+      {"case ignored", {}, {{ud + "ferrimohelper_x.crash", 1s}}, ud + "ferrimohelper_x.crash"},
+      {"name then _", {}, {{ud + "FerrimoHelperX_1.crash", 1s}, {ud + "FerrimoHelper.crash", 1s}}, {}},
+      {"CrashReporter first", {}, {{ud + "FerrimoHelper_b", 1s}, {uc + "FerrimoHelper_a", 1s}}, uc + "FerrimoHelper_a"},
+      {"old report, next folder", {}, {{uc + "FerrimoHelper_a", -1s}, {lc + "FerrimoHelper_c", 1s}}, lc + "FerrimoHelper_c"},
+      {"user before machine", {}, {{lc + "FerrimoHelper_c", 1s}, {ud + "FerrimoHelper_b", 1s}}, ud + "FerrimoHelper_b"},
+      {"machine's last", {}, {{kLocalDiag + "/FerrimoHelper_d", 1s}}, kLocalDiag + "/FerrimoHelper_d"},
   };
+  // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     TempDir tmp;
     ReporterPlatform platform(tmp.path());
     ScopedPlatform scoped(platform);
-    const std::string recordPath = tmp / "record.plist";
-    if (c.hasRecord)
-      writeRecord(recordPath, c.hasLaunch ? std::optional(launch) : std::nullopt,
-                  c.exit ? std::optional(launch + *c.exit) : std::nullopt);
-    for (const auto& r : c.reports) {
-      std::string path = tmp.touch(std::string(r.folder) + "/" + r.name, "report");
-      setModified(path, launch + r.modified);
-    }
-    platform.resetLogLookups();
+    writeRecord(tmp / kRecord, launch, c.exit ? std::optional(launch + *c.exit) : std::nullopt);
+    for (const auto& r : c.reports) setModified(tmp.touch(r.path), launch + r.offset);
+    platform.logLookups = 0;
 
-    auto found = KdBugReporter::checkForCrashes(c.appName, recordPath);
+    auto found = KdBugReporter::checkForCrashes(c.appName, tmp / kRecord);
 
-    std::optional<std::string> expected;
-    if (c.expected) expected = tmp / *c.expected;
-    EXPECT_EQ(found, expected);
-    auto opened = platform.opened();
-    if (expected) {
-      ASSERT_EQ(opened.size(), 1u);
-      EXPECT_EQ(opened[0].file, *expected);
-      EXPECT_EQ(opened[0].with, "com.quillfen.BugReporter");
-    } else {
-      EXPECT_TRUE(opened.empty());
-    }
+    EXPECT_EQ(found, c.expected ? std::optional(tmp / *c.expected) : std::nullopt);
+    std::vector<Handler> opened;
+    if (found) opened.emplace_back(*found, "com.quillfen.BugReporter");
+    EXPECT_EQ(platform.opened, opened);
     // A run that ended normally is settled by the record alone.
-    if (c.exit && *c.exit >= 0s) {
-      EXPECT_EQ(platform.logLookups(), 0);
+    if (c.exit >= 0s) {
+      EXPECT_EQ(platform.logLookups, 0);
     }
   }
 }
 
-TEST_F(BugReporterTest, TakesOnlyTheLastMatchingEntryOfAFolder) {
-  const PlistDate launch = wholeSeconds(Clock::now() - 1h);
-  writeRecord(record(), launch, std::nullopt);
-  const std::string folder = userLogs() + "/DiagnosticReports";
-  for (const char* name :
-       {"FerrimoHelper_1.crash", "FerrimoHelper_2.crash", "FerrimoHelper_3.crash"})
-    tmp_.touch(std::string("Users/bob/Library/Logs/DiagnosticReports/") + name);
-  auto order = listingOrder(folder);
-  ASSERT_EQ(order.size(), 3u);
-  // Newer reports listed earlier do not count when the last one is old.
-  setModified(folder + "/" + order[0], launch + 10s);
-  setModified(folder + "/" + order[1], launch + 10s);
-  setModified(folder + "/" + order[2], launch - 10s);
-  EXPECT_EQ(KdBugReporter::checkForCrashes("FerrimoHelper", record()), std::nullopt);
+TEST_F(BugReporterTest, LaunchesTheBugReporterUnlessThePreferenceSaysNo) {
+  const std::string bundled = "/Applications/Ferrimo.app/Contents/Resources/Bug Reporter.app";
+  struct Case {
+    std::optional<std::string> bundled;
+    std::optional<PlistValue> disable;
+    std::optional<std::string> openedWith;
+  };
+  const Case cases[] = {
+      {bundled, {}, bundled},
+      {{}, PlistValue("0"), "com.quillfen.BugReporter"},
+      {bundled, PlistValue("1"), {}},
+      {{}, PlistValue(true), {}},
+  };
+  for (const auto& c : cases) {
+    freshLog();
+    TempDir& tmp = tmp_;
+    platform_.opened.clear();
+    std::filesystem::remove_all(tmp / "Users/bob/Library/Preferences");
+    platform_.bundledBugReporter = c.bundled;
+    writeRecord(tmp / kRecord, Clock::now() - 1h);
+    const std::string report = tmp.touch(kUserDiag + "/FerrimoHelper_1.crash");
+    if (c.disable)
+      writePlistDictionaryAtomically(
+          {{"disable-crash-reporter", *c.disable}},
+          tmp / "Users/bob/Library/Preferences/com.quillfen.global.plist");
+    const std::size_t consoleBefore = platform_.systemLogMessages().size();
 
-  setModified(folder + "/" + order[2], launch + 1s);
-  EXPECT_EQ(KdBugReporter::checkForCrashes("FerrimoHelper", record()), folder + "/" + order[2]);
-}
+    EXPECT_EQ(KdBugReporter::checkForCrashes("FerrimoHelper", tmp / kRecord), report);
 
-TEST_F(BugReporterTest, OpensTheReportWithTheBundledBugReporterWhenThereIsOne) {
-  const PlistDate launch = wholeSeconds(Clock::now() - 1h);
-  writeRecord(record(), launch, std::nullopt);
-  std::string report = tmp_.touch("Users/bob/Library/Logs/DiagnosticReports/FerrimoHelper_1.crash");
-  platform_.setBundledBugReporter("/Applications/Ferrimo.app/Contents/Resources/Bug Reporter.app");
-
-  EXPECT_EQ(KdBugReporter::checkForCrashes("FerrimoHelper", record()), report);
-  auto opened = platform_.opened();
-  ASSERT_EQ(opened.size(), 1u);
-  EXPECT_EQ(opened[0].file, report);
-  EXPECT_EQ(opened[0].with, "/Applications/Ferrimo.app/Contents/Resources/Bug Reporter.app");
-  EXPECT_NE(logText().find(" - Application crashed on last launch\n"), std::string::npos);
-  EXPECT_TRUE(platform_.systemLogMessages().empty());
-}
-
-TEST_F(BugReporterTest, PreferenceDisablesTheLaunchButStillReportsTheCrash) {
-  const PlistDate launch = wholeSeconds(Clock::now() - 1h);
-  writeRecord(record(), launch, std::nullopt);
-  std::string report = tmp_.touch("Users/bob/Library/Logs/DiagnosticReports/FerrimoHelper_1.crash");
-  PlistDict global;
-  global["disable-crash-reporter"] = PlistValue("1");
-  tmp_.mkdir("Users/bob/Library/Preferences");
-  ASSERT_TRUE(writePlistDictionaryAtomically(
-      global, tmp_ / "Users/bob/Library/Preferences/com.quillfen.global.plist"));
-
-  EXPECT_EQ(KdBugReporter::checkForCrashes("FerrimoHelper", record()), report);
-  EXPECT_TRUE(platform_.opened().empty());
-  EXPECT_EQ(platform_.systemLogMessages(), std::vector<std::string>{"Crash reporter disabled"});
-  std::string log = logText();
-  auto crashed = log.find(" - Application crashed on last launch\n");
-  auto disabled = log.find(" - Crash reporter disabled\n");
-  ASSERT_NE(crashed, std::string::npos) << log;
-  ASSERT_NE(disabled, std::string::npos) << log;
-  EXPECT_LT(crashed, disabled);
+    std::vector<Handler> opened;
+    if (c.openedWith) opened.emplace_back(report, *c.openedWith);
+    EXPECT_EQ(platform_.opened, opened);
+    auto console = platform_.systemLogMessages();
+    std::vector<std::string> added(console.begin() + consoleBefore, console.end());
+    std::string log = logText();
+    EXPECT_NE(log.find(" - Application crashed on last launch\n"), std::string::npos) << log;
+    const bool disabled = !c.openedWith;
+    EXPECT_EQ(added, disabled ? std::vector<std::string>{"Crash reporter disabled"}
+                              : std::vector<std::string>{});
+    EXPECT_EQ(log.find(" - Crash reporter disabled\n") != std::string::npos, disabled) << log;
+  }
 }
 
 TEST_F(BugReporterTest, StartAndStopKeepTheRunRecord) {
-  std::vector<std::string> heard;
-  KdBugReporterDelegate delegate;
-  delegate.applicationDidCrashWithLog = [&](const std::string& path) { heard.push_back(path); };
-
-  // First run: nothing to report; the launch is recorded and reports of this
-  // run are arranged for in the user's DiagnosticReports folder.
-  const auto before = wholeSeconds(Clock::now());
-  KdBugReporter::startBugReporter("FerrimoHelper", record(), &delegate);
-  auto dict = readPlistDictionary(record());
-  ASSERT_TRUE(dict);
-  auto launch = plistDate(*dict, "launch");
-  ASSERT_TRUE(launch);
-  EXPECT_GE(*launch, before);
-  EXPECT_LE(*launch, Clock::now());
-  EXPECT_TRUE(heard.empty());
-  using Handler = std::pair<std::string, std::string>;
-  const std::vector<Handler> handlers = {{"FerrimoHelper", userLogs() + "/DiagnosticReports"}};
-  EXPECT_EQ(platform_.crashHandlers(), handlers);
-
-  // It ends normally: the next start finds no crash even with a new report.
-  KdBugReporter::stopBugReporter(record());
-  dict = readPlistDictionary(record());
-  ASSERT_TRUE(dict && plistDate(*dict, "exit"));
-  EXPECT_GE(*plistDate(*dict, "exit"), *launch);
-  std::string early = tmp_.touch("Users/bob/Library/Logs/DiagnosticReports/FerrimoHelper_1.crash");
-  setModified(early, Clock::now() + 5s);
-  // The record keeps whole seconds: a launch in the second of the last exit
-  // would count as a normal end of the run that follows.
-  std::this_thread::sleep_until(wholeSeconds(Clock::now()) + 1s);
-  KdBugReporter::startBugReporter("FerrimoHelper", record(), &delegate);
-  EXPECT_TRUE(heard.empty());
-  EXPECT_TRUE(platform_.opened().empty());
-
-  // This run crashes (no stop): the next start hands the report on.
-  std::remove(early.c_str());
-  std::string report = tmp_.touch("Users/bob/Library/Logs/DiagnosticReports/FerrimoHelper_2.crash");
-  setModified(report, Clock::now() + 5s);
-  KdBugReporter::startBugReporter("FerrimoHelper", record(), &delegate);
-  EXPECT_EQ(heard, std::vector<std::string>{report});
-  ASSERT_EQ(platform_.opened().size(), 1u);
-  EXPECT_EQ(platform_.opened()[0].file, report);
-
-  // A delegate that does not answer is not asked; the record keeps other keys.
-  KdBugReporterDelegate silent;
-  writeRecord(record(), wholeSeconds(Clock::now() - 1h), std::nullopt);
-  KdBugReporter::startBugReporter("FerrimoHelper", record(), &silent);
-  dict = readPlistDictionary(record());
-  ASSERT_TRUE(dict);
-  EXPECT_TRUE(dict->count("lastStartup"));
-}
-
-TEST_F(BugReporterTest, WithoutARecordPathTheApplicationsDefaultsFileIsUsed) {
+  // Without a record path the record is the application's own defaults file.
   const std::string defaults = tmp_ / "Users/bob/Library/Preferences/FerrimoHelper.plist";
-  EXPECT_EQ(KdBugReporter::userDefaultsPath(), defaults);
-  KdBugReporter::startBugReporter();
-  auto dict = readPlistDictionary(defaults);
-  ASSERT_TRUE(dict);
-  EXPECT_TRUE(plistDate(*dict, "launch"));
-  EXPECT_FALSE(plistDate(*dict, "exit"));
+  ASSERT_EQ(KdBugReporter::userDefaultsPath(), defaults);
+  std::vector<std::string> heard;
+  KdBugReporterDelegate delegate{[&](const std::string& path) { heard.push_back(path); }};
+  const std::string report = tmp_.touch(kUserDiag + "/FerrimoHelper_1.crash");
+  setModified(report, Clock::now() + 1h);
+
+  // A first run finds no record, arranges for this run's reports, records "launch".
+  KdBugReporter::startBugReporterWithDelegate(&delegate);
+  auto launch = plistDate(readPlistDictionaryOrEmpty(defaults), "launch");
+  ASSERT_TRUE(launch);
+  EXPECT_GT(*launch, Clock::now() - 5s);
+  EXPECT_EQ(
+      platform_.crashHandlers,
+      (std::vector<Handler>{{"FerrimoHelper", tmp_ / "Users/bob/Library/Logs/DiagnosticReports"}}));
+
+  // It ends normally: no crash, whatever reports there are.
   KdBugReporter::stopBugReporter();
-  dict = readPlistDictionary(defaults);
-  ASSERT_TRUE(dict);
-  EXPECT_TRUE(plistDate(*dict, "exit"));
+  auto exit = plistDate(readPlistDictionaryOrEmpty(defaults), "exit");
+  ASSERT_TRUE(exit);
+  EXPECT_GE(*exit, *launch);
+  EXPECT_EQ(KdBugReporter::checkForCrashes(), std::nullopt);
+
+  // A run that did not end: the next start tells the delegate, after "launch".
+  writeRecord(defaults, Clock::now() - 1h);
+  KdBugReporter::startBugReporterWithDelegate(&delegate);
+  EXPECT_EQ(heard, std::vector<std::string>{report});
+  EXPECT_GT(*plistDate(readPlistDictionaryOrEmpty(defaults), "launch"), Clock::now() - 5s);
+  EXPECT_EQ(readPlistDictionaryOrEmpty(defaults).count("lastStartup"), 1u);
+
+  // A delegate that does not answer is not asked.
+  writeRecord(defaults, Clock::now() - 1h);
+  KdBugReporterDelegate silent;
+  KdBugReporter::startBugReporterWithDelegate(&silent);
+  EXPECT_EQ(platform_.opened.size(), 2u);
 }
 
-// The child: a run of the helper that starts crash watching and then crashes.
+// --- A run that really crashes ----------------------------------------------
+
+// Not inlined and not a tail call, so that every level takes stack.
+[[gnu::noinline]] int recurse(int depth) {
+  if (depth < 0) return 0;  // never: the stack ends first
+  volatile char pad[1024];
+  pad[0] = static_cast<char>(depth);
+  return recurse(depth + 1) + pad[0];
+}
+
+// The null store is the point: no sanitizer report before the fault.
+__attribute__((no_sanitize_undefined)) void storeThroughNull() {
+  volatile int* volatile p = nullptr;
+  *p = 1;
+}
+
+// The helper's start, then a crash the way args[1] says.
 int startThenCrash(const std::vector<std::string>& args) {
-  if (args.size() != 3) return 2;
-  ReporterPlatform platform(args[0]);
-  platform.setRealCrashHandler(true);
+  ReporterPlatform platform(args.at(0), /*realCrashHandler=*/true);
   ScopedPlatform scoped(platform);
-  KdBugReporter::startBugReporter("FerrimoHelper", args[1]);
-  crashNow(args[2]);
+  KdBugReporter::startBugReporter("FerrimoHelper", args[0] + "/" + kRecord);
+  struct rlimit noCore {};
+  setrlimit(RLIMIT_CORE, &noCore);
+  const std::string& how = args.at(1);
+  if (how == "null") storeThroughNull();
+  if (how == "overflow") recurse(0);  // needs the alternate signal stack
+  if (how == "abort") std::abort();
+  if (how == "trap") __builtin_trap();
+  if (how == "thread") std::thread(storeThroughNull).join();
   return 3;
 }
 KD_CHILD_MODE("start-then-crash", startThenCrash);
 
-TEST_F(BugReporterTest, ACrashedRunIsFoundAtTheNextStart) {
-  for (const char* how : {"null", "abort"}) {
-    SCOPED_TRACE(how);
+std::string localStamp(std::time_t t) {
+  struct tm tm {};
+  localtime_r(&t, &tm);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y-%m-%d-%H%M%S", &tm);
+  return buf;
+}
+
+TEST_F(BugReporterTest, ACrashedRunLeavesAReportThatTheNextStartFinds) {
+  // A zone east of UTC by a half hour shows a sign or minutes slip in the
+  // handler's own time formatting.
+  struct Zone {
+    Zone() { setenv("TZ", "<+0530>-5:30", 1), tzset(); }
+    ~Zone() { unsetenv("TZ"), tzset(); }
+  } zone;
+  char hostBuf[HOST_NAME_MAX + 1] = {};
+  gethostname(hostBuf, sizeof hostBuf - 1);
+  const std::string host = std::string(hostBuf).substr(0, std::string(hostBuf).find('.'));
+  struct Case {
+    const char* how;
+    int signal;
+    const char* name;
+  };
+  for (const Case& c : {Case{"null", SIGSEGV, "SIGSEGV"}, Case{"overflow", SIGSEGV, "SIGSEGV"},
+                        Case{"abort", SIGABRT, "SIGABRT"}, Case{"trap", SIGILL, "SIGILL"},
+                        Case{"thread", SIGSEGV, "SIGSEGV"}}) {
+    SCOPED_TRACE(c.how);
     TempDir tmp;
-    const std::string recordPath = tmp / "Users/bob/Library/Preferences/com.quillfen.Ferrimo.plist";
-    ChildOutcome out = runChild("start-then-crash", {tmp.path(), recordPath, how});
-    ASSERT_TRUE(out.signalled) << "exit code " << out.exitCode;
+    std::string self = selfExecutable();
+    std::vector<std::string> args = {self, "--kd-child", "start-then-crash", tmp.path(), c.how};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    const std::time_t before = std::time(nullptr);
+    pid_t pid = -1;
+    ASSERT_EQ(posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv.data(), environ), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    const std::time_t after = std::time(nullptr);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "exit status " << WEXITSTATUS(status);
+    EXPECT_EQ(WTERMSIG(status), c.signal);
+
+    // <name>_<YYYY-MM-DD-HHMMSS>_<host>.crash, in local time.
+    auto names = listFolder(tmp / kUserDiag);
+    ASSERT_EQ(names.size(), 1u);
+    const std::string& name = names[0];
+    ASSERT_GT(name.size(), 31u) << name;
+    const std::string stamp = name.substr(14, 17);
+    EXPECT_EQ(name, "FerrimoHelper_" + stamp + "_" + host + ".crash");
+    EXPECT_TRUE(stamp >= localStamp(before) && stamp <= localStamp(after)) << stamp;
+    const std::string text = readFile(tmp / kUserDiag + "/" + name);
+    for (const std::string& line :
+         std::vector<std::string>{"Process:         FerrimoHelper [" + std::to_string(pid) + "]\n",
+                                  "Exception Type:  " + std::string(c.name) + " (signal " +
+                                      std::to_string(c.signal) + ")",
+                                  " " + stamp.substr(0, 10) + " ", " +0530\n", "\nBacktrace:\n/"})
+      EXPECT_NE(text.find(line), std::string::npos) << line << " not in\n" << text;
 
     ReporterPlatform platform(tmp.path());
     ScopedPlatform scoped(platform);
-    auto dict = readPlistDictionary(recordPath);
-    ASSERT_TRUE(dict && plistDate(*dict, "launch"));
-    EXPECT_FALSE(plistDate(*dict, "exit"));
-    const std::string folder = tmp / "Users/bob/Library/Logs/DiagnosticReports";
-    auto names = listingOrder(folder);
-    ASSERT_EQ(names.size(), 1u);
-
-    auto found = KdBugReporter::checkForCrashes(std::nullopt, recordPath);
-    EXPECT_EQ(found, folder + "/" + names[0]);
-    ASSERT_EQ(platform.opened().size(), 1u);
-    EXPECT_EQ(platform.opened()[0].with, "com.quillfen.BugReporter");
+    EXPECT_EQ(KdBugReporter::checkForCrashes(std::nullopt, tmp / kRecord),
+              tmp / kUserDiag + "/" + name);
+    EXPECT_EQ(platform.opened.size(), 1u);
   }
 }
 
