@@ -22,18 +22,31 @@ cmake --build --preset default -j"$(nproc)"
 kd=build/default/tools/kd
 
 workdir=$(mktemp -d "${TMPDIR:-/tmp}/ferrimo-demo.XXXXXX")
-trap 'rm -rf "$workdir"' EXIT
+cleanup() {
+  [ -n "${card_mount:-}" ] && umount -l "$card_mount" 2>/dev/null && rmdir "$card_mount" 2>/dev/null
+  [ -n "${demo_user:-}" ] && userdel "$demo_user" 2>/dev/null && rmdir "/media/$demo_user" 2>/dev/null
+  rm -rf "$workdir"
+}
+trap cleanup EXIT
+chmod 755 "$workdir"
 
 # make_card NAME PATH... : a volume folder NAME holding the given files.
 make_card() {
   local card="$workdir/$1"
+  shift
+  fill_card "$card" "$@"
+  printf '%s\n' "$card"
+}
+
+# fill_card FOLDER PATH... : the given files below FOLDER.
+fill_card() {
+  local card="$1"
   shift
   mkdir -p "$card"
   for f in "$@"; do
     mkdir -p "$card/$(dirname "$f")"
     printf 'sample\n' >"$card/$f"
   done
-  printf '%s\n' "$card"
 }
 
 describe() {
@@ -82,3 +95,52 @@ On a mount, FerrimoHelper checks the newest removable volume the same way and
 starts Ferrimo with "-ferrimoVolume <volume>" only for codes 0 to 9.
 Details: docs/cards.md. Try also: build/default/tools/kd match '<folder>/*/*.mov'
 EOF
+
+(($# > 0)) && exit 0
+
+# The helper itself, as the system runs it on a mount: a stand-in Ferrimo in an
+# application folder records how it was started.
+helper=build/default/src/FerrimoHelper
+app="$workdir/Ferrimo.app"
+mkdir -p "$app/Contents/MacOS"
+cp build/default/tests/helper/stand-in/Ferrimo "$app/Contents/MacOS/Ferrimo"
+chmod 777 "$app/Contents/MacOS"
+home="$workdir/home"
+mkdir -p "$home"
+
+if [ "$(id -u)" -eq 0 ] && command -v useradd >/dev/null && command -v setpriv >/dev/null; then
+  # Root's user folders would be those of the user at the console, and a
+  # server has none: the demo runs the helper as a throwaway ordinary user.
+  demo_user="ferrimo-demo$$"
+  demo_user=${demo_user:0:30}
+  useradd -M -d "$home" -s /usr/sbin/nologin -U "$demo_user"
+  chown "$demo_user:" "$home"
+  card_mount="/media/$demo_user/EOS_DIGITAL"
+  mkdir -p "$card_mount"
+  say "Mounting a sample card (tmpfs) at $card_mount"
+  mount -t tmpfs -o size=4m,mode=0755 tmpfs "$card_mount"
+  fill_card "$card_mount" DCIM/100EOS5D/IMG_0001.CR2 DCIM/100EOS5D/MVI_0002.MOV
+  touch "$card_mount"
+  run_helper() {
+    (cd "$app" && env -i HOME="$home" USER="$demo_user" PATH=/usr/bin:/bin \
+      setpriv --reuid="$demo_user" --regid="$demo_user" --clear-groups -- "$OLDPWD/$helper" "$@")
+  }
+else
+  say "Not root: no card can be mounted, so the helper finds no removable volume"
+  run_helper() { (cd "$app" && env -i HOME="$home" PATH=/usr/bin:/bin "$OLDPWD/$helper" "$@"); }
+fi
+
+say "Running FerrimoHelper in $app (it waits 2 seconds for the volume to settle)"
+run_helper
+echo "exit status: $?"
+sleep 0.3
+
+say "The helper's log ($home/.local/state/Quillfen/FerrimoHelper.1.log)"
+sed 's/^/    /' "$home/.local/state/Quillfen/FerrimoHelper.1.log"
+
+say "How Ferrimo was started"
+if [ -s "$app/Contents/MacOS/launches.log" ]; then
+  sed 's/^/    Contents\/MacOS\/Ferrimo /; s/\t/ /g' "$app/Contents/MacOS/launches.log"
+else
+  echo "    (not started)"
+fi
