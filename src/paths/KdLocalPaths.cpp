@@ -1,7 +1,10 @@
 #include "paths/KdLocalPaths.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <vector>
 
 #include "common/Path.h"
 
@@ -166,31 +169,24 @@ bool KdLocalPaths::isPathSystemDirectory(const std::string& path, bool exactMatc
   std::string p = path;
   if (p.back() == '/') p.resize(p.size() - 2);
 
-  auto is = [&p](const OptPath& candidate) { return candidate && *candidate == p; };
-  for (bool user : {true, false}) {
-    if (is(applicationDirectory(user))) return true;
+  // The standard folders, each asked afresh so that a root process follows the
+  // console user; user domain before local, in this order.
+  using DomainOp = OptPath (*)(bool);
+  static constexpr DomainOp kDomainOps[] = {
+      &applicationDirectory, &adminApplicationDirectory,
+      &documentDirectory,    &libraryDirectory,
+      &prefsDirectory,       &cacheDirectory,
+      &appSupportDirectory,
+  };
+  for (DomainOp op : kDomainOps) {
+    if (op(true) == p || op(false) == p) return true;
   }
-  for (bool user : {true, false}) {
-    if (is(adminApplicationDirectory(user))) return true;
+  using PlainOp = OptPath (*)();
+  static constexpr PlainOp kPlainOps[] = {&desktopDirectory, &userDirectory,
+                                          &systemLibraryDirectory, &localDocumentationDirectory};
+  for (PlainOp op : kPlainOps) {
+    if (op() == p) return true;
   }
-  for (bool user : {true, false}) {
-    if (is(documentDirectory(user))) return true;
-  }
-  for (bool user : {true, false}) {
-    if (is(libraryDirectory(user))) return true;
-  }
-  for (bool user : {true, false}) {
-    if (is(prefsDirectory(user))) return true;
-  }
-  for (bool user : {true, false}) {
-    if (is(cacheDirectory(user))) return true;
-  }
-  for (bool user : {true, false}) {
-    if (is(appSupportDirectory(user))) return true;
-  }
-  if (is(desktopDirectory()) || is(userDirectory()) || is(systemLibraryDirectory()) ||
-      is(localDocumentationDirectory()))
-    return true;
   for (const char* literal : {"/Users/Shared", "/usr", "/var", "/bin", "/sbin", "/System"}) {
     if (p == literal) return true;
   }
