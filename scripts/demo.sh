@@ -72,7 +72,7 @@ else
   say "Making sample cards in $workdir"
   volumes=(
     "$(make_card CARD CONTENTS/CLIPS001/C0001/C0001.MXF CONTENTS/CLIPS001/C0001/C0001M01.XML)"
-    "$(make_card EOS_DIGITAL DCIM/100EOS5D/IMG_0001.CR2 DCIM/100EOS5D/MVI_0002.MOV)"
+    "$(make_card PHOTO_CARD DCIM/100EOS5D/IMG_0001.CR2 DCIM/100EOS5D/MVI_0002.MOV)"
     "$(make_card SHOOT1 SHOOT1/SHOOT1_AVID.ale SHOOT1/SHOOT1_BIN.bin SHOOT1/SHOO_0001.mov)"
     "$(make_card DJI_0001 0001_0042_20240315_A/DJI_0042.mov)"
     "$(make_card USB_STICK Documents/notes.txt .DS_Store)"
@@ -115,7 +115,7 @@ if [ "$(id -u)" -eq 0 ] && command -v useradd >/dev/null && command -v setpriv >
   demo_user=${demo_user:0:30}
   useradd -M -d "$home" -s /usr/sbin/nologin -U "$demo_user"
   chown "$demo_user:" "$home"
-  card_mount="/media/$demo_user/EOS_DIGITAL"
+  card_mount="/media/$demo_user/PHOTO_CARD"
   mkdir -p "$card_mount"
   say "Mounting a sample card (tmpfs) at $card_mount"
   mount -t tmpfs -o size=4m,mode=0755 tmpfs "$card_mount"
