@@ -15,66 +15,32 @@ using kd::DirectoryKind;
 using kd::test::FakeMacPlatform;
 using kd::test::ScopedPlatform;
 using OptPath = KdLocalPaths::OptPath;
-
-namespace {
-
-struct Location {
-  const char* name;
-  std::function<OptPath()> op;
-  OptPath expected;  // as macOS answers for bob, whose home is /Users/bob
-};
-
-std::vector<Location> bobsLocations() {
-  return {
-      {"applicationDirectory user", [] { return KdLocalPaths::applicationDirectory(true); },
-       "/Users/bob/Applications"},
-      {"applicationDirectory local", [] { return KdLocalPaths::applicationDirectory(false); },
-       "/Applications"},
-      {"adminApplicationDirectory user",
-       [] { return KdLocalPaths::adminApplicationDirectory(true); },
-       "/Users/bob/Applications/Utilities"},
-      {"documentDirectory user", [] { return KdLocalPaths::documentDirectory(true); },
-       "/Users/bob/Documents"},
-      {"documentDirectory local", [] { return KdLocalPaths::documentDirectory(false); },
-       std::nullopt},
-      {"libraryDirectory user", [] { return KdLocalPaths::libraryDirectory(true); },
-       "/Users/bob/Library"},
-      {"libraryDirectory local", [] { return KdLocalPaths::libraryDirectory(false); }, "/Library"},
-      {"prefsDirectory user", [] { return KdLocalPaths::prefsDirectory(true); },
-       "/Users/bob/Library/Preferences"},
-      {"prefsDirectory local", [] { return KdLocalPaths::prefsDirectory(false); },
-       "/Library/Preferences"},
-      {"cacheDirectory user", [] { return KdLocalPaths::cacheDirectory(true); },
-       "/Users/bob/Library/Caches"},
-      {"appSupportDirectory user", [] { return KdLocalPaths::appSupportDirectory(true); },
-       "/Users/bob/Library/Application Support"},
-      {"logDirectory user", [] { return KdLocalPaths::logDirectory(true); },
-       "/Users/bob/Library/Logs"},
-      {"logDirectory local", [] { return KdLocalPaths::logDirectory(false); }, "/Library/Logs"},
-      {"movieDirectory", [] { return KdLocalPaths::movieDirectory(); }, "/Users/bob/Movies"},
-      {"desktopDirectory", [] { return KdLocalPaths::desktopDirectory(); }, "/Users/bob/Desktop"},
-      {"systemLibraryDirectory", [] { return KdLocalPaths::systemLibraryDirectory(); },
-       "/System/Library"},
-      {"localDocumentationDirectory", [] { return KdLocalPaths::localDocumentationDirectory(); },
-       "/Library/Documentation"},
-      {"userDirectory", [] { return KdLocalPaths::userDirectory(); }, "/Users/bob"},
-      {"username", [] { return KdLocalPaths::username(); }, "bob"},
-      {"trashDirectory", [] { return KdLocalPaths::trashDirectory(); }, "/Users/bob/.Trash"},
-  };
-}
-
-}  // namespace
+using L = KdLocalPaths;
 
 // Bob's folders are the same whether bob runs the program or root does while
 // bob is at the console.
 TEST(KdLocalPaths, LocationsOfBobAndOfRootWithBobAtTheConsole) {
+  const std::pair<std::function<OptPath()>, OptPath> cases[] = {
+      {[] { return L::applicationDirectory(true); }, "/Users/bob/Applications"},
+      {[] { return L::applicationDirectory(false); }, "/Applications"},
+      {[] { return L::documentDirectory(false); }, std::nullopt},
+      {[] { return L::libraryDirectory(true); }, "/Users/bob/Library"},
+      {[] { return L::prefsDirectory(true); }, "/Users/bob/Library/Preferences"},
+      {[] { return L::prefsDirectory(false); }, "/Library/Preferences"},
+      {[] { return L::logDirectory(true); }, "/Users/bob/Library/Logs"},
+      {[] { return L::logDirectory(false); }, "/Library/Logs"},
+      {[] { return L::movieDirectory(); }, "/Users/bob/Movies"},
+      {[] { return L::systemLibraryDirectory(); }, "/System/Library"},
+      {[] { return L::localDocumentationDirectory(); }, "/Library/Documentation"},
+      {[] { return L::username(); }, "bob"},
+      {[] { return L::trashDirectory(); }, "/Users/bob/.Trash"},
+  };
   FakeMacPlatform fake;
   ScopedPlatform installed(fake);
   for (std::uint32_t uid : {501u, 0u}) {
     fake.setUid(uid);
-    EXPECT_EQ(KdLocalPaths::isRoot(), uid == 0);
-    for (const Location& l : bobsLocations())
-      EXPECT_EQ(l.op(), l.expected) << l.name << " as uid " << uid;
+    for (const auto& [op, expected] : cases)
+      EXPECT_EQ(op(), expected) << expected.value_or("(none)") << " as uid " << uid;
   }
 }
 
@@ -82,148 +48,87 @@ TEST(KdLocalPaths, RootAdjustmentCutsRootsHomeAsText) {
   FakeMacPlatform fake;
   fake.setUid(0);
   ScopedPlatform installed(fake);
-  struct Case {
-    const char* lookup;
-    OptPath library;
-    OptPath prefs;
+  const std::pair<const char*, const char*> cases[] = {
+      {"/var/root/Library", "/Users/bob/Library"},
+      {"/private/var/root/Library", "/Users/bob/t/Library"},  // the "t" of "root" stays
+      {"/opt/Library", "/Users/bob/opt/Library"},
   };
-  const Case cases[] = {
-      {"/var/root/Library", "/Users/bob/Library", "/Users/bob/Library/Preferences"},
-      // The second cut is one short of its prefix: the "t" of "root" stays.
-      {"/private/var/root/Library", "/Users/bob/t/Library", "/Users/bob/t/Library/Preferences"},
-      {"/opt/Library", "/Users/bob/opt/Library", "/Users/bob/opt/Library/Preferences"},
-  };
-  for (const Case& c : cases) {
-    fake.setSearchPath(DirectoryKind::Library, kd::UserDomainMask, {c.lookup, "/ignored"});
-    EXPECT_EQ(KdLocalPaths::libraryDirectory(true), c.library) << c.lookup;
-    EXPECT_EQ(KdLocalPaths::prefsDirectory(true), c.prefs) << c.lookup;
+  for (const auto& [lookup, library] : cases) {
+    fake.setSearchPath(DirectoryKind::Library, kd::UserDomainMask, {lookup, "/ignored"});
+    EXPECT_EQ(L::libraryDirectory(true), library);
+    EXPECT_EQ(L::prefsDirectory(true), std::string(library) + "/Preferences");
   }
-  // Only the user domain is adjusted.
   fake.setSearchPath(DirectoryKind::Library, kd::LocalDomainMask, {"/var/root/Library"});
-  EXPECT_EQ(KdLocalPaths::libraryDirectory(false), "/var/root/Library");
+  EXPECT_EQ(L::libraryDirectory(false), "/var/root/Library") << "only the user domain moves";
   fake.setSearchPath(DirectoryKind::Library, kd::UserDomainMask, {});
-  EXPECT_EQ(KdLocalPaths::libraryDirectory(true), std::nullopt);
-  EXPECT_EQ(KdLocalPaths::logDirectory(true), std::nullopt);
-}
+  EXPECT_EQ(L::logDirectory(true), std::nullopt);
 
-TEST(KdLocalPaths, RootWithNobodyAtTheConsoleHasNoUserFolders) {
-  FakeMacPlatform fake;
-  fake.setUid(0);
-  ScopedPlatform installed(fake);
-  for (OptPath console : {OptPath(), OptPath("loginwindow"), OptPath("")}) {
+  // Nobody at the console: no user folders at all.
+  for (OptPath console : {OptPath(), OptPath("loginwindow")}) {
     fake.setConsoleUser(console);
-    EXPECT_EQ(KdLocalPaths::currentConsoleUser(), std::nullopt);
-    EXPECT_EQ(KdLocalPaths::username(), std::nullopt);
-    EXPECT_EQ(KdLocalPaths::userDirectory(), std::nullopt);
-    EXPECT_EQ(KdLocalPaths::prefsDirectory(true), std::nullopt);
-    EXPECT_EQ(KdLocalPaths::trashDirectory(), std::nullopt);
-    EXPECT_EQ(KdLocalPaths::prefsDirectory(false), "/Library/Preferences");
+    EXPECT_EQ(L::username(), std::nullopt);
+    EXPECT_EQ(L::userDirectory(), std::nullopt);
+    EXPECT_EQ(L::desktopDirectory(), std::nullopt);
+    EXPECT_EQ(L::applicationDirectory(false), "/Applications");
   }
-  // Not root: the process's own user, whoever is at the console.
-  fake.setUid(501);
-  EXPECT_EQ(KdLocalPaths::username(), "bob");
-  EXPECT_EQ(KdLocalPaths::userDirectory(), "/Users/bob");
 }
 
 TEST(KdLocalPaths, RootFollowsTheConsoleUserFromCallToCall) {
   FakeMacPlatform fake;
   fake.setUid(0);
   ScopedPlatform installed(fake);
-  EXPECT_EQ(KdLocalPaths::prefsDirectory(true), "/Users/bob/Library/Preferences");
-  EXPECT_TRUE(KdLocalPaths::isPathSystemDirectory("/Users/bob/Library", true));
+  EXPECT_EQ(L::prefsDirectory(true), "/Users/bob/Library/Preferences");
+  EXPECT_TRUE(L::isPathSystemDirectory("/Users/bob/Library", true));
   fake.setConsoleUser("alice");
-  EXPECT_EQ(KdLocalPaths::prefsDirectory(true), "/Users/alice/Library/Preferences");
-  EXPECT_EQ(KdLocalPaths::username(), "alice");
-  EXPECT_FALSE(KdLocalPaths::isPathSystemDirectory("/Users/bob/Library", true));
-  EXPECT_TRUE(KdLocalPaths::isPathSystemDirectory("/Users/alice/Library", true));
-  // Root-ness is asked afresh too.
-  fake.setUid(501);
-  EXPECT_EQ(KdLocalPaths::username(), "bob");
+  EXPECT_EQ(L::prefsDirectory(true), "/Users/alice/Library/Preferences");
+  EXPECT_FALSE(L::isPathSystemDirectory("/Users/bob/Library", true));
+  EXPECT_TRUE(L::isPathSystemDirectory("/Users/alice/Library", true));
+  fake.setUid(501);  // root-ness is asked afresh too
+  EXPECT_EQ(L::username(), "bob");
 }
 
-TEST(KdLocalPaths, TrailingSlashesAndTimeMachine) {
-  struct Slash {
-    OptPath in, ensured, stripped;
-  };
-  const Slash slashes[] = {
+TEST(KdLocalPaths, TextHelpers) {
+  const std::tuple<OptPath, OptPath, OptPath> slashes[] = {
+      // path, ensureTrailingSlash, stripTrailingSlash
       {std::nullopt, std::nullopt, std::nullopt},
       {"", "", ""},
       {"/", "/", "/"},
       {"a", "a/", "a"},
-      {"a/", "a/", "a"},
       {"a//", "a//", "a/"},
-      {"/Users/bob", "/Users/bob/", "/Users/bob"},
   };
-  for (const Slash& s : slashes) {
-    EXPECT_EQ(KdLocalPaths::ensureTrailingSlash(s.in), s.ensured) << s.in.value_or("(none)");
-    EXPECT_EQ(KdLocalPaths::stripTrailingSlash(s.in), s.stripped) << s.in.value_or("(none)");
+  for (const auto& [in, ensured, stripped] : slashes) {
+    EXPECT_EQ(L::ensureTrailingSlash(in), ensured) << in.value_or("(none)");
+    EXPECT_EQ(L::stripTrailingSlash(in), stripped) << in.value_or("(none)");
   }
+  EXPECT_TRUE(L::isPathOnTimeMachineVolume("/Volumes/TM/Backups.backupdb/Mac"));
+  EXPECT_FALSE(L::isPathOnTimeMachineVolume("/Backups.backupdb/x"));
+  EXPECT_FALSE(L::isPathOnTimeMachineVolume("/Volumes/TM/Backups.backupdbx"));
 
-  struct Tm {
-    const char* path;
-    bool onTimeMachine;
-  };
-  const Tm tms[] = {
-      {"/Volumes/TM/Backups.backupdb/Mac", true},
-      {"/Volumes/TM/Backups.backupdb", true},
-      {"/Backups.backupdb/x", false},
-      {"/Volumes/TM/Backups.backupdbx/Mac", false},
-      {"/Volumes/TM/backups.backupdb/Mac", false},
-      {"/VolumesX/Backups.backupdb", false},
-  };
-  for (const Tm& t : tms)
-    EXPECT_EQ(KdLocalPaths::isPathOnTimeMachineVolume(t.path), t.onTimeMachine) << t.path;
+  EXPECT_EQ(L::randomString(0), "");
+  std::string s = L::randomString(300);
+  EXPECT_EQ(s.size(), 300u);
+  EXPECT_EQ(s.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789"), std::string::npos);
 }
 
-TEST(KdLocalPaths, RandomStringsUseTheAlphabet) {
-  EXPECT_EQ(KdLocalPaths::randomString(0), "");
-  std::string s = KdLocalPaths::randomString(500);
-  ASSERT_EQ(s.size(), 500u);
-  EXPECT_EQ(s.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789"), std::string::npos) << s;
-  // 500 draws from 36 characters that all came out the same would mean a
-  // broken index.
-  EXPECT_NE(s.find_first_not_of(s[0]), std::string::npos) << s;
-}
-
-TEST(KdLocalPaths, TempFileIsAFreshNameInTheTempFolderAndNothingMore) {
+TEST(KdLocalPaths, TempFileIsOnlyAName) {
   kd::test::TempDir dir;
   const char* old = getenv("TMPDIR");
   std::string saved = old ? old : "";
   setenv("TMPDIR", dir.path().c_str(), 1);
-
-  std::string a = KdLocalPaths::tempFile();
-  std::string b = KdLocalPaths::tempFile();
-  EXPECT_EQ(KdLocalPaths::tempDirectory(), dir.path() + "/");
+  std::string a = L::tempFile();
   EXPECT_EQ(a.rfind(dir.path() + "/", 0), 0u) << a;
   EXPECT_EQ(a.find('/', dir.path().size() + 1), std::string::npos) << "one component: " << a;
-  EXPECT_NE(a, b);
-  EXPECT_TRUE(std::filesystem::is_empty(dir.path())) << "tempFile must not create anything";
-
-  if (old)
-    setenv("TMPDIR", saved.c_str(), 1);
-  else
-    unsetenv("TMPDIR");
+  EXPECT_NE(a, L::tempFile());
+  EXPECT_TRUE(std::filesystem::is_empty(dir.path())) << "nothing may be created";
+  old ? setenv("TMPDIR", saved.c_str(), 1) : unsetenv("TMPDIR");
 }
 
-TEST(KdCmdUtils, SingletonFlagAndWorkingDirectory) {
-  KdCmdUtils& utils = KdCmdUtils::sharedController();
-  EXPECT_EQ(&utils, &KdCmdUtils::sharedController());
-  EXPECT_TRUE(utils.hasGUI());
-  utils.setHasGUI(false);
-  EXPECT_FALSE(KdCmdUtils::sharedController().hasGUI());
-  utils.setHasGUI(true);
-
-  // The working directory, not where the executable lies.
+TEST(KdCmdUtils, SingletonAndWorkingDirectory) {
+  EXPECT_EQ(&KdCmdUtils::sharedController(), &KdCmdUtils::sharedController());
+  EXPECT_TRUE(KdCmdUtils::sharedController().hasGUI());
   kd::test::TempDir dir;
   std::string before = std::filesystem::current_path().string();
   ASSERT_EQ(chdir(dir.path().c_str()), 0);
   EXPECT_EQ(KdCmdUtils::applicationPath(), std::filesystem::canonical(dir.path()).string());
   ASSERT_EQ(chdir(before.c_str()), 0);
-
-  FakeMacPlatform fake;
-  ScopedPlatform installed(fake);
-  fake.setCurrentDirectory("/Applications/Ferrimo.app");
-  EXPECT_EQ(KdCmdUtils::applicationPath(), "/Applications/Ferrimo.app");
-  fake.setCurrentDirectory(std::nullopt);
-  EXPECT_EQ(KdCmdUtils::applicationPath(), std::nullopt);
 }

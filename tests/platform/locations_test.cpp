@@ -1,44 +1,30 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <map>
-
 #include "platform/Platform.h"
 #include "support/TempDir.h"
 
 using kd::DirectoryKind;
-using kd::test::TempDir;
 using Paths = std::vector<std::string>;
 
 namespace {
 
-// Sets (or, with nullptr, unsets) environment variables for a scope and puts
-// the old values back afterwards.
+// Sets (nullptr: unsets) environment variables for a scope, then restores them.
 class ScopedEnv {
  public:
-  ScopedEnv(std::initializer_list<std::pair<const char*, const char*>> vars) {
+  ScopedEnv(std::initializer_list<std::pair<const char*, std::optional<std::string>>> vars) {
     for (const auto& [name, value] : vars) {
       const char* old = getenv(name);
-      saved_.emplace(name, old ? std::optional<std::string>(old) : std::nullopt);
-      if (value)
-        setenv(name, value, 1);
-      else
-        unsetenv(name);
+      saved_.emplace_back(name, old ? std::optional<std::string>(old) : std::nullopt);
+      value ? setenv(name, value->c_str(), 1) : unsetenv(name);
     }
   }
   ~ScopedEnv() {
-    for (const auto& [name, old] : saved_) {
-      if (old)
-        setenv(name.c_str(), old->c_str(), 1);
-      else
-        unsetenv(name.c_str());
-    }
+    for (const auto& [name, old] : saved_) old ? setenv(name, old->c_str(), 1) : unsetenv(name);
   }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
 
  private:
-  std::map<std::string, std::optional<std::string>> saved_;
+  std::vector<std::pair<const char*, std::optional<std::string>>> saved_;
 };
 
 Paths lookup(DirectoryKind kind, unsigned mask) {
@@ -48,76 +34,60 @@ Paths lookup(DirectoryKind kind, unsigned mask) {
 }  // namespace
 
 TEST(LinuxLocations, DefaultFoldersBelowHome) {
-  TempDir dir;
-  const std::string home = dir.path();
-  ScopedEnv env{
-      {"HOME", home.c_str()},       {"XDG_DATA_HOME", nullptr},     {"XDG_CONFIG_HOME", nullptr},
-      {"XDG_CACHE_HOME", nullptr},  {"XDG_STATE_HOME", "relative"},  // not absolute: ignored
-      {"XDG_DESKTOP_DIR", nullptr}, {"XDG_DOCUMENTS_DIR", nullptr}, {"XDG_VIDEOS_DIR", nullptr}};
-  struct Row {
-    DirectoryKind kind;
-    Paths user;
-    Paths local;
-  };
-  const Row rows[] = {
-      {DirectoryKind::Application, {home + "/.local/bin"}, {"/usr/local/bin"}},
+  kd::test::TempDir dir;
+  const std::string h = dir.path();
+  ScopedEnv env{{"HOME", h},
+                {"XDG_DATA_HOME", std::nullopt},
+                {"XDG_CONFIG_HOME", std::nullopt},
+                {"XDG_CACHE_HOME", std::nullopt},
+                {"XDG_STATE_HOME", "relative"},  // not absolute: ignored
+                {"XDG_DESKTOP_DIR", std::nullopt},
+                {"XDG_VIDEOS_DIR", std::nullopt}};
+  const std::tuple<DirectoryKind, Paths, Paths> rows[] = {
+      // kind, user domain, local domain
+      {DirectoryKind::Application, {h + "/.local/bin"}, {"/usr/local/bin"}},
       {DirectoryKind::AdminApplication, {}, {"/usr/local/sbin"}},
-      {DirectoryKind::Library, {home + "/.local/share"}, {"/usr/local/share"}},
-      {DirectoryKind::Documentation, {home + "/.local/share/doc"}, {"/usr/local/share/doc"}},
-      {DirectoryKind::Document, {home + "/Documents"}, {}},
-      {DirectoryKind::Desktop, {home + "/Desktop"}, {}},
-      {DirectoryKind::Caches, {home + "/.cache"}, {"/var/cache"}},
-      {DirectoryKind::ApplicationSupport, {home + "/.local/share"}, {"/usr/local/share"}},
-      {DirectoryKind::Movies, {home + "/Videos"}, {}},
-      {DirectoryKind::Preferences, {home + "/.config"}, {"/etc/xdg"}},
-      {DirectoryKind::Logs, {home + "/.local/state"}, {"/var/log"}},
+      {DirectoryKind::Library, {h + "/.local/share"}, {"/usr/local/share"}},
+      {DirectoryKind::Desktop, {h + "/Desktop"}, {}},
+      {DirectoryKind::Caches, {h + "/.cache"}, {"/var/cache"}},
+      {DirectoryKind::Movies, {h + "/Videos"}, {}},
+      {DirectoryKind::Preferences, {h + "/.config"}, {"/etc/xdg"}},
+      {DirectoryKind::Logs, {h + "/.local/state"}, {"/var/log"}},
   };
-  for (const Row& r : rows) {
-    EXPECT_EQ(lookup(r.kind, kd::UserDomainMask), r.user) << static_cast<int>(r.kind);
-    EXPECT_EQ(lookup(r.kind, kd::LocalDomainMask), r.local) << static_cast<int>(r.kind);
+  for (const auto& [kind, user, local] : rows) {
+    EXPECT_EQ(lookup(kind, kd::UserDomainMask), user) << static_cast<int>(kind);
+    EXPECT_EQ(lookup(kind, kd::LocalDomainMask), local) << static_cast<int>(kind);
   }
-  // Several domains come user first, then local, then system.
   EXPECT_EQ(lookup(DirectoryKind::Library,
                    kd::UserDomainMask | kd::LocalDomainMask | kd::SystemDomainMask),
-            (Paths{home + "/.local/share", "/usr/local/share", "/usr/share"}));
-  EXPECT_EQ(kd::nativePlatform().userCacheDirectory(), home + "/.cache/");
+            (Paths{h + "/.local/share", "/usr/local/share", "/usr/share"}));
 }
 
 TEST(LinuxLocations, XdgVariablesAndUserDirsFile) {
-  TempDir dir;
+  kd::test::TempDir dir;
   const std::string home = dir.mkdir("home");
-  const std::string config = dir.mkdir("conf");
   dir.touch("conf/user-dirs.dirs",
             "# written by the desktop\n"
             "XDG_DESKTOP_DIR=\"$HOME/Schreibtisch\"\n"
             "  XDG_DOCUMENTS_DIR=\"/srv/Dokumente \\\"A\\\"\"\n"
-            "XDG_VIDEOS_DIR=relative-is-ignored\n"
-            "XDG_DESKTOP_DIR_EXTRA=\"/not/this\"\n");
-  const std::string videos = dir / "vids";
-  ScopedEnv env{{"HOME", home.c_str()},
-                {"XDG_DATA_HOME", (dir / "data").c_str()},
-                {"XDG_CONFIG_HOME", config.c_str()},
-                {"XDG_CACHE_HOME", (dir / "cache").c_str()},
-                {"XDG_STATE_HOME", (dir / "state").c_str()},
-                {"XDG_DESKTOP_DIR", "/env/loses/to/the/file"},
-                {"XDG_DOCUMENTS_DIR", nullptr},
-                {"XDG_VIDEOS_DIR", videos.c_str()}};
-  struct Row {
-    DirectoryKind kind;
-    std::string user;
-  };
-  const Row rows[] = {
-      {DirectoryKind::Library, dir / "data"},
+            "XDG_VIDEOS_DIR=unquoted-is-ignored\n");
+  ScopedEnv env{{"HOME", home},
+                {"XDG_DATA_HOME", dir / "data"},
+                {"XDG_CONFIG_HOME", dir / "conf"},
+                {"XDG_CACHE_HOME", dir / "cache"},
+                {"XDG_STATE_HOME", dir / "state"},
+                {"XDG_DESKTOP_DIR", "/the/file/wins"},
+                {"XDG_VIDEOS_DIR", dir / "vids"}};
+  const std::pair<DirectoryKind, std::string> rows[] = {
       {DirectoryKind::ApplicationSupport, dir / "data"},
-      {DirectoryKind::Preferences, config},
+      {DirectoryKind::Preferences, dir / "conf"},
       {DirectoryKind::Caches, dir / "cache"},
       {DirectoryKind::Logs, dir / "state"},
       {DirectoryKind::Desktop, home + "/Schreibtisch"},
       {DirectoryKind::Document, "/srv/Dokumente \"A\""},
-      {DirectoryKind::Movies, videos},  // no usable entry in the file
-      {DirectoryKind::Application, home + "/.local/bin"},
+      {DirectoryKind::Movies, dir / "vids"},  // no usable entry in the file
   };
-  for (const Row& r : rows)
-    EXPECT_EQ(lookup(r.kind, kd::UserDomainMask), Paths{r.user}) << static_cast<int>(r.kind);
+  for (const auto& [kind, user] : rows)
+    EXPECT_EQ(lookup(kind, kd::UserDomainMask), Paths{user}) << static_cast<int>(kind);
   EXPECT_EQ(kd::nativePlatform().userCacheDirectory(), dir / "cache/");
 }
