@@ -30,10 +30,12 @@ bool writeAll(int fd, std::string_view bytes) {
 
 bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string* error) {
   std::string dir = path::deletingLastComponent(path);
-  if (dir.empty()) dir = ".";
+  if (dir.empty()) dir.push_back('.');  // (not `= "."`: a false -Wrestrict in GCC 12)
   std::string name = path::lastComponent(path);
   thread_local std::mt19937_64 rng{std::random_device{}()};
-  std::string tmp = path::append(dir, "." + name + ".tmp" + std::to_string(rng() % 1000000007));
+  std::string tmpName = ".";
+  tmpName.append(name).append(".tmp").append(std::to_string(rng() % 1000000007));
+  std::string tmp = path::append(dir, tmpName);
 
   UniqueFd fd(retryOnEintr(
       [&] { return ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644); }));

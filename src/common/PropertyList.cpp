@@ -22,30 +22,36 @@ using PlistPtr = std::unique_ptr<void, PlistFree>;
 // Nesting deeper than this is treated as malformed rather than recursed into.
 constexpr int kMaxDepth = 256;
 
-std::optional<PlistValue> fromNode(plist_t node, int depth) {
-  if (!node || depth > kMaxDepth) return std::nullopt;
+// Converts a node into `out`; false for nodes that are not values or nest too
+// deeply. (An out-parameter rather than an optional result: GCC 12 reports
+// false "maybe uninitialized" warnings for optionals of this variant.)
+bool fromNode(plist_t node, int depth, PlistValue& out) {
+  if (!node || depth > kMaxDepth) return false;
   switch (plist_get_node_type(node)) {
     case PLIST_BOOLEAN: {
       uint8_t b = 0;
       plist_get_bool_val(node, &b);
-      return PlistValue(b != 0);
+      out = PlistValue(b != 0);
+      return true;
     }
     case PLIST_UINT: {
       uint64_t u = 0;
       plist_get_uint_val(node, &u);
-      return PlistValue(static_cast<std::int64_t>(u));
+      out = PlistValue(static_cast<std::int64_t>(u));
+      return true;
     }
     case PLIST_REAL: {
       double d = 0;
       plist_get_real_val(node, &d);
-      return PlistValue(d);
+      out = PlistValue(d);
+      return true;
     }
     case PLIST_STRING: {
       char* s = nullptr;
       plist_get_string_val(node, &s);
-      PlistValue v(std::string(s ? s : ""));
+      out = PlistValue(std::string(s ? s : ""));
       free(s);
-      return v;
+      return true;
     }
     case PLIST_DATA: {
       char* d = nullptr;
@@ -54,30 +60,31 @@ std::optional<PlistValue> fromNode(plist_t node, int depth) {
       PlistData data;
       if (d) data.bytes.assign(d, d + len);
       free(d);
-      return PlistValue(std::move(data));
+      out = PlistValue(std::move(data));
+      return true;
     }
     case PLIST_DATE: {
       int32_t sec = 0, usec = 0;
       plist_get_date_val(node, &sec, &usec);
       auto since1970 = std::chrono::seconds(kPlistEpoch + sec) + std::chrono::microseconds(usec);
-      return PlistValue(PlistDate(std::chrono::duration_cast<PlistDate::duration>(since1970)));
+      out = PlistValue(PlistDate(std::chrono::duration_cast<PlistDate::duration>(since1970)));
+      return true;
     }
     case PLIST_ARRAY: {
       PlistArray arr;
       uint32_t n = plist_array_get_size(node);
-      for (uint32_t i = 0; i < n; ++i) {
-        auto item = fromNode(plist_array_get_item(node, i), depth + 1);
-        if (!item) return std::nullopt;
-        arr.push_back(std::move(*item));
-      }
-      return PlistValue(std::move(arr));
+      arr.resize(n);
+      for (uint32_t i = 0; i < n; ++i)
+        if (!fromNode(plist_array_get_item(node, i), depth + 1, arr[i])) return false;
+      out = PlistValue(std::move(arr));
+      return true;
     }
     case PLIST_DICT: {
       PlistDict dict;
       plist_dict_iter it = nullptr;
       plist_dict_new_iter(node, &it);
-      if (!it) return PlistValue(std::move(dict));
-      for (;;) {
+      bool ok = true;
+      while (it) {
         char* key = nullptr;
         plist_t val = nullptr;
         plist_dict_next_item(node, it, &key, &val);
@@ -85,19 +92,19 @@ std::optional<PlistValue> fromNode(plist_t node, int depth) {
           free(key);
           break;
         }
-        auto item = fromNode(val, depth + 1);
-        if (item && key) dict.insert_or_assign(key, std::move(*item));
+        PlistValue item;
+        ok = fromNode(val, depth + 1, item);
+        if (ok && key) dict.insert_or_assign(key, std::move(item));
         free(key);
-        if (!item) {
-          free(it);
-          return std::nullopt;
-        }
+        if (!ok) break;
       }
       free(it);
-      return PlistValue(std::move(dict));
+      if (!ok) return false;
+      out = PlistValue(std::move(dict));
+      return true;
     }
     default:
-      return std::nullopt;  // keys, uids and unknown nodes are not values
+      return false;  // keys, uids and unknown nodes are not values
   }
 }
 
@@ -142,9 +149,9 @@ std::optional<PlistDict> parsePlistDictionary(const std::string& bytes) {
     plist_from_xml(bytes.data(), static_cast<uint32_t>(bytes.size()), &root);
   PlistPtr owner(root);
   if (!root || plist_get_node_type(root) != PLIST_DICT) return std::nullopt;
-  auto value = fromNode(root, 0);
-  if (!value || !value->is<PlistDict>()) return std::nullopt;
-  return std::move(*value->get<PlistDict>());
+  PlistValue value;
+  if (!fromNode(root, 0, value) || !value.is<PlistDict>()) return std::nullopt;
+  return std::move(*value.get<PlistDict>());
 }
 
 std::optional<PlistDict> readPlistDictionary(const std::string& path) {
