@@ -17,6 +17,14 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.fallthrough(false);
   for (auto setup : kd::tool::commands()) setup(app);
+  if (argc > 1 && argv[1][0] != '-') {
+    bool known = false;
+    for (const auto* sub : app.get_subcommands({})) known = known || sub->check_name(argv[1]);
+    if (!known) {
+      std::cerr << "kd: unknown command '" << argv[1] << "' (see kd --help)" << std::endl;
+      return 2;
+    }
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
