@@ -128,8 +128,7 @@ class Platform {
   // Arranges that a fatal signal leaves a crash report named
   // <appName>_<YYYY-MM-DD-HHMMSS>_<host>.crash in `reportFolder`. macOS writes
   // its own reports; there this does nothing.
-  virtual void installCrashHandler(const std::string& appName,
-                                   const std::string& reportFolder) = 0;
+  virtual void installCrashHandler(const std::string& appName, const std::string& reportFolder) = 0;
 };
 
 // Forwards every call to another platform; fakes derive from it.
@@ -145,16 +144,12 @@ class ForwardingPlatform : public Platform {
   std::optional<std::string> userName() override { return target_.userName(); }
   std::optional<std::string> consoleUser() override { return target_.consoleUser(); }
   std::string homesFolderName() override { return target_.homesFolderName(); }
-  std::vector<PrefixDrop> rootHomeAdjustments() override {
-    return target_.rootHomeAdjustments();
-  }
+  std::vector<PrefixDrop> rootHomeAdjustments() override { return target_.rootHomeAdjustments(); }
   std::vector<std::string> searchPathForDirectories(DirectoryKind kind,
                                                     unsigned domainMask) override {
     return target_.searchPathForDirectories(kind, domainMask);
   }
-  std::optional<std::string> userCacheDirectory() override {
-    return target_.userCacheDirectory();
-  }
+  std::optional<std::string> userCacheDirectory() override { return target_.userCacheDirectory(); }
   std::string temporaryDirectory() override { return target_.temporaryDirectory(); }
   std::string globallyUniqueString() override { return target_.globallyUniqueString(); }
   std::optional<std::string> currentDirectory() override { return target_.currentDirectory(); }

@@ -29,9 +29,9 @@ std::string waitForContents(const std::string& path) {
 }
 
 std::string recorderScript(const TempDir& dir, const std::string& out) {
-  std::string script = dir.touch("bin/Recorder", "#!/bin/sh\nprintf '%s|' \"$@\" > '" + out +
-                                                      ".tmp'\necho >> '" + out + ".tmp'\nmv '" +
-                                                      out + ".tmp' '" + out + "'\n");
+  std::string script =
+      dir.touch("bin/Recorder", "#!/bin/sh\nprintf '%s|' \"$@\" > '" + out + ".tmp'\necho >> '" +
+                                    out + ".tmp'\nmv '" + out + ".tmp' '" + out + "'\n");
   chmod(script.c_str(), 0755);
   return script;
 }
@@ -43,8 +43,10 @@ class EnvVar {
     setenv(name, value.c_str(), 1);
   }
   ~EnvVar() {
-    if (old_) setenv(name_, old_->c_str(), 1);
-    else unsetenv(name_);
+    if (old_)
+      setenv(name_, old_->c_str(), 1);
+    else
+      unsetenv(name_);
   }
 
  private:

@@ -111,8 +111,7 @@ std::vector<std::string> FakeMacPlatform::searchPathForDirectories(DirectoryKind
       row = {"/Library", "/Library", "/System/Library"};
       break;
     case DirectoryKind::Documentation:
-      row = {"/Library/Documentation", "/Library/Documentation",
-             "/System/Library/Documentation"};
+      row = {"/Library/Documentation", "/Library/Documentation", "/System/Library/Documentation"};
       break;
     case DirectoryKind::Document:
       row = {"/Documents", nullptr, nullptr};
