@@ -145,6 +145,17 @@ std::string describe(const FormatArg& a) {
   return {};
 }
 
+bool isPlain(const Spec& spec) {
+  return spec.flags.empty() && spec.width < 0 && spec.precision < 0 && !spec.leftAlign;
+}
+
+template <class V>
+void appendDecimal(std::string& out, V v) {
+  char buf[24];
+  auto r = std::to_chars(buf, buf + sizeof buf, v);
+  out.append(buf, r.ptr);
+}
+
 void appendSignedInteger(std::string& out, const Spec& spec, const FormatArg& a) {
   // The argument's own value is printed: a type-checked argument is never
   // silently cut to 32 bits. Only an explicit "hh" or "h" narrows.
@@ -154,6 +165,8 @@ void appendSignedInteger(std::string& out, const Spec& spec, const FormatArg& a)
       appendPrintf(out, spec, "lld", static_cast<long long>(static_cast<std::int8_t>(u)));
     } else if (spec.length == Length::Short) {
       appendPrintf(out, spec, "lld", static_cast<long long>(static_cast<std::int16_t>(u)));
+    } else if (isPlain(spec)) {
+      appendDecimal(out, u);
     } else {
       appendPrintf(out, spec, "llu", static_cast<unsigned long long>(u));
     }
@@ -162,6 +175,7 @@ void appendSignedInteger(std::string& out, const Spec& spec, const FormatArg& a)
   std::int64_t v = a.asSigned();
   if (spec.length == Length::Char) v = static_cast<std::int8_t>(v);
   if (spec.length == Length::Short) v = static_cast<std::int16_t>(v);
+  if (isPlain(spec)) return appendDecimal(out, v);
   appendPrintf(out, spec, "lld", static_cast<long long>(v));
 }
 
@@ -186,6 +200,7 @@ void appendUnsignedInteger(std::string& out, const Spec& spec, const FormatArg& 
     default:
       break;
   }
+  if (spec.conversion == 'u' && isPlain(spec)) return appendDecimal(out, v);
   char conv[4] = {'l', 'l', spec.conversion, '\0'};
   appendPrintf(out, spec, conv, static_cast<unsigned long long>(v));
 }
@@ -243,6 +258,7 @@ void appendConversion(std::string& out, const Spec& spec, const FormatArg& a) {
     case 'S':
     case '@':
     default:
+      if (a.kind() == FormatArg::Kind::Text) return appendPadded(out, spec, a.text());
       return appendPadded(out, spec, describe(a));
   }
 }

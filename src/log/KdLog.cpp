@@ -8,6 +8,8 @@
 #include "log/KdLog.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,6 +22,7 @@
 #include <exception>
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <typeinfo>
@@ -42,6 +45,10 @@ const std::thread::id gMainThread = std::this_thread::get_id();
 
 // Set on the writer thread, where waiting for the queue would wait for itself.
 thread_local bool tOnWriterThread = false;
+
+// Set in a child made by fork() without exec: it has no writer thread, and the
+// queue's lock may have been held at the fork, so the log goes silent there.
+std::atomic<bool> gInForkedChild{false};
 
 constexpr std::uint64_t kRollOverBytes = 500000;
 constexpr std::size_t kShortLineUnits = 100;
@@ -170,16 +177,18 @@ std::terminate_handler gPreviousTerminate = nullptr;
 
 }  // namespace
 
-// One queued operation. Lines carry their text; flushes, new logs and the end
-// of the log carry a promise that the writer keeps once the operation is done.
+// One queued operation. A line carries its text only; a flush, a new log or
+// the end of the log carries a control block whose promise the writer keeps
+// once the operation is done (lines stay cheap to queue).
 struct LogOp {
-  enum class Kind : std::uint8_t { Line, Flush, Call };
-  Kind kind = Kind::Line;
-  bool survivesCancel = false;  // the end of the log itself is never cancelled
-  std::size_t units = 0;        // Line: counted in bytesInQueue
+  struct Control {
+    std::function<void()> call;  // none for a plain flush
+    std::promise<void> done;
+    bool survivesCancel = false;  // the end of the log itself is never cancelled
+  };
   std::string text;
-  std::function<void()> call;
-  std::promise<void> done;
+  std::size_t units = 0;  // a line's share of bytesInQueue
+  std::unique_ptr<Control> control;
 };
 
 // The singleton's state. Fields under `mu` are shared with callers; fields
@@ -256,9 +265,14 @@ KdLog::KdLog() : impl_(*new Impl(*this)) {
   (void)kd::platform();
   std::thread([this] {
     tOnWriterThread = true;
+#ifdef SCHED_BATCH
+    sched_param param{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &param);
+#endif
     impl_.run();
   }).detach();
   gPreviousTerminate = std::set_terminate(onTerminate);
+  pthread_atfork(nullptr, nullptr, [] { gInForkedChild.store(true, std::memory_order_relaxed); });
   // The system tells a terminating application to end its log; a process
   // here ends through exit(), where everything queued is written.
   std::atexit([] { KdLog::finishWriting(); });
@@ -277,7 +291,7 @@ void KdLog::Impl::run() {
       batch.swap(queue);
     }
     for (LogOp& op : batch) {
-      if (cancelRunningBatch.load() && !op.survivesCancel) {
+      if (cancelRunningBatch.load() && !(op.control && op.control->survivesCancel)) {
         discard(op);
       } else {
         runOp(op);
@@ -297,28 +311,20 @@ void KdLog::Impl::run() {
 }
 
 void KdLog::Impl::runOp(LogOp& op) {
-  switch (op.kind) {
-    case LogOp::Kind::Line:
-      writeLine(op.text, op.units);
-      break;
-    case LogOp::Kind::Flush:
-      writePending();
-      op.done.set_value();
-      break;
-    case LogOp::Kind::Call:
-      writePending();
-      op.call();
-      writePending();
-      op.done.set_value();
-      break;
+  if (!op.control) return writeLine(op.text, op.units);
+  writePending();
+  if (op.control->call) {
+    op.control->call();
+    writePending();
   }
+  op.control->done.set_value();
 }
 
 void KdLog::Impl::discard(LogOp& op) {
-  if (op.kind == LogOp::Kind::Line) {
-    bytesInQueue.fetch_sub(op.units);
+  if (op.control) {
+    op.control->done.set_value();
   } else {
-    op.done.set_value();
+    bytesInQueue.fetch_sub(op.units);
   }
 }
 
@@ -467,11 +473,12 @@ void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
 }
 
 void KdLog::Impl::postAndWait(std::function<void()> call, bool survivesCancel) {
+  if (gInForkedChild.load(std::memory_order_relaxed)) return;
   LogOp op;
-  op.kind = call ? LogOp::Kind::Call : LogOp::Kind::Flush;
-  op.call = std::move(call);
-  op.survivesCancel = survivesCancel;
-  std::future<void> done = op.done.get_future();
+  op.control = std::make_unique<LogOp::Control>();
+  op.control->call = std::move(call);
+  op.control->survivesCancel = survivesCancel;
+  std::future<void> done = op.control->done.get_future();
   bool notify;
   {
     std::lock_guard lock(mu);
@@ -484,6 +491,7 @@ void KdLog::Impl::postAndWait(std::function<void()> call, bool survivesCancel) {
 }
 
 void KdLog::enqueueLine(std::string text) {
+  if (gInForkedChild.load(std::memory_order_relaxed)) return;
   trimInPlace(text);
   if (text.empty()) return;
   LogOp op;
@@ -547,6 +555,7 @@ void KdLog::finishWriting() {
 }
 
 void KdLog::willTerminate() {
+  if (gInForkedChild.load(std::memory_order_relaxed)) return;
   KdLog& log = sharedController();
   Impl& impl = log.impl_;
   auto end = [&impl] {
@@ -584,16 +593,24 @@ void KdLog::willTerminate() {
 
 std::string KdLog::escapeTextForLogging(std::string_view text) {
   std::string s(text);
-  if (s.find('%') == std::string::npos) return s;
+  // Most formats hold only plain conversions, which no step changes.
+  bool changes = false;
+  for (std::size_t i = s.find('%'); i != std::string::npos && !changes; i = s.find('%', i + 1)) {
+    changes = i + 1 < s.size() && (std::strchr(" .!,-;:+", s[i + 1]) != nullptr ||
+                                   (s[i + 1] == '%' && i + 2 < s.size() && s[i + 2] == '%'));
+  }
+  if (!changes) return s;
   static constexpr std::pair<std::string_view, std::string_view> kSteps[] = {
       {"% ", "%% "}, {"%.", "%%."}, {"%!", "%%!"}, {"%,", "%%,"}, {"%-", "%%-"},
       {"%;", "%%;"}, {"%:", "%%:"}, {"%+", "%%+"}, {"%%%", "%%"},
   };
   for (const auto& [from, to] : kSteps) {
+    std::size_t hit = s.find(from);
+    if (hit == std::string::npos) continue;
     std::string out;
     out.reserve(s.size() + 8);
     std::size_t i = 0;
-    for (std::size_t hit; (hit = s.find(from, i)) != std::string::npos; i = hit + from.size()) {
+    for (; hit != std::string::npos; i = hit + from.size(), hit = s.find(from, i)) {
       out.append(s, i, hit - i).append(to);
     }
     out.append(s, i);
