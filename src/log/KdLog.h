@@ -21,18 +21,26 @@ class KdLog {
   KdLog(const KdLog&) = delete;
   KdLog& operator=(const KdLog&) = delete;
 
+  // Rotates the older logs, creates a fresh <appName>.1.log and queues its
+  // header; waits for the lines queued before it. Problems go to stdout.
   static void createNewLog(std::optional<std::string> name = std::nullopt);
+
+  // Formats (after escapeTextForLogging) and queues one line. From a thread
+  // other than the main thread, a line under 100 characters waits until it is
+  // written while the backlog is small.
 
   template <class... Args>
   static void appendLog(std::string_view format, const Args&... args) {
     if (!acceptsLines()) return;
     appendFormatted(kd::format(escapeTextForLogging(format), args...), /*mayWait=*/true);
   }
+  // As appendLog, never waiting.
   template <class... Args>
   static void fastAppendLog(std::string_view format, const Args&... args) {
     if (!acceptsLines()) return;
     appendFormatted(kd::format(escapeTextForLogging(format), args...), /*mayWait=*/false);
   }
+  // Logs the line (formatted a second time) and prints it on stdout.
   template <class... Args>
   static void appendLogAndPrint(std::string_view format, const Args&... args) {
     if (!acceptsLines()) return;
@@ -47,8 +55,13 @@ class KdLog {
   static void debugPrint(std::string_view, const Args&...) {}
 
   static std::string escapeTextForLogging(std::string_view text);
+  // The existing <appName>.1.log to .5.log of the user's log folder, newest first.
   static std::vector<std::string> availableLogs();
+  // Waits until everything queued before the call is written; returns at once
+  // on the writer thread.
   static void finishWriting();
+  // Ends the log: a backlog of 11 or more operations is dropped, a shorter one
+  // written; the file is closed and later lines go nowhere.
   static void willTerminate();
 
   // Instance operations.
