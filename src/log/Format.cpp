@@ -41,7 +41,7 @@ bool isNumeric(const FormatArg& a) {
          a.kind() == FormatArg::Kind::Double || a.kind() == FormatArg::Kind::Pointer;
 }
 
-// Runs snprintf with a format built from the spec; `conv` is the printf
+// Runs snprintf with a format built from the parsed conversion; `conv` is the printf
 // conversion with its length modifier ("lld", "llx", "f", ...).
 template <class V>
 void appendPrintf(std::string& out, const Spec& spec, const char* conv, V value) {
