@@ -126,7 +126,12 @@ void KdTaskEx::runAsync(std::uint64_t generation) {
       if (end) break;
     }
   } catch (const std::exception& e) {
+    // The delegate's own exceptions end up here too: none may leave this thread.
     KdException::logException(e, kLaunchMethod);
+    endRun(generation);
+  } catch (...) {
+    KdException::logException("unknown", "an exception that is not a std::exception",
+                              kLaunchMethod);
     endRun(generation);
   }
   // However the run ended, its child ends with it and is reaped here.

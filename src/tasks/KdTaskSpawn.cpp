@@ -143,6 +143,9 @@ bool KdTask::launch(std::string* error) {
       }
     }
   }
+  // Descriptors opened elsewhere without O_CLOEXEC stay out of the child too.
+  // (The macOS counterpart is POSIX_SPAWN_CLOEXEC_DEFAULT, with
+  // posix_spawn_file_actions_addinherit_np for inherited streams.)
 #if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 34))
   posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
 #endif

@@ -12,8 +12,8 @@
 namespace kd::test {
 namespace {
 
-// The fake platform and its home are never freed: the log writer and
-// background reapers may still be about while the program ends.
+// The fake platform is never freed: the log writer and background reapers
+// may still be about while the program ends.
 class LogEnvironment : public ::testing::Environment {
  public:
   void SetUp() override {
@@ -26,7 +26,8 @@ class LogEnvironment : public ::testing::Environment {
   }
   void TearDown() override {
     KdLog::finishWriting();
-    removeTree(home_->path());
+    delete home_;
+    home_ = nullptr;
   }
 
  private:
