@@ -75,6 +75,11 @@ class KdTaskEx : public std::enable_shared_from_this<KdTaskEx> {
   // --- Synchronous class forms ------------------------------------------------
   // `task`, when given, receives the child's handle before launch (for example
   // to terminate it from another thread).
+  //
+  // The overloads taking `double timeout` are the time-out forms: whole
+  // seconds by truncation, then SIGTERM, and SIGKILL after kTerminationGrace.
+  // Pass time-outs as doubles (2.0) and encodings as the constants above; a
+  // bare integer literal is ambiguous between the two and does not compile.
 
   // Runs the tool with output and error to the null device and waits for it.
   // True when it was started and has ended (whatever its status).
