@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <map>
 #include <sstream>
 
@@ -30,16 +31,21 @@ int runAsUser(const std::vector<std::string>& args) {
 }
 KD_CHILD_MODE("run-as-user", runAsUser);
 
-// A home the unprivileged child can enter, with a localised desktop.
+// A home the unprivileged child can enter, with a localised desktop, and a
+// copy of kd it can run (the build folder may lie below a folder only root
+// may enter).
 struct Home {
   kd::test::TempDir dir;
   std::string path = dir.mkdir("home");
+  std::string tool = dir / "kd";
   Home() {
     dir.touch("home/.config/user-dirs.dirs", "XDG_DESKTOP_DIR=\"$HOME/Bureau\"\n");
     chmod(dir.path().c_str(), 0755);
+    std::filesystem::copy_file(KD_TOOL_PATH, tool);
+    chmod(tool.c_str(), 0755);
   }
   kd::test::ChildRun kd(std::vector<std::string> args) const {
-    args.insert(args.begin(), KD_TOOL_PATH);
+    args.insert(args.begin(), tool);
     const std::vector<std::string> env = {"HOME=" + path, "PATH=/usr/bin:/bin"};
     return kd::test::runChildMode("run-as-user", args, &env);
   }
