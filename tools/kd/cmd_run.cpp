@@ -6,6 +6,7 @@
 
 #include "Commands.h"
 #include "log/KdLog.h"
+#include "paths/KdLocalPaths.h"
 #include "tasks/KdTaskEx.h"
 
 namespace {
@@ -25,8 +26,9 @@ void setupRun(CLI::App& app) {
       "Messages (time-out, not executable) go to the log kd.1.log and to standard output.\n"
       "Example: kd run --timeout 5 -- /bin/ls -l /tmp");
   cmd->callback([timeoutOpt] {
-    // The runner reports to the application log; give it one ("kd.1.log").
-    KdLog::createNewLog(std::string("kd"));
+    // The runner reports to the application log; give it one ("kd.1.log")
+    // where this user has a log folder (root with nobody at the console has none).
+    if (KdLocalPaths::logDirectory(true)) KdLog::createNewLog(std::string("kd"));
     const std::string path = command.front();
     const KdTaskEx::Arguments args(command.begin() + 1, command.end());
     std::optional<KdTaskEx::Data> data = timeoutOpt->count() > 0
