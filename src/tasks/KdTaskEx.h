@@ -161,6 +161,10 @@ class KdTaskEx : public std::enable_shared_from_this<KdTaskEx> {
     std::function<void(const TaskHandle&)> launched;
   };
   static RunHooks hooksFor(TaskHandle* task);
+  // Starts a tool with both output streams on the null device; none, after
+  // logging why, when it is not executable or does not start.
+  static TaskHandle launchQuiet(const std::string& path, const Arguments& arguments,
+                                const RunHooks& hooks);
   static bool runTaskImpl(const std::string& path, const Arguments& arguments,
                           const RunHooks& hooks);
   static std::int32_t terminationCodeImpl(const std::string& path, const Arguments& arguments,

@@ -31,25 +31,32 @@ KdTaskEx::RunHooks KdTaskEx::hooksFor(TaskHandle* task) {
   return hooks;
 }
 
-bool KdTaskEx::runTaskImpl(const std::string& path, const Arguments& arguments,
-                           const RunHooks& hooks) {
+KdTaskEx::TaskHandle KdTaskEx::launchQuiet(const std::string& path, const Arguments& arguments,
+                                           const RunHooks& hooks) {
   if (!isExecutableTool(path)) {
     logNotExecutable(path);
-    return false;
+    return nullptr;
   }
+  TaskHandle task = KdTask::create();
+  if (hooks.created) hooks.created(task);
+  task->setLaunchPath(path);
+  task->setArguments(arguments);
+  task->setStandardError(KdTask::Stdio::NullDevice);
+  task->setStandardOutput(KdTask::Stdio::NullDevice);
+  std::string error;
+  if (!task->launch(&error)) {
+    KdLog::appendLog("Exception running task %@: %@", path, error);
+    return nullptr;
+  }
+  if (hooks.launched) hooks.launched(task);
+  return task;
+}
+
+bool KdTaskEx::runTaskImpl(const std::string& path, const Arguments& arguments,
+                           const RunHooks& hooks) {
   try {
-    TaskHandle task = KdTask::create();
-    if (hooks.created) hooks.created(task);
-    task->setLaunchPath(path);
-    task->setArguments(arguments);
-    task->setStandardError(KdTask::Stdio::NullDevice);
-    task->setStandardOutput(KdTask::Stdio::NullDevice);
-    std::string error;
-    if (!task->launch(&error)) {
-      KdLog::appendLog("Exception running task %@: %@", path, error);
-      return false;
-    }
-    if (hooks.launched) hooks.launched(task);
+    TaskHandle task = launchQuiet(path, arguments, hooks);
+    if (!task) return false;
     task->waitUntilExit();
     return true;
   } catch (const std::exception& e) {
@@ -60,23 +67,9 @@ bool KdTaskEx::runTaskImpl(const std::string& path, const Arguments& arguments,
 
 std::int32_t KdTaskEx::terminationCodeImpl(const std::string& path, const Arguments& arguments,
                                            const RunHooks& hooks) {
-  if (!isExecutableTool(path)) {
-    logNotExecutable(path);
-    return -1;
-  }
   try {
-    TaskHandle task = KdTask::create();
-    if (hooks.created) hooks.created(task);
-    task->setLaunchPath(path);
-    task->setArguments(arguments);
-    task->setStandardError(KdTask::Stdio::NullDevice);
-    task->setStandardOutput(KdTask::Stdio::NullDevice);
-    std::string error;
-    if (!task->launch(&error)) {
-      KdLog::appendLog("Exception running task %@: %@", path, error);
-      return -1;
-    }
-    if (hooks.launched) hooks.launched(task);
+    TaskHandle task = launchQuiet(path, arguments, hooks);
+    if (!task) return -1;
     if (task->isRunning()) task->waitUntilExit();
     return task->terminationStatus();
   } catch (const std::exception& e) {
