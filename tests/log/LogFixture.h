@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,6 +16,8 @@
 #include "support/TempDir.h"
 
 namespace kd::test {
+
+using Lines = std::vector<std::string>;
 
 // The fake with fixed bundle and machine answers, so that header lines can be
 // compared whole.
@@ -28,28 +32,45 @@ class LogPlatform : public FakeMacPlatform {
 class LogTest : public ::testing::Test {
  protected:
   LogTest() { platform_.setHomesRoot(tmp_ / "Users"); }
-  void SetUp() override {
+  void SetUp() override { restart(); }
+  void TearDown() override { KdLogTestAccess::reset(); }
+  // Forgets every state of the log, as a new process would start.
+  static void restart() {
     KdLogTestAccess::reset();
     KdLog::sharedController().setAppName("Test");
   }
-  void TearDown() override { KdLogTestAccess::reset(); }
 
   std::string folder() const { return tmp_ / "Users/bob/Library/Logs/Quillfen"; }
-  std::string logPath(int i, const std::string& name = "Test") const {
-    return folder() + "/" + name + "." + std::to_string(i) + ".log";
+  std::string logPath(int i) const { return folder() + "/Test." + std::to_string(i) + ".log"; }
+
+  // The messages of a log file without their date prefixes; the date in the
+  // first header line reads "<date>".
+  static Lines messages(const std::string& path) {
+    static const std::string date = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000)";
+    static const std::regex dated(date + " - "), started("^Log started: " + date + "$");
+    Lines out;
+    std::istringstream in(readFile(path));
+    for (std::string l; std::getline(in, l);) {
+      const bool hasDate = l.size() >= 28 && std::regex_match(l.substr(0, 28), dated);
+      out.push_back(hasDate ? std::regex_replace(l.substr(28), started, "Log started: <date>")
+                            : "<no date> " + l);
+    }
+    return out;
   }
-  std::string globalPrefsPath() const {
-    return tmp_ / "Users/bob/Library/Preferences/com.quillfen.global.plist";
+
+  // The header a new log of LogPlatform begins with, then `more`.
+  static Lines withHeader(const Lines& more = {}) {
+    Lines lines = {"Log started: <date>", "Version: 1.2.3",
+                   "Path: /Applications/Test.app/Contents/MacOS/Test",
+                   "System: macOS Version 14.5 (Build 23F79), 8 CPU(s), 16.00 GB RAM",
+                   "Running in 64-bit mode"};
+    lines.insert(lines.end(), more.begin(), more.end());
+    return lines;
   }
-  // The messages of a log file without their date prefixes.
-  static std::vector<std::string> messages(const std::string& path);
 
   TempDir tmp_;
   LogPlatform platform_;
   ScopedPlatform scoped_{platform_};
 };
-
-// The header a new log of LogPlatform begins with.
-std::vector<std::string> expectedHeader();
 
 }  // namespace kd::test
