@@ -1,7 +1,6 @@
 // The console user as logind and utmp report it on Linux. Each case runs in a
 // child with its own mount namespace and an empty tmpfs on /run, where it writes
 // the logind and utmp files it needs; the machine's own stay untouched.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
@@ -13,82 +12,76 @@
 #include <cstring>
 #include <fstream>
 
-#include "child_support.h"
 #include "paths/KdLocalPaths.h"
-#include "support/ChildMode.h"
 
 namespace {
 
-constexpr int kCannotIsolate = 77;
-
-void addUtmp(const char* line, const char* user, pid_t pid) {
-  struct utmpx e {};
-  e.ut_type = USER_PROCESS;
-  e.ut_pid = pid;
-  std::strncpy(e.ut_line, line, sizeof e.ut_line);
-  std::strncpy(e.ut_id, line, sizeof e.ut_id);
-  std::strncpy(e.ut_user, user, sizeof e.ut_user);
-  setutxent();
-  pututxline(&e);
-  endutxent();
+bool isolateRun() {
+  return unshare(CLONE_NEWNS) == 0 &&
+         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount("tmpfs", "/run", "tmpfs", 0, "size=1m,mode=755") == 0;
 }
 
-// logind's runtime files: seat0's active session `id` of class `cls`, owned by
-// "nobody"; an empty id leaves seat0 without an active session.
-void logind(const std::string& id, const std::string& cls) {
-  for (const char* d : {"/run/systemd", "/run/systemd/seats", "/run/systemd/sessions"})
-    mkdir(d, 0755);
-  if (id.empty()) return;
-  std::ofstream("/run/systemd/seats/seat0") << "ACTIVE=" << id << "\nACTIVE_UID=65534\n";
-  std::ofstream("/run/systemd/sessions/" + id) << "UID=65534\nSEAT=seat0\nCLASS=" << cls << "\n";
-}
-
-int consoleUserChild(const std::vector<std::string>& args) {
-  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
-      mount("tmpfs", "/run", "tmpfs", 0, "size=1m,mode=755") != 0) {
-    std::printf("cannot isolate /run: %s", std::strerror(errno));
-    return kCannotIsolate;
-  }
+// Writes one record per argument into a private /run, then reports the
+// console user on standard error and exits. "<line> <user>" is a utmp session
+// of this process, "!<line> <user>" one whose process has ended, "@<class>"
+// logind with seat0's active session of that class for "nobody", and "@"
+// logind with no active session on seat0.
+void reportConsoleUser(const std::vector<std::string>& records) {
+  if (!isolateRun()) std::exit(1);
   close(open("/run/utmp", O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
-  const std::string c = args.at(0);
-  const pid_t alive = getpid();
-  pid_t ended = fork();
+  const pid_t ended = fork();
   if (ended == 0) _exit(0);
   waitpid(ended, nullptr, 0);
-  if (c == "utmp") {
-    addUtmp("tty2", "carol", alive);
-    addUtmp("tty1", "bob", alive);
-    addUtmp(":0", "alice", alive);
-  } else if (c == "utmp-ended") {
-    addUtmp(":0", "alice", ended);
-    addUtmp("tty1", "bob", alive);
-  } else if (c == "utmp-greeter") {
-    addUtmp(":0", "lightdm", alive);
-  } else if (c == "utmp-remote") {
-    addUtmp("pts/3", "bob", alive);
-  } else if (c.rfind("logind", 0) == 0) {
-    logind(c == "logind-nobody" ? "" : "c7", c == "logind-greeter" ? "greeter" : "user");
-    addUtmp("tty1", "bob", alive);  // not asked while logind runs
+  for (const std::string& r : records) {
+    if (r[0] == '@') {
+      for (const char* d : {"/run/systemd", "/run/systemd/seats", "/run/systemd/sessions"})
+        mkdir(d, 0755);
+      if (r.size() == 1) continue;
+      std::ofstream("/run/systemd/seats/seat0") << "ACTIVE=c7\nACTIVE_UID=65534\n";
+      std::ofstream("/run/systemd/sessions/c7")
+          << "UID=65534\nSEAT=seat0\nCLASS=" << r.substr(1) << "\n";
+      continue;
+    }
+    const bool dead = r[0] == '!';
+    const std::string line = r.substr(dead, r.find(' ') - dead);
+    struct utmpx e {};
+    e.ut_type = USER_PROCESS;
+    e.ut_pid = dead ? ended : getpid();
+    std::strncpy(e.ut_line, line.c_str(), sizeof e.ut_line);
+    std::strncpy(e.ut_id, line.c_str(), sizeof e.ut_id);
+    std::strncpy(e.ut_user, r.c_str() + r.find(' ') + 1, sizeof e.ut_user);
+    setutxent();
+    pututxline(&e);
+    endutxent();
   }
-  std::printf("%s", KdLocalPaths::currentConsoleUser().value_or("(none)").c_str());
-  return 0;
+  std::fprintf(stderr, "console user: %s.",
+               KdLocalPaths::currentConsoleUser().value_or("-").c_str());
+  std::exit(0);
 }
-KD_CHILD_MODE("console-user", consoleUserChild);
 
 }  // namespace
 
 TEST(ConsoleUserRoot, LogindThenUtmpWithoutGreeters) {
-  if (geteuid() != 0) GTEST_SKIP() << "a private /run needs root";
-  const std::pair<const char*, const char*> cases[] = {
-      {"empty", "(none)"},          {"utmp", "alice"},  // display, then console, then tty1
-      {"utmp-ended", "bob"},        {"utmp-greeter", "(none)"},
-      {"utmp-remote", "(none)"},    {"logind-user", "nobody"},
-      {"logind-greeter", "(none)"}, {"logind-nobody", "(none)"},
+  const pid_t probe = fork();
+  if (probe == 0) _exit(isolateRun() ? 0 : 1);
+  int status = -1;
+  waitpid(probe, &status, 0);
+  if (status != 0) GTEST_SKIP() << "cannot mount a private /run (needs root)";
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
+      {{}, "-"},
+      {{"tty2 carol", "tty1 bob", ":0 alice"}, "alice"},  // display, then console, then tty1
+      {{"!:0 alice", "tty1 bob"}, "bob"},
+      {{":0 lightdm"}, "-"},
+      {{"pts/3 bob"}, "-"},
+      // utmp is not asked while logind runs
+      {{"@user", "tty1 bob"}, "nobody"},
+      {{"@greeter", "tty1 bob"}, "-"},
+      {{"@", "tty1 bob"}, "-"},
   };
-  for (const auto& [scenario, user] : cases) {
-    kd::test::ChildRun r = kd::test::runChildMode("console-user", {scenario});
-    if (r.status == kCannotIsolate) GTEST_SKIP() << r.out;
-    ASSERT_EQ(r.status, 0) << scenario;
-    EXPECT_EQ(r.out, user) << scenario;
+  for (const auto& [records, user] : cases) {
+    EXPECT_EXIT(reportConsoleUser(records), testing::ExitedWithCode(0),
+                "console user: " + std::string(user) + "\\.")
+        << testing::PrintToString(records);
   }
 }
