@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <thread>
@@ -8,6 +9,7 @@
 #include "common/Path.h"
 #include "common/PropertyList.h"
 #include "crash/KdBugReporter.h"
+#include "log/KdLog.h"
 #include "support/ChildMode.h"
 #include "support/FakeMacPlatform.h"
 #include "support/TempDir.h"
@@ -19,18 +21,21 @@ namespace {
 using namespace std::chrono;
 using Handler = std::pair<std::string, std::string>;
 
-// macOS answers with the homes and /Library below `root`, and the
-// bug-reporter launch recorded instead of made.
-// Test thread only.
+// Installed for its lifetime: macOS answers with the homes and /Library below
+// `root`, and the bug-reporter launch recorded instead of made. The test
+// thread's, but for the log folder lookups.
 class ReporterPlatform : public FakeMacPlatform {
  public:
   explicit ReporterPlatform(const std::string& root) {
     setHomesRoot(root + "/Users");
     setSearchPath(DirectoryKind::Library, LocalDomainMask, {root + "/Library"});
+    setPlatformForTesting(this);
   }
+  // The log's writer thread may still be asking for the log folder.
+  ~ReporterPlatform() override { KdLog::finishWriting(), setPlatformForTesting(nullptr); }
 
-  std::vector<Handler> opened;  // (file, bundle identifier)
-  int logLookups = 0;           // every crash-report folder starts with one
+  std::vector<Handler> opened;      // (file, bundle identifier)
+  std::atomic<int> logLookups = 0;  // every crash-report folder starts with one
 
   std::vector<std::string> searchPathForDirectories(DirectoryKind kind, unsigned mask) override {
     logLookups += kind == DirectoryKind::Logs;
@@ -42,8 +47,7 @@ class ReporterPlatform : public FakeMacPlatform {
 };
 
 const std::string kUserDiag = "Users/bob/Library/Logs/DiagnosticReports";
-const std::string kPrefs = "Users/bob/Library/Preferences/";
-const std::string kRecord = kPrefs + "com.quillfen.Ferrimo.plist";
+const std::string kRecord = "Users/bob/Library/Preferences/com.quillfen.Ferrimo.plist";
 const std::string kReporterId = "com.quillfen.BugReporter";
 
 TEST(BugReporter, FindsTheReportThatProvesACrashAndOpensIt) {
@@ -81,13 +85,13 @@ TEST(BugReporter, FindsTheReportThatProvesACrashAndOpensIt) {
     SCOPED_TRACE(c.what);
     TempDir tmp;
     ReporterPlatform platform(tmp.path());
-    ScopedPlatform scoped(platform);
     PlistDict record{{"launch", PlistValue(launch)}};
     if (c.exit) record["exit"] = PlistValue(launch + *c.exit);
     ASSERT_TRUE(writePlistDictionaryAtomically(record, tmp.touch(kRecord)));
     if (c.disable)
-      writePlistDictionaryAtomically({{"disable-crash-reporter", *c.disable}},
-                                     tmp.touch(kPrefs + "com.quillfen.global.plist"));
+      writePlistDictionaryAtomically(
+          {{"disable-crash-reporter", *c.disable}},
+          tmp.touch(path::deletingLastComponent(kRecord) + "/com.quillfen.global.plist"));
     for (const auto& [file, offset] : c.reports)
       std::filesystem::last_write_time(tmp.touch(file), file_clock::from_sys(launch + offset));
 
@@ -121,7 +125,6 @@ __attribute__((no_sanitize_undefined)) void storeThroughNull() {
 // The helper's start (with the real crash handler), then a crash as args[1] says.
 int startThenCrash(const std::vector<std::string>& args) {
   ReporterPlatform platform(args.at(0));
-  ScopedPlatform scoped(platform);
   KdBugReporter::startBugReporter("FerrimoHelper", args[0] + "/" + kRecord);
   struct rlimit noCore {};
   setrlimit(RLIMIT_CORE, &noCore);
@@ -144,7 +147,6 @@ TEST(BugReporter, ACrashedRunLeavesAReportThatTheNextCheckFinds) {
     EXPECT_EQ(child->outcome().value, signal);
 
     ReporterPlatform platform(tmp.path());
-    ScopedPlatform scoped(platform);
     const auto report = KdBugReporter::checkForCrashes("FerrimoHelper", tmp / kRecord);
     ASSERT_TRUE(report);
     EXPECT_EQ(path::deletingLastComponent(*report), tmp / kUserDiag);

@@ -1,12 +1,15 @@
 // Shared pieces of the task tests: arguments that start the test program as a
-// child, and the text of the application log.
+// child, the text of the application log, and polling for what happens on
+// other threads or in other processes.
 //
 // The log is written below a temporary home of a platform that answers as a
 // normal (not root) macOS user would, installed for the whole test program.
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "support/ChildMode.h"
@@ -20,15 +23,25 @@ inline KdTaskEx::Arguments childArgs(const std::string& mode, std::vector<std::s
   return args;
 }
 
+// `size` bytes of a pattern that starts at `seed`.
+std::string pattern(std::size_t size, char seed);
+
 // Everything logged so far (waits for the log writer first).
 std::string logText();
+
+// The open descriptors of this process, lowest first.
+std::vector<int> openFds();
 
 // Seconds since `start`.
 inline double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// The open descriptors of this process.
-std::vector<int> openFds();
+// Polls `done` for up to 20 s.
+inline bool eventually(const std::function<bool()>& done) {
+  for (int i = 0; i < 2000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10)))
+    if (done()) return true;
+  return false;
+}
 
 }  // namespace kd::test

@@ -1,112 +1,87 @@
 // The behaviours the task tests start as child processes (the test program
-// itself, run with "--kd-child <name> args...").
+// itself, run with "--kd-child <name> args..."), and the test program's log.
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
+#include <optional>
 #include <string>
 #include <thread>
 
-#include "support/ChildMode.h"
+#include "common/AtomicFile.h"
+#include "log/KdLog.h"
+#include "support/FakeMacPlatform.h"
+#include "support/TempDir.h"
+#include "tasks/TaskTestSupport.h"
 
+namespace kd::test {
 namespace {
 
-void writeAll(int fd, const std::string& text) {
-  std::size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-    if (n < 0) return;
-    done += static_cast<std::size_t>(n);
-  }
+// Written through at once: the tests watch what arrives while a child runs.
+void put(FILE* stream, const std::string& text) {
+  std::fwrite(text.data(), 1, text.size(), stream);
+  std::fflush(stream);
 }
 
-std::string pattern(std::size_t size, char seed) {
-  std::string s(size, '\0');
-  for (std::size_t i = 0; i < size; ++i) s[i] = static_cast<char>(seed + i % 23);
-  return s;
+std::string arg(const std::vector<std::string>& args, std::size_t i, const char* otherwise = "") {
+  return i < args.size() ? args[i] : otherwise;
 }
 
-std::string arg(const std::vector<std::string>& args, std::size_t i) {
-  return i < args.size() ? args[i] : std::string();
+void sleepSeconds(const std::string& seconds) {
+  std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(seconds)));
 }
 
-// out TEXT [ERR]: writes TEXT to standard output and ERR to standard error.
+// write OUT [ERR [CODE]]: OUT to standard output, ERR to standard error.
 int writeText(const std::vector<std::string>& args) {
-  writeAll(1, arg(args, 0));
-  writeAll(2, arg(args, 1));
-  return 0;
+  put(stdout, arg(args, 0));
+  put(stderr, arg(args, 1));
+  return std::stoi(arg(args, 2, "0"));
 }
 KD_CHILD_MODE("write", writeText);
-
-// err TEXT: standard error only.
-int writeError(const std::vector<std::string>& args) {
-  writeAll(2, arg(args, 0));
-  return 0;
-}
-KD_CHILD_MODE("err", writeError);
 
 // big OUT_BYTES ERR_BYTES: the error stream first, then output, so that a
 // reader that waits for output before touching error would stall.
 int writeBig(const std::vector<std::string>& args) {
-  writeAll(2, pattern(std::stoul(arg(args, 1)), 'a'));
-  writeAll(1, pattern(std::stoul(arg(args, 0)), 'A'));
+  put(stderr, pattern(std::stoul(arg(args, 1)), 'a'));
+  put(stdout, pattern(std::stoul(arg(args, 0)), 'A'));
   return 0;
 }
 KD_CHILD_MODE("big", writeBig);
 
-// exit CODE
-int exitWith(const std::vector<std::string>& args) {
-  return std::stoi(arg(args, 0));
-}
-KD_CHILD_MODE("exit", exitWith);
-
 // sleep SECONDS [ignore-term]: says "started", then sleeps.
 int sleepFor(const std::vector<std::string>& args) {
   if (arg(args, 1) == "ignore-term") ::signal(SIGTERM, SIG_IGN);
-  writeAll(1, "started\n");
-  std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(arg(args, 0))));
-  writeAll(1, "late\n");
+  put(stdout, "started\n");
+  sleepSeconds(arg(args, 0));
+  put(stdout, "late\n");
   return 0;
 }
 KD_CHILD_MODE("sleep", sleepFor);
 
 // orphan SECONDS: leaves a process behind that keeps standard output open.
 int leaveOrphan(const std::vector<std::string>& args) {
-  writeAll(1, "parent\n");
-  if (::fork() == 0) {
-    std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(arg(args, 0))));
-    ::_exit(0);
-  }
+  put(stdout, "parent\n");
+  if (::fork() == 0) sleepSeconds(arg(args, 0)), ::_exit(0);
   return 0;
 }
 KD_CHILD_MODE("orphan", leaveOrphan);
 
-// pidfile PATH SECONDS: writes its process id to PATH, then sleeps.
+// pidfile PATH: writes its process id to PATH, then sleeps a second.
 int writePid(const std::vector<std::string>& args) {
-  {
-    std::ofstream out(arg(args, 0) + ".tmp");
-    out << ::getpid();
-  }
-  std::rename((arg(args, 0) + ".tmp").c_str(), arg(args, 0).c_str());
-  std::this_thread::sleep_for(std::chrono::duration<double>(std::stod(arg(args, 1))));
+  writeFileAtomically(arg(args, 0), std::to_string(::getpid()));
+  sleepSeconds("1");
   return 0;
 }
 KD_CHILD_MODE("pidfile", writePid);
 
 // fds: the child's open descriptors, one per line.
 int listFds(const std::vector<std::string>&) {
-  DIR* dir = ::opendir("/proc/self/fd");
-  if (!dir) return 1;
   std::string out;
-  while (dirent* e = ::readdir(dir)) {
-    if (e->d_name[0] == '.' || std::atoi(e->d_name) == ::dirfd(dir)) continue;
-    out += std::string(e->d_name) + "\n";
-  }
-  ::closedir(dir);
-  writeAll(1, out);
+  for (int fd : openFds()) out += std::to_string(fd) + "\n";
+  put(stdout, out);
   return 0;
 }
 KD_CHILD_MODE("fds", listFds);
@@ -115,30 +90,54 @@ KD_CHILD_MODE("fds", listFds);
 int countInput(const std::vector<std::string>&) {
   char buf[4096];
   std::size_t total = 0;
-  ssize_t n;
-  while ((n = ::read(0, buf, sizeof buf)) > 0) total += static_cast<std::size_t>(n);
-  writeAll(1, std::to_string(total));
+  for (ssize_t n; (n = ::read(0, buf, sizeof buf)) > 0;) total += static_cast<std::size_t>(n);
+  put(stdout, std::to_string(total));
   return 0;
 }
 KD_CHILD_MODE("stdin", countInput);
 
-// env NAME: the variable's value, or "<unset>".
-int printEnv(const std::vector<std::string>& args) {
-  const char* v = std::getenv(arg(args, 0).c_str());
-  writeAll(1, v ? v : "<unset>");
-  return 0;
-}
-KD_CHILD_MODE("env", printEnv);
-
-// chunks N: N lines, one write each, a little apart.
-int writeChunks(const std::vector<std::string>& args) {
-  int n = std::stoi(arg(args, 0));
-  for (int i = 0; i < n; ++i) {
-    writeAll(1, "line " + std::to_string(i) + "\n");
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+// The fake platform is never freed: the log writer and background reapers
+// may still be about while the program ends.
+class LogEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    home_.emplace();
+    auto* fake = new FakeMacPlatform();
+    fake->setUid(501);
+    fake->setHomesRoot(home_->mkdir("Users"));
+    setPlatformForTesting(fake);
+    KdLog::createNewLog(std::string("kd_tasks_tests"));
   }
-  return 0;
-}
-KD_CHILD_MODE("chunks", writeChunks);
+  void TearDown() override { KdLog::finishWriting(), home_.reset(); }
+
+ private:
+  std::optional<TempDir> home_;
+};
+[[maybe_unused]] ::testing::Environment* const gLogEnvironment =
+    ::testing::AddGlobalTestEnvironment(new LogEnvironment);
 
 }  // namespace
+
+std::string pattern(std::size_t size, char seed) {
+  std::string s(size, '\0');
+  for (std::size_t i = 0; i < size; ++i) s[i] = static_cast<char>(seed + i % 23);
+  return s;
+}
+
+std::string logText() {
+  KdLog::finishWriting();
+  std::vector<std::string> logs = KdLog::availableLogs();
+  return logs.empty() ? std::string() : readFile(logs.front());
+}
+
+std::vector<int> openFds() {
+  std::vector<int> fds;
+  DIR* dir = ::opendir("/proc/self/fd");
+  while (dirent* e = dir ? ::readdir(dir) : nullptr)
+    if (e->d_name[0] != '.' && std::atoi(e->d_name) != ::dirfd(dir))
+      fds.push_back(std::atoi(e->d_name));
+  if (dir) ::closedir(dir);
+  return fds;
+}
+
+}  // namespace kd::test
