@@ -150,22 +150,8 @@ std::string KdTaskEx::stringFromTask(const std::string& path, const Arguments& a
 }
 
 void KdTaskEx::runTaskAndReturn(const std::string& path, const Arguments& arguments) {
-  if (!isExecutableTool(path)) {
-    logNotExecutable(path);
-    return;
-  }
   try {
-    TaskHandle task = KdTask::create();
-    task->setLaunchPath(path);
-    task->setArguments(arguments);
-    task->setStandardError(KdTask::Stdio::NullDevice);
-    task->setStandardOutput(KdTask::Stdio::NullDevice);
-    std::string error;
-    if (!task->launch(&error)) {
-      KdLog::appendLog("Exception running task %@: %@", path, error);
-      return;
-    }
-    task->reapInBackground();
+    if (TaskHandle task = launchQuiet(path, arguments, RunHooks{})) task->reapInBackground();
   } catch (const std::exception& e) {
     KdLog::appendLog("Exception running task %@: %@", path, e.what());
   }
