@@ -17,20 +17,6 @@ extern char** environ;
 
 namespace kd::agent {
 
-std::vector<MountEntry> readMountTable() {
-  std::vector<MountEntry> out;
-  std::unique_ptr<libmnt_table, void (*)(libmnt_table*)> table(mnt_new_table(), mnt_unref_table);
-  if (!table || mnt_table_parse_file(table.get(), "/proc/self/mountinfo") != 0) return out;
-  std::unique_ptr<libmnt_iter, void (*)(libmnt_iter*)> iter(mnt_new_iter(MNT_ITER_FORWARD),
-                                                            mnt_free_iter);
-  libmnt_fs* fs = nullptr;
-  while (iter && mnt_table_next_fs(table.get(), iter.get(), &fs) == 0) {
-    const char* target = mnt_fs_get_target(fs);
-    out.push_back({mnt_fs_get_id(fs), target ? target : ""});
-  }
-  return out;
-}
-
 std::vector<MountEntry> newMounts(const std::set<int>& before, const std::vector<MountEntry>& now) {
   std::vector<MountEntry> out;
   for (const auto& m : now)

@@ -15,7 +15,11 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/MountTable.h"
+
 namespace kd::agent {
+
+using kd::MountEntry;
 
 struct Options {
   std::string helperPath;  // the helper executable
@@ -23,16 +27,6 @@ struct Options {
   bool runSetup = true;    // run the helper with "-setup" at start
   bool verbose = false;    // report each run on standard error
 };
-
-// One mount of the mount table, identified by the kernel's mount id so that a
-// remount at the same place counts as new.
-struct MountEntry {
-  int id = 0;
-  std::string target;
-};
-
-// The current mount table; empty when it cannot be read.
-std::vector<MountEntry> readMountTable();
 
 // The entries of `now` whose ids are not in `before`, in table order.
 std::vector<MountEntry> newMounts(const std::set<int>& before, const std::vector<MountEntry>& now);

@@ -2,7 +2,6 @@
 // applications from /proc, and opening files with applications.
 #include <dirent.h>
 #include <fcntl.h>
-#include <libmount/libmount.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -18,6 +17,7 @@
 #include "common/Path.h"
 #include "common/UniqueFd.h"
 #include "platform/linux/LinuxPlatform.h"
+#include "platform/linux/MountTable.h"
 
 extern char** environ;
 
@@ -58,14 +58,13 @@ bool isRemovableBlockDevice(dev_t dev) {
 }
 
 // Pseudo and network file systems are never removable media.
-bool isPseudoFs(const char* type) {
+bool isPseudoFs(const std::string& type) {
   static const char* const kSkip[] = {"proc",    "sysfs",       "devtmpfs",  "devpts",  "cgroup",
                                       "cgroup2", "securityfs",  "debugfs",   "tracefs", "pstore",
                                       "bpf",     "mqueue",      "hugetlbfs", "autofs",  "configfs",
                                       "fusectl", "binfmt_misc", "overlay",   "nsfs",    "efivarfs"};
-  if (!type) return false;
   for (const char* s : kSkip)
-    if (std::strcmp(type, s) == 0) return true;
+    if (type == s) return true;
   return false;
 }
 
@@ -184,21 +183,11 @@ std::optional<std::string> resolveProgram(const std::string& word) {
 
 std::vector<std::string> LinuxPlatform::mountedRemovableMedia() {
   std::vector<std::string> media;
-  std::unique_ptr<libmnt_table, void (*)(libmnt_table*)> table(mnt_new_table(), mnt_unref_table);
-  if (!table || mnt_table_parse_file(table.get(), "/proc/self/mountinfo") != 0) return media;
-  std::unique_ptr<libmnt_iter, void (*)(libmnt_iter*)> iter(mnt_new_iter(MNT_ITER_FORWARD),
-                                                            mnt_free_iter);
-  libmnt_fs* fs = nullptr;
-  while (iter && mnt_table_next_fs(table.get(), iter.get(), &fs) == 0) {
-    const char* target = mnt_fs_get_target(fs);
-    if (!target || isPseudoFs(mnt_fs_get_fstype(fs))) continue;
-    std::string mountPoint(target);
-    bool removable = startsWith(mountPoint, "/media/") || startsWith(mountPoint, "/run/media/");
-    if (!removable) {
-      dev_t dev = mnt_fs_get_devno(fs);
-      removable = major(dev) != 0 && isRemovableBlockDevice(dev);
-    }
-    if (removable) media.push_back(mountPoint);
+  for (const auto& m : readMountTable()) {
+    if (m.target.empty() || isPseudoFs(m.fsType)) continue;
+    bool removable = startsWith(m.target, "/media/") || startsWith(m.target, "/run/media/") ||
+                     (major(m.device) != 0 && isRemovableBlockDevice(m.device));
+    if (removable) media.push_back(m.target);
   }
   return media;
 }
