@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -144,22 +145,16 @@ std::vector<std::string> execArguments(const std::string& exec, const std::strin
   return words;
 }
 
-std::vector<std::string> xdgDataDirs() {
-  std::vector<std::string> dirs;
-  if (const char* d = std::getenv("XDG_DATA_HOME"); d && *d == '/')
-    dirs.emplace_back(d);
-  else if (const char* home = std::getenv("HOME"); home && *home)
-    dirs.push_back(path::append(home, ".local/share"));
-  std::string sys = "/usr/local/share:/usr/share";
-  if (const char* d = std::getenv("XDG_DATA_DIRS"); d && *d) sys = d;
+// The absolute folders of a colon-separated list such as PATH.
+std::vector<std::string> splitFolderList(std::string_view list) {
+  std::vector<std::string> out;
   std::size_t start = 0;
-  while (start <= sys.size()) {
-    std::size_t end = sys.find(':', start);
-    if (end == std::string::npos) end = sys.size();
-    if (end > start && sys[start] == '/') dirs.push_back(sys.substr(start, end - start));
+  while (start <= list.size()) {
+    std::size_t end = std::min(list.find(':', start), list.size());
+    if (end > start && list[start] == '/') out.emplace_back(list.substr(start, end - start));
     start = end + 1;
   }
-  return dirs;
+  return out;
 }
 
 // Resolves the program of an Exec word through PATH when it has no slash.
@@ -167,14 +162,9 @@ std::optional<std::string> resolveProgram(const std::string& word) {
   if (word.find('/') != std::string::npos)
     return isExecutableFile(word) ? std::optional(word) : std::nullopt;
   const char* pathEnv = std::getenv("PATH");
-  std::string dirs = pathEnv ? pathEnv : "/usr/local/bin:/usr/bin:/bin";
-  std::size_t start = 0;
-  while (start <= dirs.size()) {
-    std::size_t end = dirs.find(':', start);
-    if (end == std::string::npos) end = dirs.size();
-    std::string candidate = path::append(dirs.substr(start, end - start), word);
-    if (end > start && isExecutableFile(candidate)) return candidate;
-    start = end + 1;
+  for (const auto& dir : splitFolderList(pathEnv ? pathEnv : "/usr/local/bin:/usr/bin:/bin")) {
+    std::string candidate = path::append(dir, word);
+    if (isExecutableFile(candidate)) return candidate;
   }
   return std::nullopt;
 }
@@ -243,7 +233,15 @@ bool LinuxPlatform::openFileWithBundleIdentifier(const std::string& file,
                                                  std::string_view bundleIdentifier) {
   // The application's desktop entry is named after its bundle identifier.
   std::string entryName = std::string(bundleIdentifier) + ".desktop";
-  for (const auto& dir : xdgDataDirs()) {
+  // The user's data folder ($XDG_DATA_HOME, from the folder table), then
+  // $XDG_DATA_DIRS.
+  std::vector<std::string> dataDirs =
+      searchPathForDirectories(DirectoryKind::ApplicationSupport, UserDomainMask);
+  const char* systemDirs = std::getenv("XDG_DATA_DIRS");
+  for (auto& dir :
+       splitFolderList(systemDirs && *systemDirs ? systemDirs : "/usr/local/share:/usr/share"))
+    dataDirs.push_back(std::move(dir));
+  for (const auto& dir : dataDirs) {
     std::ifstream in(path::append(path::append(dir, "applications"), entryName));
     if (!in) continue;
     bool inMain = false;
