@@ -3,6 +3,7 @@
 #include <stdlib.h>
 
 #include "platform/Platform.h"
+#include "support/ScopedEnv.h"
 #include "support/TempDir.h"
 
 using kd::DirectoryKind;
@@ -16,18 +17,9 @@ const char* const kVars[] = {"HOME",           "XDG_DATA_HOME",  "XDG_CONFIG_HOM
                              "XDG_VIDEOS_DIR"};
 
 // Gives kVars these values (none: unset) for a scope, then restores them.
-struct ScopedEnv {
-  Env saved;
-  explicit ScopedEnv(const Env& values) {
-    for (const char* v : kVars)
-      saved.push_back(getenv(v) ? Env::value_type(getenv(v)) : std::nullopt);
-    apply(values);
-  }
-  ~ScopedEnv() { apply(saved); }
-  static void apply(const Env& values) {
-    for (std::size_t i = 0; i < values.size(); ++i)
-      values[i] ? setenv(kVars[i], values[i]->c_str(), 1) : unsetenv(kVars[i]);
-  }
+struct ScopedEnv : kd::test::ScopedEnv {
+  explicit ScopedEnv(const Env& values)
+      : kd::test::ScopedEnv({std::begin(kVars), std::end(kVars)}, values) {}
 };
 
 Paths lookup(DirectoryKind kind, unsigned mask = kd::UserDomainMask | kd::LocalDomainMask) {

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "platform/Platform.h"
+#include "support/ScopedEnv.h"
 #include "support/TempDir.h"
 
 using kd::test::TempDir;
@@ -36,24 +37,6 @@ std::string recorderScript(const TempDir& dir, const std::string& out) {
   return script;
 }
 
-class EnvVar {
- public:
-  EnvVar(const char* name, const std::string& value) : name_(name) {
-    if (const char* old = getenv(name)) old_ = old;
-    setenv(name, value.c_str(), 1);
-  }
-  ~EnvVar() {
-    if (old_)
-      setenv(name_, old_->c_str(), 1);
-    else
-      unsetenv(name_);
-  }
-
- private:
-  const char* name_;
-  std::optional<std::string> old_;
-};
-
 }  // namespace
 
 TEST(LinuxWorkspace, OpensFilesWithAnApplicationOrADesktopEntry) {
@@ -68,7 +51,7 @@ TEST(LinuxWorkspace, OpensFilesWithAnApplicationOrADesktopEntry) {
   fs::remove(out);
   dir.touch("share/applications/com.quillfen.Test.desktop",
             "[Desktop Entry]\nType=Application\nName=T\nExec=\"" + app + "\" --open %f\n");
-  EnvVar dataHome("XDG_DATA_HOME", dir / "share");
+  kd::test::ScopedEnv dataHome({"XDG_DATA_HOME"}, {dir / "share"});
   ASSERT_TRUE(p.openFileWithBundleIdentifier("/x/y.crash", "com.quillfen.Test"));
   EXPECT_EQ(waitForContents(out), "--open|/x/y.crash|\n");
 
