@@ -8,6 +8,8 @@
 #include <cstring>
 #include <limits>
 
+#include "common/Utf8.h"
+
 namespace kd {
 
 namespace {
@@ -67,12 +69,6 @@ void appendPrintf(std::string& out, const Spec& spec, const char* conv, V value)
   if (n > 0) out.append(big.data(), static_cast<std::size_t>(n));
 }
 
-std::size_t codePoints(std::string_view s) {
-  std::size_t n = 0;
-  for (unsigned char c : s) n += (c & 0xC0) != 0x80;
-  return n;
-}
-
 // The prefix of `s` holding at most `count` code points.
 std::string_view firstCodePoints(std::string_view s, std::size_t count) {
   std::size_t seen = 0;
@@ -89,7 +85,7 @@ std::string_view firstCodePoints(std::string_view s, std::size_t count) {
 // lines up like one without.
 void appendPadded(std::string& out, const Spec& spec, std::string_view text) {
   if (spec.precision >= 0) text = firstCodePoints(text, static_cast<std::size_t>(spec.precision));
-  const std::size_t len = codePoints(text);
+  const std::size_t len = kd::utf8::codePointCount(text);
   const std::size_t pad =
       spec.width > 0 && static_cast<std::size_t>(spec.width) > len ? spec.width - len : 0;
   if (!spec.leftAlign) out.append(pad, ' ');
@@ -97,24 +93,10 @@ void appendPadded(std::string& out, const Spec& spec, std::string_view text) {
   if (spec.leftAlign) out.append(pad, ' ');
 }
 
+// %c and %C: NUL prints nothing; values past Unicode print U+FFFD.
 void appendCodePoint(std::string& out, std::uint64_t cp) {
   if (cp == 0) return;
-  if ((cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) cp = 0xFFFD;
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
+  kd::utf8::appendCodePoint(out, cp > 0x10FFFF ? char32_t{0xFFFD} : static_cast<char32_t>(cp));
 }
 
 std::string hexPointer(std::uint64_t v) {

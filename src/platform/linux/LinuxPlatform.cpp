@@ -16,6 +16,7 @@
 #include <random>
 
 #include "common/Path.h"
+#include "common/Utf8.h"
 
 namespace kd {
 
@@ -35,22 +36,11 @@ std::optional<std::string> passwdField(uid_t uid, bool wantHome) {
   return std::string(wantHome ? pw.pw_dir : pw.pw_name);
 }
 
-bool validUtf8(std::string_view s) {
-  std::size_t i = 0;
-  while (i < s.size()) {
-    unsigned char c = static_cast<unsigned char>(s[i]);
-    std::size_t extra = c < 0x80 ? 0 : (c >> 5) == 0x6 ? 1 : (c >> 4) == 0xE ? 2 : (c >> 3) == 0x1E ? 3 : 4;
-    if (extra == 4 || i + extra >= s.size() + (extra == 0 ? 1 : 0)) return false;
-    for (std::size_t k = 1; k <= extra; ++k)
-      if ((static_cast<unsigned char>(s[i + k]) >> 6) != 0x2) return false;
-    i += extra + 1;
-  }
-  return true;
-}
-
 }  // namespace
 
-std::uint32_t LinuxPlatform::realUserId() { return static_cast<std::uint32_t>(getuid()); }
+std::uint32_t LinuxPlatform::realUserId() {
+  return static_cast<std::uint32_t>(getuid());
+}
 
 std::optional<std::string> LinuxPlatform::homeDirectory() {
   if (const char* home = std::getenv("HOME"); home && *home) return std::string(home);
@@ -67,11 +57,17 @@ std::optional<std::string> LinuxPlatform::homeDirectoryForUser(const std::string
   return std::string(pw.pw_dir);
 }
 
-std::optional<std::string> LinuxPlatform::userName() { return passwdField(getuid(), false); }
+std::optional<std::string> LinuxPlatform::userName() {
+  return passwdField(getuid(), false);
+}
 
-std::string LinuxPlatform::homesFolderName() { return "home"; }
+std::string LinuxPlatform::homesFolderName() {
+  return "home";
+}
 
-std::vector<PrefixDrop> LinuxPlatform::rootHomeAdjustments() { return {{"/root", 5}}; }
+std::vector<PrefixDrop> LinuxPlatform::rootHomeAdjustments() {
+  return {{"/root", 5}};
+}
 
 std::string LinuxPlatform::temporaryDirectory() {
   const char* tmp = std::getenv("TMPDIR");
@@ -88,11 +84,11 @@ std::string LinuxPlatform::globallyUniqueString() {
   char host[HOST_NAME_MAX + 1] = {};
   gethostname(host, sizeof host - 1);
   char buf[160];
-  std::snprintf(buf, sizeof buf, "%08llX-%s-%d-%llX-%llX",
-                static_cast<unsigned long long>(salt & 0xFFFFFFFFu), host, static_cast<int>(getpid()),
-                static_cast<unsigned long long>(
-                    std::chrono::system_clock::now().time_since_epoch().count()),
-                static_cast<unsigned long long>(counter.fetch_add(1) + 1));
+  std::snprintf(
+      buf, sizeof buf, "%08llX-%s-%d-%llX-%llX",
+      static_cast<unsigned long long>(salt & 0xFFFFFFFFu), host, static_cast<int>(getpid()),
+      static_cast<unsigned long long>(std::chrono::system_clock::now().time_since_epoch().count()),
+      static_cast<unsigned long long>(counter.fetch_add(1) + 1));
   return buf;
 }
 
@@ -100,11 +96,13 @@ std::optional<std::string> LinuxPlatform::currentDirectory() {
   char buf[1024];
   if (!getcwd(buf, sizeof buf)) return std::nullopt;
   std::string dir(buf);
-  if (!validUtf8(dir)) return std::nullopt;
+  if (!utf8::isValid(dir)) return std::nullopt;
   return dir;
 }
 
-std::string LinuxPlatform::osName() { return "Linux"; }
+std::string LinuxPlatform::osName() {
+  return "Linux";
+}
 
 std::string LinuxPlatform::osVersionString() {
   // PRETTY_NAME of os-release plus the kernel release, e.g.
@@ -124,7 +122,9 @@ std::string LinuxPlatform::osVersionString() {
   return pretty + " (kernel " + kernel + ")";
 }
 
-long LinuxPlatform::processorCount() { return sysconf(_SC_NPROCESSORS_CONF); }
+long LinuxPlatform::processorCount() {
+  return sysconf(_SC_NPROCESSORS_CONF);
+}
 
 std::uint64_t LinuxPlatform::physicalMemory() {
   long pages = sysconf(_SC_PHYS_PAGES);

@@ -1,0 +1,29 @@
+// UTF-8 primitives shared by the formatter, the text decoding of tool output
+// and the path checks. Pure functions; callable from any thread.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace kd::utf8 {
+
+// U+FFFD, the replacement character, encoded.
+inline constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+
+// Length of the valid UTF-8 sequence at `i`, or 0 when there is none (overlong
+// forms, surrogates and values above U+10FFFF included).
+std::size_t validSequenceAt(std::string_view s, std::size_t i);
+
+// Whether the whole text is valid UTF-8.
+bool isValid(std::string_view s);
+
+// Appends the encoding of `cp`; surrogates and values above U+10FFFF become
+// U+FFFD.
+void appendCodePoint(std::string& out, char32_t cp);
+
+// The number of code points, counting every byte that does not continue a
+// sequence.
+std::size_t codePointCount(std::string_view s);
+
+}  // namespace kd::utf8
