@@ -18,6 +18,38 @@ constexpr DateSeconds kDistantPast = -62135596800.0;
 DateSeconds nowSeconds();
 DateSeconds toSeconds(std::chrono::system_clock::time_point t);
 
+// A date and time of the proleptic Gregorian calendar.
+struct CivilTime {
+  long long year;
+  unsigned month, day, hour, minute, second;
+};
+
+// The civil time of `t` whole seconds since 1970-01-01 00:00:00 (days to date by
+// H. Hinnant's algorithm). Plain arithmetic without library calls, so safe in a
+// signal handler, and good for any year from 1 on.
+constexpr CivilTime civilFromSeconds(long long t) noexcept {
+  long long days = t / 86400;
+  long long rem = t % 86400;
+  if (rem < 0) {
+    rem += 86400;
+    --days;
+  }
+  days += 719468;
+  const long long era = (days >= 0 ? days : days - 146096) / 146097;
+  const unsigned doe = static_cast<unsigned>(days - era * 146097);
+  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
+  const unsigned mp = (5 * doy + 2) / 153;
+  CivilTime c{};
+  c.day = doy - (153 * mp + 2) / 5 + 1;
+  c.month = mp < 10 ? mp + 3 : mp - 9;
+  c.year = static_cast<long long>(yoe) + era * 400 + (c.month <= 2 ? 1 : 0);
+  c.hour = static_cast<unsigned>(rem / 3600);
+  c.minute = static_cast<unsigned>(rem / 60 % 60);
+  c.second = static_cast<unsigned>(rem % 60);
+  return c;
+}
+
 // "YYYY-MM-DD HH:MM:SS +0000" of the whole second at or before `t`.
 std::string dateDescription(DateSeconds t);
 inline std::string dateDescription(std::chrono::system_clock::time_point t) {

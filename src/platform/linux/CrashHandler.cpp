@@ -31,6 +31,7 @@
 #include <ctime>
 #include <string>
 
+#include "common/DateText.h"
 #include "common/Path.h"
 #include "platform/linux/LinuxPlatform.h"
 
@@ -101,36 +102,6 @@ struct Line {
     return addUnsigned(static_cast<unsigned long long>(v));
   }
 };
-
-struct CivilTime {
-  long long year;
-  unsigned month, day, hour, minute, second;
-};
-
-// Days since 1970-01-01 to a proleptic Gregorian date (H. Hinnant's algorithm);
-// no library call, so safe in a signal handler.
-CivilTime civilFromSeconds(long long t) {
-  long long days = t / 86400;
-  long long rem = t % 86400;
-  if (rem < 0) {
-    rem += 86400;
-    --days;
-  }
-  days += 719468;
-  const long long era = (days >= 0 ? days : days - 146096) / 146097;
-  const unsigned doe = static_cast<unsigned>(days - era * 146097);
-  const unsigned yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
-  const unsigned doy = doe - (365 * yoe + yoe / 4 - yoe / 100);
-  const unsigned mp = (5 * doy + 2) / 153;
-  CivilTime c{};
-  c.day = doy - (153 * mp + 2) / 5 + 1;
-  c.month = mp < 10 ? mp + 3 : mp - 9;
-  c.year = static_cast<long long>(yoe) + era * 400 + (c.month <= 2 ? 1 : 0);
-  c.hour = static_cast<unsigned>(rem / 3600);
-  c.minute = static_cast<unsigned>(rem / 60 % 60);
-  c.second = static_cast<unsigned>(rem % 60);
-  return c;
-}
 
 const char* signalName(int sig) {
   switch (sig) {
