@@ -1,6 +1,5 @@
 // The user at the machine's console: the active session of seat0 when
 // systemd-logind runs, else the utmp entry of the console line.
-#include <pwd.h>
 #include <signal.h>
 #include <systemd/sd-login.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include <string_view>
 
 #include "platform/linux/LinuxPlatform.h"
+#include "platform/linux/Passwd.h"
 
 namespace kd {
 
@@ -38,12 +38,8 @@ bool isGreeterAccount(std::string_view name) {
 }
 
 OptString userNameOf(uid_t uid) {
-  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
-  std::string buf(size > 0 ? static_cast<std::size_t>(size) : 16384, '\0');
-  struct passwd pw {};
-  struct passwd* result = nullptr;
-  if (getpwuid_r(uid, &pw, buf.data(), buf.size(), &result) != 0 || !result) return std::nullopt;
-  return std::string(pw.pw_name);
+  if (auto entry = passwdByUid(uid)) return entry->name;
+  return std::nullopt;
 }
 
 bool logindRuns() {

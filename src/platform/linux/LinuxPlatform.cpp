@@ -1,7 +1,6 @@
 #include "platform/linux/LinuxPlatform.h"
 
 #include <limits.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <syslog.h>
@@ -17,6 +16,7 @@
 
 #include "common/Path.h"
 #include "common/Utf8.h"
+#include "platform/linux/Passwd.h"
 
 namespace kd {
 
@@ -25,40 +25,24 @@ Platform& nativePlatform() {
   return *instance;
 }
 
-namespace {
-
-std::optional<std::string> passwdField(uid_t uid, bool wantHome) {
-  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
-  std::string buf(size > 0 ? static_cast<std::size_t>(size) : 16384, '\0');
-  struct passwd pw {};
-  struct passwd* result = nullptr;
-  if (getpwuid_r(uid, &pw, buf.data(), buf.size(), &result) != 0 || !result) return std::nullopt;
-  return std::string(wantHome ? pw.pw_dir : pw.pw_name);
-}
-
-}  // namespace
-
 std::uint32_t LinuxPlatform::realUserId() {
   return static_cast<std::uint32_t>(getuid());
 }
 
 std::optional<std::string> LinuxPlatform::homeDirectory() {
   if (const char* home = std::getenv("HOME"); home && *home) return std::string(home);
-  return passwdField(getuid(), true);
+  if (auto entry = passwdByUid(getuid())) return entry->home;
+  return std::nullopt;
 }
 
 std::optional<std::string> LinuxPlatform::homeDirectoryForUser(const std::string& user) {
-  long size = sysconf(_SC_GETPW_R_SIZE_MAX);
-  std::string buf(size > 0 ? static_cast<std::size_t>(size) : 16384, '\0');
-  struct passwd pw {};
-  struct passwd* result = nullptr;
-  if (getpwnam_r(user.c_str(), &pw, buf.data(), buf.size(), &result) != 0 || !result)
-    return std::nullopt;
-  return std::string(pw.pw_dir);
+  if (auto entry = passwdByName(user)) return entry->home;
+  return std::nullopt;
 }
 
 std::optional<std::string> LinuxPlatform::userName() {
-  return passwdField(getuid(), false);
+  if (auto entry = passwdByUid(getuid())) return entry->name;
+  return std::nullopt;
 }
 
 std::string LinuxPlatform::homesFolderName() {
