@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <random>
 
@@ -28,7 +29,8 @@ bool writeAll(int fd, std::string_view bytes) {
 }
 }  // namespace
 
-bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string* error) {
+bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string* error,
+                         const FileOwner* owner) {
   std::string dir = path::deletingLastComponent(path);
   if (dir.empty()) dir.push_back('.');  // (not `= "."`: a false -Wrestrict in GCC 12)
   std::string name = path::lastComponent(path);
@@ -43,9 +45,15 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes, std::s
     if (error) *error = errnoText("cannot create", tmp);
     return false;
   }
-  // Keep the permissions of the file being replaced.
+  // Keep the permissions of the file being replaced (not of a link's target).
   struct stat st {};
-  if (::stat(path.c_str(), &st) == 0) ::fchmod(fd.get(), st.st_mode & 07777);
+  if (::lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode))
+    ::fchmod(fd.get(), st.st_mode & 07777);
+  if (owner && ::fchown(fd.get(), owner->uid, owner->gid) != 0) {
+    if (error) *error = errnoText("cannot give to its owner", tmp);
+    ::unlink(tmp.c_str());
+    return false;
+  }
   if (!writeAll(fd.get(), bytes) || ::fsync(fd.get()) != 0) {
     if (error) *error = errnoText("cannot write", tmp);
     ::unlink(tmp.c_str());
@@ -62,22 +70,45 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes, std::s
   return true;
 }
 
-std::optional<std::string> readWholeFile(const std::string& path, std::size_t maxBytes) {
-  UniqueFd fd(retryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
-  if (!fd) return std::nullopt;
+FileReadResult readRegularFile(const std::string& path, std::size_t maxBytes, bool followLinks) {
+  FileReadResult result;
+  auto fail = [&](ReadFailure why, std::string reason) {
+    result.failure = why;
+    result.reason = std::move(reason);
+    return std::move(result);
+  };
+  int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (followLinks ? 0 : O_NOFOLLOW);
+  UniqueFd fd(retryOnEintr([&] { return ::open(path.c_str(), flags); }));
+  if (!fd) {
+    int e = errno;
+    if (e == ENOENT || e == ENOTDIR) return fail(ReadFailure::Missing, std::strerror(e));
+    if (e == ELOOP || e == ENXIO) return fail(ReadFailure::NotRegular, std::strerror(e));
+    return fail(ReadFailure::Unreadable, std::strerror(e));
+  }
   struct stat st {};
-  if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
-  if (static_cast<std::size_t>(st.st_size) > maxBytes) return std::nullopt;
+  if (::fstat(fd.get(), &st) != 0) return fail(ReadFailure::Unreadable, std::strerror(errno));
+  if (!S_ISREG(st.st_mode)) return fail(ReadFailure::NotRegular, "not a regular file");
+  if (static_cast<std::uint64_t>(st.st_size) > maxBytes)
+    return fail(ReadFailure::TooLarge, "larger than " + std::to_string(maxBytes) + " bytes");
+  // A regular file never blocks; clear the flag so reads behave normally.
+  ::fcntl(fd.get(), F_SETFL, O_RDONLY);
   std::string out;
+  out.reserve(static_cast<std::size_t>(st.st_size));
   char buf[65536];
   for (;;) {
     ssize_t n = retryOnEintr([&] { return ::read(fd.get(), buf, sizeof buf); });
-    if (n < 0) return std::nullopt;
+    if (n < 0) return fail(ReadFailure::Unreadable, std::strerror(errno));
     if (n == 0) break;
     out.append(buf, static_cast<std::size_t>(n));
-    if (out.size() > maxBytes) return std::nullopt;
+    if (out.size() > maxBytes)
+      return fail(ReadFailure::TooLarge, "larger than " + std::to_string(maxBytes) + " bytes");
   }
-  return out;
+  result.bytes = std::move(out);
+  return result;
+}
+
+std::optional<std::string> readWholeFile(const std::string& path, std::size_t maxBytes) {
+  return readRegularFile(path, maxBytes).bytes;
 }
 
 }  // namespace kd

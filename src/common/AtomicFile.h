@@ -3,20 +3,54 @@
 // Stateless; callable from any thread.
 #pragma once
 
+#include <sys/types.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace kd {
 
+// The owner a file written for another user is given (root runs write into the
+// console user's home). Applied by descriptor before the file takes its name,
+// so nobody can swap a link in between.
+struct FileOwner {
+  uid_t uid = 0;
+  gid_t gid = 0;
+};
+
 // Replaces `path` with `bytes`: a temporary file in the same folder, fsync,
 // rename over the target, fsync of the folder. The target is either the old
-// file or the new one, never a mixture. On failure `error` gets the reason.
+// file or the new one, never a mixture. The new file keeps the mode of a
+// regular file it replaces and, with `owner`, belongs to that user before it
+// is renamed into place. On failure `error` gets the reason.
 bool writeFileAtomically(const std::string& path, std::string_view bytes,
-                         std::string* error = nullptr);
+                         std::string* error = nullptr, const FileOwner* owner = nullptr);
 
-// The whole contents of a regular file of at most `maxBytes`; none otherwise.
+// Why a whole-file read gave nothing.
+enum class ReadFailure {
+  None,
+  Missing,     // nothing at the path (or a dangling link)
+  NotRegular,  // a folder, a named pipe, a device, or a link where links are refused
+  TooLarge,    // larger than the caller's limit
+  Unreadable,  // exists but cannot be opened or read (permissions, I/O error)
+};
+
+struct FileReadResult {
+  std::optional<std::string> bytes;
+  ReadFailure failure = ReadFailure::None;
+  std::string reason;  // strerror text or a short description when bytes is empty
+};
+
+// The whole contents of a regular file of at most `maxBytes`. The file is
+// opened without blocking (a named pipe or device never stalls the caller)
+// and checked to be a regular file before anything is read. With
+// `followLinks` false a symbolic link at `path` is refused.
+FileReadResult readRegularFile(const std::string& path, std::size_t maxBytes,
+                               bool followLinks = true);
+
+// As readRegularFile, the bytes only.
 std::optional<std::string> readWholeFile(const std::string& path,
-                                         std::size_t maxBytes = 64u << 20);
+                                         std::size_t maxBytes = std::size_t{1} << 30);
 
 }  // namespace kd
