@@ -30,7 +30,7 @@ bool writeAll(int fd, std::string_view bytes) {
 }  // namespace
 
 bool writeFileAtomically(const std::string& path, std::string_view bytes, std::string* error,
-                         const FileOwner* owner) {
+                         const std::optional<FileOwner>& owner) {
   std::string dir = path::deletingLastComponent(path);
   if (dir.empty()) dir.push_back('.');  // (not `= "."`: a false -Wrestrict in GCC 12)
   std::string name = path::lastComponent(path);

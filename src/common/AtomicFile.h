@@ -9,23 +9,19 @@
 #include <string>
 #include <string_view>
 
-namespace kd {
+#include "common/FileOwner.h"
 
-// The owner a file written for another user is given (root runs write into the
-// console user's home). Applied by descriptor before the file takes its name,
-// so nobody can swap a link in between.
-struct FileOwner {
-  uid_t uid = 0;
-  gid_t gid = 0;
-};
+namespace kd {
 
 // Replaces `path` with `bytes`: a temporary file in the same folder, fsync,
 // rename over the target, fsync of the folder. The target is either the old
 // file or the new one, never a mixture. The new file keeps the mode of a
 // regular file it replaces and, with `owner`, belongs to that user before it
-// is renamed into place. On failure `error` gets the reason.
+// is renamed into place (by descriptor, so nobody can swap a link in between). On failure `error`
+// gets the reason.
 bool writeFileAtomically(const std::string& path, std::string_view bytes,
-                         std::string* error = nullptr, const FileOwner* owner = nullptr);
+                         std::string* error = nullptr,
+                         const std::optional<FileOwner>& owner = std::nullopt);
 
 // Why a whole-file read gave nothing.
 enum class ReadFailure {

@@ -176,8 +176,8 @@ std::string plistDictionaryToXml(const PlistDict& dict) {
 }
 
 bool writePlistDictionaryAtomically(const PlistDict& dict, const std::string& path,
-                                    std::string* error) {
-  return writeFileAtomically(path, plistDictionaryToXml(dict), error);
+                                    std::string* error, const std::optional<FileOwner>& owner) {
+  return writeFileAtomically(path, plistDictionaryToXml(dict), error, owner);
 }
 
 bool plistFlagIsSet(const PlistDict& dict, const std::string& key) {

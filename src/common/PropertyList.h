@@ -13,6 +13,8 @@
 #include <variant>
 #include <vector>
 
+#include "common/FileOwner.h"
+
 namespace kd {
 
 class PlistValue;
@@ -72,7 +74,8 @@ std::optional<PlistDict> parsePlistDictionary(const std::string& bytes);
 // folder, fsync, rename, fsync of the folder. On failure the old file stays
 // as it was and `error` (when given) receives the reason.
 bool writePlistDictionaryAtomically(const PlistDict& dict, const std::string& path,
-                                    std::string* error = nullptr);
+                                    std::string* error = nullptr,
+                                    const std::optional<FileOwner>& owner = std::nullopt);
 // The XML text of a dictionary.
 std::string plistDictionaryToXml(const PlistDict& dict);
 

@@ -4,8 +4,8 @@
 // thread-safe: one thread at a time per object.
 #pragma once
 
-#include <cerrno>
 #include <unistd.h>
+#include <cerrno>
 
 #include <utility>
 

@@ -1,6 +1,7 @@
 #include "crash/KdBugReporter.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -9,11 +10,14 @@
 #include <memory>
 #include <vector>
 
+#include "common/Folders.h"
 #include "common/Path.h"
 #include "common/PropertyList.h"
+#include "common/UniqueFd.h"
 #include "log/KdException.h"
 #include "log/KdLog.h"
 #include "paths/KdLocalPaths.h"
+#include "paths/UserFiles.h"
 #include "platform/Platform.h"
 #include "tasks/KdTaskEx.h"
 
@@ -25,15 +29,6 @@ constexpr char kGlobalPrefsName[] = "com.quillfen.global.plist";
 constexpr char kDisableKey[] = "disable-crash-reporter";
 constexpr char kBugReporterName[] = "Bug Reporter";
 constexpr char kBugReporterBundleId[] = "com.quillfen.BugReporter";
-constexpr double kChownTimeout = 5.0;
-
-// macOS keeps chown in /usr/sbin, Linux in /usr/bin (or /bin on systems whose
-// /bin is not merged into /usr); the first one present is the system's.
-std::string chownTool() {
-  for (const char* candidate : {"/usr/sbin/chown", "/usr/bin/chown", "/bin/chown"})
-    if (KdTaskEx::isExecutableTool(candidate)) return candidate;
-  return "/usr/sbin/chown";  // the runner then logs that it is not executable
-}
 
 // The record file: the given path, or the application's defaults file.
 std::optional<std::string> recordPath(const std::optional<std::string>& plistPath) {
@@ -46,29 +41,17 @@ std::optional<std::string> applicationName(const std::optional<std::string>& app
   return kd::platform().mainBundle().name;
 }
 
-// Creates the record's folder when it is missing (a fresh account may have no
-// preferences folder yet). Folders made below a home go to its user like the
-// record itself.
-void makeParentFolders(const std::string& file) {
-  std::vector<std::string> missing;
-  struct stat st {};
-  for (std::string dir = kd::path::deletingLastComponent(file);
-       !dir.empty() && dir != "/" && ::stat(dir.c_str(), &st) != 0;
-       dir = kd::path::deletingLastComponent(dir))
-    missing.push_back(dir);
-  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
-    if (::mkdir(it->c_str(), 0755) != 0 && errno != EEXIST) return;
-    KdBugReporter::chownPlist(*it);
-  }
-}
-
 void recordDate(const std::optional<std::string>& plistPath, const char* key) {
   auto path = recordPath(plistPath);
   if (!path) return;
-  makeParentFolders(*path);
+  // A fresh account may have no preferences folder yet. What a root run makes
+  // in a home belongs to that home's user, the record file included; it is
+  // handed over by descriptor before it takes its name.
+  const auto owner = kd::ownerForUserPath(*path);
+  kd::createFolders(kd::path::deletingLastComponent(*path), 0700, owner);
   kd::PlistDict record = kd::readPlistDictionaryOrEmpty(*path);
   record[key] = kd::PlistValue(std::chrono::system_clock::now());
-  if (kd::writePlistDictionaryAtomically(record, *path)) KdBugReporter::chownPlist(*path);
+  kd::writePlistDictionaryAtomically(record, *path, nullptr, owner);
 }
 
 bool startsWithIgnoringCase(const std::string& text, const std::string& prefix) {
@@ -203,18 +186,19 @@ KdBugReporter::OptString KdBugReporter::checkForCrashes(OptString appName, OptSt
 
 void KdBugReporter::chownPlist(const std::string& path) {
   try {
-    const std::string homes = kd::platform().homesFolderName();
-    auto parts = kd::path::components(path);
-    for (std::size_t i = 0; i < parts.size(); ++i) {
-      if (parts[i] != homes) continue;
-      // Only the first such component counts. A trailing "/" is no user name,
-      // and a name that chown would take for an option is none either.
-      if (i + 1 >= parts.size() || parts[i + 1] == "/") return;
-      const std::string& user = parts[i + 1];
-      if (user.front() == '-') return;
-      KdTaskEx::runTask(chownTool(), {user, path}, kChownTimeout);
-      return;
-    }
+    auto owner = kd::ownerOfHomePath(path);
+    if (!owner) return;
+    // By descriptor, never through a link, and never a file with other names
+    // (a hard link the user made to someone else's file): the user may change
+    // what lies at this path at any moment.
+    kd::UniqueFd fd(kd::retryOnEintr([&] {
+      return ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    }));
+    struct stat st {};
+    if (!fd || ::fstat(fd.get(), &st) != 0) return;
+    bool plainFile = S_ISREG(st.st_mode) && st.st_nlink == 1;
+    if ((plainFile || S_ISDIR(st.st_mode)) && st.st_uid != owner->uid)
+      (void)::fchown(fd.get(), owner->uid, static_cast<gid_t>(-1));
   } catch (const std::exception& e) {
     KdException::logException(e, "+[KdBugReporter chownPlist:]");
   }

@@ -51,9 +51,11 @@ class KdBugReporter {
   static OptString checkForCrashes(OptString appName = std::nullopt,
                                    OptString plistPath = std::nullopt);
 
-  // Gives a file below a home folder ("/Users/<user>/…" on macOS,
-  // "/home/<user>/…" on Linux) to that user with the chown tool; any other
-  // path is left alone. The tool's result is not examined.
+  // Gives a file or folder below a home folder ("/Users/<user>/…" on macOS,
+  // "/home/<user>/…" on Linux) to that user; any other path is left alone.
+  // Done by descriptor: a link at the path, or a file with more than one
+  // name, is left alone, so the user cannot steer it at someone else's file.
+  // Failures are not reported.
   static void chownPlist(const std::string& path);
 
   // The run record used without a record path: "<name>.plist" in the user's

@@ -31,11 +31,13 @@
 
 #include "common/AtomicFile.h"
 #include "common/DateText.h"
+#include "common/Folders.h"
 #include "common/Path.h"
 #include "common/PropertyList.h"
 #include "common/UniqueFd.h"
 #include "log/KdLogTesting.h"
 #include "paths/KdLocalPaths.h"
+#include "paths/UserFiles.h"
 
 namespace {
 
@@ -131,18 +133,6 @@ bool pathExists(const std::string& path) {
 bool isDirectory(const std::string& path) {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-// mkdir -p; true when the folder exists afterwards.
-bool createFolderWithParents(const std::string& path) {
-  if (path.empty()) return false;
-  if (isDirectory(path)) return true;
-  const std::string parent = kd::path::deletingLastComponent(path);
-  if (!parent.empty() && parent != path && !isDirectory(parent) &&
-      !createFolderWithParents(parent)) {
-    return false;
-  }
-  return ::mkdir(path.c_str(), 0755) == 0 || (errno == EEXIST && isDirectory(path));
 }
 
 std::string demangledName(const char* mangled) {
@@ -426,7 +416,8 @@ void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
   std::optional<std::string> folder = logFolder();
   std::optional<std::string> current = currentLogPath(appName);
   if (!folder || !isDirectory(*folder)) {
-    if (!folder || !createFolderWithParents(*folder)) {
+    // Private to the user, and the user's own even when a root run makes it.
+    if (!folder || !kd::createFolders(*folder, 0700, kd::ownerForUserPath(*folder))) {
       printToStdout(kd::format("Unable to create folder %s.\n", folder));
       return;
     }
@@ -451,7 +442,8 @@ void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
   }
 
   std::string error;
-  if (!current || !kd::writeFileAtomically(*current, "", &error)) {
+  if (!current) error = "no log folder";
+  if (!current || !kd::writeFileAtomically(*current, "", &error, kd::ownerForUserPath(*current))) {
     printToStdout(kd::format("Unable to create log file %s - %s\n", current, error));
     return;
   }

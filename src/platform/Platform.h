@@ -18,6 +18,8 @@
 #include <string_view>
 #include <vector>
 
+#include "common/FileOwner.h"
+
 namespace kd {
 
 // The platform's search-path directory kinds (numbers are the macOS constants).
@@ -74,6 +76,8 @@ class Platform {
   virtual std::optional<std::string> homeDirectoryForUser(const std::string& user) = 0;
   // The process's user name (NSUserName).
   virtual std::optional<std::string> userName() = 0;
+  // The user and primary group ids of a named user; none for an unknown name.
+  virtual std::optional<FileOwner> userIdentifiers(const std::string& user) = 0;
   // The user at the console, as the system reports it. macOS may answer
   // "loginwindow"; callers filter that. None when nobody is logged in.
   virtual std::optional<std::string> consoleUser() = 0;
@@ -142,6 +146,9 @@ class ForwardingPlatform : public Platform {
     return target_.homeDirectoryForUser(user);
   }
   std::optional<std::string> userName() override { return target_.userName(); }
+  std::optional<FileOwner> userIdentifiers(const std::string& user) override {
+    return target_.userIdentifiers(user);
+  }
   std::optional<std::string> consoleUser() override { return target_.consoleUser(); }
   std::string homesFolderName() override { return target_.homesFolderName(); }
   std::vector<PrefixDrop> rootHomeAdjustments() override { return target_.rootHomeAdjustments(); }

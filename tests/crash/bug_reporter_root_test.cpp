@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 #include "common/Path.h"
 #include "common/PropertyList.h"
 #include "crash/KdBugReporter.h"
@@ -39,12 +41,22 @@ TEST(ChownPlist, FileBelowAHomeGoesToItsUser) {
     EXPECT_EQ(ownerOf(tmp / file), toUser ? uid : 0u);
   }
 
-  // A record written by root, and the folder it needed, go back to the user.
+  // A record written by root, and the folders it needed, go back to the user
+  // whose home it is (a real home belongs to its user).
+  ASSERT_EQ(::chown((tmp / "home/nobody").c_str(), uid, pw->pw_gid), 0);
   const std::string record = tmp / "home/nobody/.local/Preferences/r.plist";
   KdBugReporter::stopBugReporter(record);
   EXPECT_TRUE(plistDate(readPlistDictionaryOrEmpty(record), "exit"));
   EXPECT_EQ(ownerOf(path::deletingLastComponent(record)), uid);
+  EXPECT_EQ(ownerOf(tmp / "home/nobody/.local"), uid);
   EXPECT_EQ(ownerOf(record), uid);
+
+  // Below a home that is not the user's own, root makes no folders for the
+  // user: a link in the user's tree cannot steer root elsewhere.
+  const std::string elsewhere = tmp / "home/nobody/away/Preferences/r.plist";
+  ASSERT_EQ(::symlink((tmp / "var").c_str(), (tmp / "home/nobody/away").c_str()), 0);
+  KdBugReporter::stopBugReporter(elsewhere);
+  EXPECT_FALSE(std::filesystem::exists(tmp / "var/Preferences"));
 }
 
 }  // namespace

@@ -32,6 +32,7 @@
 #include <string>
 
 #include "common/DateText.h"
+#include "common/Folders.h"
 #include "common/Path.h"
 #include "platform/linux/LinuxPlatform.h"
 
@@ -250,30 +251,6 @@ bool copyInto(char* dest, std::size_t size, const std::string& src) {
   return true;
 }
 
-// Creates the folder and its missing parents. New folders made by root take
-// the owner of the folder they are made in, so that a root process does not
-// leave a folder in a user's home that the user's own programs cannot write.
-bool makeFolders(const std::string& folder) {
-  if (folder.empty() || folder[0] != '/') return false;
-  std::string partial;
-  struct stat parent {};
-  if (::stat("/", &parent) != 0) return false;
-  for (const auto& part : path::components(folder)) {
-    if (part == "/") continue;
-    partial = path::append(partial.empty() ? std::string("/") : partial, part);
-    struct stat st {};
-    if (::stat(partial.c_str(), &st) == 0) {
-      if (!S_ISDIR(st.st_mode)) return false;
-      parent = st;
-      continue;
-    }
-    if (::mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    if (::geteuid() == 0) (void)::lchown(partial.c_str(), parent.st_uid, parent.st_gid);
-    if (::stat(partial.c_str(), &parent) != 0) return false;
-  }
-  return true;
-}
-
 // File names must not hold a "/"; anything else is kept as given.
 std::string fileNameSafe(std::string s) {
   for (char& c : s)
@@ -285,7 +262,12 @@ std::string fileNameSafe(std::string s) {
 
 void LinuxPlatform::installCrashHandler(const std::string& appName,
                                         const std::string& reportFolder) {
-  if (!makeFolders(reportFolder)) return;
+  // Folders made by a root process belong to whoever owns the folder they are
+  // made in, so that a root run leaves nothing in a home the user cannot change.
+  std::optional<FileOwner> owner;
+  if (::geteuid() == 0) owner = ownerOfNearestFolder(reportFolder);
+  if (owner && owner->uid == 0) owner.reset();
+  if (!createFolders(reportFolder, 0700, owner)) return;
 
   char host[HOST_NAME_MAX + 1] = {};
   if (::gethostname(host, sizeof host - 1) != 0 || !host[0]) std::strcpy(host, "localhost");

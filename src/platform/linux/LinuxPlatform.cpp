@@ -45,6 +45,11 @@ std::optional<std::string> LinuxPlatform::userName() {
   return std::nullopt;
 }
 
+std::optional<FileOwner> LinuxPlatform::userIdentifiers(const std::string& user) {
+  if (auto entry = passwdByName(user)) return FileOwner{entry->uid, entry->gid};
+  return std::nullopt;
+}
+
 std::string LinuxPlatform::homesFolderName() {
   return "home";
 }

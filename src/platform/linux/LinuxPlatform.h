@@ -22,6 +22,7 @@ class LinuxPlatform final : public Platform {
   std::optional<std::string> homeDirectory() override;
   std::optional<std::string> homeDirectoryForUser(const std::string& user) override;
   std::optional<std::string> userName() override;
+  std::optional<FileOwner> userIdentifiers(const std::string& user) override;
   std::optional<std::string> consoleUser() override;
   std::string homesFolderName() override;
   std::vector<PrefixDrop> rootHomeAdjustments() override;

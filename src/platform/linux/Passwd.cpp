@@ -13,7 +13,7 @@ std::optional<PasswdEntry> lookUp(Lookup lookup) {
   struct passwd pw {};
   struct passwd* result = nullptr;
   if (lookup(&pw, buf.data(), buf.size(), &result) != 0 || !result) return std::nullopt;
-  return PasswdEntry{pw.pw_name, pw.pw_dir};
+  return PasswdEntry{pw.pw_name, pw.pw_dir, pw.pw_uid, pw.pw_gid};
 }
 }  // namespace
 

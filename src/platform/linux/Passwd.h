@@ -11,6 +11,8 @@ namespace kd {
 struct PasswdEntry {
   std::string name;
   std::string home;
+  uid_t uid = 0;
+  gid_t gid = 0;
 };
 
 std::optional<PasswdEntry> passwdByUid(uid_t uid);
