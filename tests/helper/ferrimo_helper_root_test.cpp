@@ -17,6 +17,9 @@
 #include <thread>
 
 #include "common/PropertyList.h"
+#include "helper/FerrimoHelper.h"
+#include "platform/Platform.h"
+#include "support/ChildMode.h"
 #include "support/TempDir.h"
 
 namespace fs = std::filesystem;
@@ -57,6 +60,28 @@ void setModificationAge(const std::string& path, double secondsAgo) {
   utimensat(AT_FDCWD, path.c_str(), times, 0);
 }
 
+// A run as root with the given user at the console ("--kd-child root-run USER
+// ARGS..."): the helper then writes into that user's home.
+class ConsoleUserPlatform : public kd::ForwardingPlatform {
+ public:
+  explicit ConsoleUserPlatform(std::string user)
+      : ForwardingPlatform(kd::nativePlatform()), user_(std::move(user)) {}
+  std::optional<std::string> consoleUser() override { return user_; }
+
+ private:
+  std::string user_;
+};
+
+int runAsRootForConsoleUser(const std::vector<std::string>& args) {
+  for (const char* v : {"XDG_CONFIG_HOME", "XDG_STATE_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME"})
+    unsetenv(v);
+  setenv("HOME", "/root", 1);
+  static ConsoleUserPlatform platform(args.at(0));
+  kd::setPlatformForTesting(&platform);
+  return FerrimoHelper::run({args.begin() + 1, args.end()});
+}
+KD_CHILD_MODE("root-run", runAsRootForConsoleUser);
+
 }  // namespace
 
 class FerrimoHelperRoot : public ::testing::Test {
@@ -73,7 +98,8 @@ class FerrimoHelperRoot : public ::testing::Test {
     root_ = new TempDir();
     chmod(root_->path().c_str(), 0755);
     user_ = "kdhelper" + std::to_string(getpid() % 100000);
-    home_ = root_->mkdir("home");
+    // A home as the system lays them out: <homes>/<user>.
+    home_ = root_->mkdir("home") + "/" + user_;
     if (runAndWait({"/usr/sbin/useradd", "-M", "-d", home_, "-s", "/usr/sbin/nologin", "-U",
                     user_}) != 0) {
       skipReason_ = "useradd failed";
@@ -141,6 +167,13 @@ class FerrimoHelperRoot : public ::testing::Test {
     cmd.insert(cmd.end(), args.begin(), args.end());
     EXPECT_EQ(runAndWait(cmd, {"HOME=" + home_, "USER=" + user_, "PATH=/usr/bin:/bin"}, appDir_),
               0);
+  }
+
+  // Runs the helper as root with the throwaway user at the console.
+  void runHelperAsRoot(const std::vector<std::string>& args = {}) {
+    std::vector<std::string> cmd{kd::test::selfExecutable(), "--kd-child", "root-run", user_};
+    cmd.insert(cmd.end(), args.begin(), args.end());
+    EXPECT_EQ(runAndWait(cmd, {"PATH=/usr/bin:/bin"}, appDir_), 0);
   }
 
   std::string settingsPath() const { return home_ + "/.config/com.quillfen.Ferrimo.plist"; }
@@ -278,4 +311,53 @@ TEST_F(FerrimoHelperRoot, NoMediaAtAll) {
   EXPECT_NE(log().find(" - Most recent mount date: 0001-01-01 00:00:00 +0000\n"), std::string::npos)
       << log();
   EXPECT_EQ(launches(false), "");
+}
+
+// A root run hands its files to the user by descriptor before they take their
+// names: a user who keeps swapping a link to someone else's file in at the
+// settings path never gets that file, and the folders a root run creates are
+// the user's, so the user's own runs can log afterwards.
+TEST_F(FerrimoHelperRoot, RootRunsGiveTheUserNothingButItsOwnFiles) {
+  fs::remove_all(home_ + "/.config");
+  fs::remove_all(home_ + "/.local");
+  const std::string victim = root_->path() + "/victim";
+  std::ofstream(victim) << "root's own";
+  chmod(victim.c_str(), 0600);
+
+  pid_t racer = fork();
+  if (racer == 0) {
+    if (setgid(gid_) != 0 || setuid(uid_) != 0) _exit(1);
+    const std::string config = home_ + "/.config", link = config + "/.swap";
+    for (;;) {
+      mkdir(config.c_str(), 0700);
+      symlink(victim.c_str(), link.c_str());
+      rename(link.c_str(), settingsPath().c_str());
+    }
+  }
+  ASSERT_GT(racer, 0);
+  for (int i = 0; i < 15; ++i) runHelperAsRoot({"-setup"});
+  kill(racer, SIGKILL);
+  waitpid(racer, nullptr, 0);
+
+  struct stat st {};
+  ASSERT_EQ(stat(victim.c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, 0u);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  EXPECT_EQ(readFile(victim), "root's own");
+
+  // Without the racer: the settings and the log folder are the user's.
+  fs::remove(settingsPath());
+  fs::remove_all(home_ + "/.local");
+  runHelperAsRoot({"-setup"});
+  ASSERT_EQ(lstat(settingsPath().c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, uid_);
+  EXPECT_TRUE(kd::plistDate(kd::readPlistDictionaryOrEmpty(settingsPath()), "lastStartup"));
+  for (const char* dir : {"/.local", "/.local/state", "/.local/state/Quillfen"}) {
+    ASSERT_EQ(stat((home_ + dir).c_str(), &st), 0) << dir;
+    EXPECT_EQ(st.st_uid, uid_) << dir;
+    EXPECT_EQ(st.st_mode & 0777, 0700u) << dir;
+  }
+  runHelper({"-setup"});
+  EXPECT_NE(log().find(" - Setting up...\n"), std::string::npos)
+      << "the user logs after a root run";
 }
