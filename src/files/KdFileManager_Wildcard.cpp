@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <memory>
+#include <optional>
 
 #include "common/Path.h"
 #include "files/KdFileManager.h"
@@ -54,28 +55,64 @@ void appendMatchingEntries(const std::string& folder, std::string_view component
   }
 }
 
+// The folders a candidate was found inside, innermost first (a shared chain:
+// candidates found in one folder share its tail).
+struct Inside {
+  dev_t dev;
+  ino_t ino;
+  std::shared_ptr<const Inside> outer;
+};
+
+struct Candidate {
+  std::string path;
+  std::shared_ptr<const Inside> inside;
+};
+
+// The chain for descending into `folder`; none when it is no folder, or when
+// it is a folder the search is already inside (a link back to an ancestor):
+// going in again would only find the same entries under longer names, again
+// and again.
+std::optional<std::shared_ptr<const Inside>> enter(const Candidate& folder) {
+  struct stat st;
+  if (::stat(folder.path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return std::nullopt;
+  for (const Inside* f = folder.inside.get(); f; f = f->outer.get())
+    if (f->dev == st.st_dev && f->ino == st.st_ino) return std::nullopt;
+  return std::make_shared<const Inside>(Inside{st.st_dev, st.st_ino, folder.inside});
+}
+
 std::vector<std::string> expand(const std::string& pattern,
                                 const std::optional<std::string>& basePath) {
   if (pattern.find('*') == std::string::npos) {
     return {basePath ? kd::path::append(*basePath, pattern) : pattern};
   }
   const std::string start = basePath ? *basePath : std::string("/");
-  std::vector<std::string> candidates{start};
+  std::vector<Candidate> candidates{{start, nullptr}};
   for (const std::string& component : kd::path::components(pattern)) {
-    std::vector<std::string> next;
-    if (component.find('*') != std::string::npos) {
-      for (const std::string& folder : candidates) appendMatchingEntries(folder, component, next);
-    } else if (component == "/") {
-      next.push_back(start);
+    std::vector<Candidate> next;
+    if (component == "/") {
+      next.push_back({start, nullptr});
     } else {
-      for (const std::string& folder : candidates) {
-        std::string joined = kd::path::append(folder, component);
-        if (existsAt(joined)) next.push_back(std::move(joined));
+      const bool wildcard = component.find('*') != std::string::npos;
+      std::vector<std::string> found;
+      for (const Candidate& folder : candidates) {
+        auto inside = enter(folder);
+        if (!inside) continue;
+        found.clear();
+        if (wildcard) {
+          appendMatchingEntries(folder.path, component, found);
+        } else {
+          std::string joined = kd::path::append(folder.path, component);
+          if (existsAt(joined)) found.push_back(std::move(joined));
+        }
+        for (auto& path : found) next.push_back({std::move(path), *inside});
       }
     }
     candidates = std::move(next);
   }
-  return candidates;
+  std::vector<std::string> matches;
+  matches.reserve(candidates.size());
+  for (auto& c : candidates) matches.push_back(std::move(c.path));
+  return matches;
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "helper/FerrimoVolumeChecker.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -10,38 +9,9 @@
 #include <vector>
 
 #include "common/Path.h"
-#include "files/KdFileManager.h"
+#include "files/WildcardSearch.h"
 
 namespace {
-
-struct DirCloser {
-  void operator()(DIR* d) const { closedir(d); }
-};
-using DirHandle = std::unique_ptr<DIR, DirCloser>;
-
-// Calls `visit(name)` for each entry of `folder` (hidden ones included, "."
-// and ".." left out) until it returns true. A folder that cannot be read has
-// no entries. Returns whether some visit returned true.
-template <class Visit>
-bool anyEntry(const std::string& folder, Visit&& visit) {
-  DirHandle dir(::opendir(folder.c_str()));
-  if (!dir) return false;
-  while (const dirent* entry = ::readdir(dir.get())) {
-    const std::string_view name(entry->d_name);
-    if (name == "." || name == "..") continue;
-    if (visit(name)) return true;
-  }
-  return false;
-}
-
-std::vector<std::string> listFolder(const std::string& folder) {
-  std::vector<std::string> names;
-  anyEntry(folder, [&](std::string_view name) {
-    names.emplace_back(name);
-    return false;
-  });
-  return names;
-}
 
 // Follows symbolic links, as the volume's own lookups would.
 bool exists(const std::string& path) {
@@ -49,12 +19,17 @@ bool exists(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0;
 }
 
-bool contains(const std::vector<std::string>& names, std::string_view wanted) {
-  return std::find(names.begin(), names.end(), wanted) != names.end();
+using Listing = std::vector<kd::WildcardSearch::Entry>;
+
+bool contains(const Listing& entries, std::string_view wanted) {
+  return std::any_of(entries.begin(), entries.end(),
+                     [&](const auto& entry) { return entry.name == wanted; });
 }
 
-bool hasMatch(const std::string& pattern) {
-  return !KdFileManager::filesMatchingWildcardPath(pattern).empty();
+template <class Test>
+bool anyName(const Listing& entries, Test&& test) {
+  return std::any_of(entries.begin(), entries.end(),
+                     [&](const auto& entry) { return test(std::string_view(entry.name)); });
 }
 
 // The first `count` characters (UTF-8 sequences) of `s`; absent when `s` is
@@ -71,9 +46,9 @@ std::optional<std::string_view> leadingChars(std::string_view s, int count) {
 
 // The folder named like the volume, holding the project files and a clip
 // whose name starts like the volume's.
-bool hasNamedProjectFolder(const std::string& volumePath, const std::string& volumeName,
-                           const std::vector<std::string>& rootListing) {
-  if (!contains(rootListing, volumeName)) return false;
+bool hasNamedProjectFolder(kd::WildcardSearch& card, const std::string& volumePath,
+                           const std::string& volumeName) {
+  if (!contains(card.list(volumePath), volumeName)) return false;
   const std::string folder = volumePath + "/" + volumeName;
   const std::string stem = folder + "/" + volumeName;
   const bool hasProject = exists(stem + "_FCP.xml") || exists(stem + "_AVID.ale");
@@ -81,31 +56,34 @@ bool hasNamedProjectFolder(const std::string& volumePath, const std::string& vol
   // A name of fewer than four characters has no four-character prefix: no match.
   const std::optional<std::string_view> prefix = leadingChars(volumeName, 4);
   if (!prefix) return false;
-  return anyEntry(folder, [&](std::string_view name) {
+  return anyName(card.list(folder), [&](std::string_view name) {
     return name.starts_with(*prefix) && name.ends_with(".mov");
   });
 }
 
 std::int64_t detect(const std::string& volumePath) {
   const std::string volumeName = kd::path::lastComponent(volumePath);
-  const std::vector<std::string> rootListing = listFolder(volumePath);
+  // One search for the whole detection: each folder is listed once, whichever
+  // tests look at it, and links back into the card cost nothing twice.
+  kd::WildcardSearch card;
+  const Listing& root = card.list(volumePath);
 
   if (exists(volumePath + "/CONTENTS/LASTCLIP.TXT")) return 0;
-  if (std::any_of(rootListing.begin(), rootListing.end(),
-                  [](const std::string& name) { return kd::path::extension(name) == "RDM"; }))
+  if (anyName(root, [](std::string_view name) { return kd::path::extension(name) == "RDM"; }))
     return 1;
   if (exists(volumePath + "/MEDIAPRO.XML")) return 2;
-  if (contains(rootListing, "BPAV")) return 3;
+  if (contains(root, "BPAV")) return 3;
   if (exists(volumePath + "/PRIVATE/AVCHD") || exists(volumePath + "/AVCHD")) return 4;
-  if (anyEntry(volumePath + "/DCIM",
-               [](std::string_view name) { return name.starts_with("100EOS"); }))
+  if (anyName(card.list(volumePath + "/DCIM"),
+              [](std::string_view name) { return name.starts_with("100EOS"); }))
     return 5;
-  if (hasNamedProjectFolder(volumePath, volumeName, rootListing)) return 6;
-  if (exists(volumePath + "/CONTENTS") && hasMatch(volumePath + "/CONTENTS/CLIPS*/*/*.MXF"))
+  if (hasNamedProjectFolder(card, volumePath, volumeName)) return 6;
+  if (exists(volumePath + "/CONTENTS") && card.anyMatch(volumePath + "/CONTENTS/CLIPS*/*/*.MXF"))
     return 7;
-  if (exists(volumePath + "/hs_param.bin") || hasMatch(volumePath + "/*/hs_param.bin")) return 8;
+  if (exists(volumePath + "/hs_param.bin") || card.anyMatch(volumePath + "/*/hs_param.bin"))
+    return 8;
   // The name test comes first so that other volumes cost no extra listing.
-  if (volumeName.starts_with("DJI_") && hasMatch(volumePath + "/????_????_????????_*/*.mov"))
+  if (volumeName.starts_with("DJI_") && card.anyMatch(volumePath + "/????_????_????????_*/*.mov"))
     return 9;
   return FerrimoVolumeChecker::kUnknownLayout;
 }

@@ -12,6 +12,7 @@
 
 #include "common/UniqueFd.h"
 #include "files/KdFileManager.h"
+#include "files/WildcardSearch.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -82,6 +83,31 @@ TEST_F(WildcardTree, ExpandsLevelByLevel) {
                   ::testing::UnorderedElementsAreArray(expected));
     }
   }
+}
+
+// A card full of links back into itself: matching never goes through a folder
+// it is already inside, and the first-match search reads each folder once.
+TEST_F(WildcardTree, LinksBackIntoTheCardCostNothingTwice) {
+  const std::string contents = vol + "/CONTENTS";
+  for (int i = 0; i < 400; ++i)
+    ASSERT_EQ(symlink(".", (contents + "/CLIPS" + std::to_string(1000 + i)).c_str()), 0);
+  ASSERT_EQ(symlink("..", (contents + "/CLIPS001/C0002/up").c_str()), 0);
+  EXPECT_THAT(KdFileManager::filesMatchingWildcardPath(contents + "/CLIPS*/*/*.MXF"),
+              ::testing::ElementsAre(contents + "/CLIPS001/C0001/C0001.MXF"));
+  // A link to a folder that is not an ancestor is still followed.
+  EXPECT_THAT(
+      KdFileManager::filesMatchingWildcardPath(vol + "/*/hs_param.bin"),
+      ::testing::UnorderedElementsAre(vol + "/sub/hs_param.bin", vol + "/linkdir/hs_param.bin"));
+
+  kd::WildcardSearch search;
+  EXPECT_TRUE(search.anyMatch(contents + "/CLIPS*/*/*.MXF"));
+  EXPECT_FALSE(search.anyMatch(contents + "/CLIPS*/*/*.mxf"));
+  EXPECT_FALSE(search.anyMatch(contents + "/CLIPS*/*/*/*/*.mxf"));
+  // CONTENTS, CLIPS001, CLIPS002, C0001, C0002 and the card below "up": each once.
+  EXPECT_LE(search.listingsRead(), 6u);
+  EXPECT_TRUE(search.anyMatch(vol + "/*/hs_param.bin"));
+  EXPECT_FALSE(search.anyMatch(vol + "/*/missing.bin"));
+  EXPECT_LE(search.listingsRead(), 8u);
 }
 
 TEST_F(WildcardTree, DecodeFallsBackToTheJoinedPattern) {

@@ -71,6 +71,24 @@ TEST(VerifyVolumeType, RecognisesEachLayoutInOrder) {
   EXPECT_EQ(FerrimoVolumeChecker::verifyVolumeType(tmp / "missing"), -1);
 }
 
+// Links back into the card (400 "CLIPSn -> ." in CONTENTS) neither hide a
+// layout nor make one up, and detection stays linear in the card's size.
+TEST(VerifyVolumeType, LinksBackIntoTheCard) {
+  kd::test::TempDir tmp;
+  const std::vector<std::string> volumes =
+      build(tmp, {{"CARD", {"CONTENTS/"}, -1}, {"CARD", {kMxf}, 7}, {"DJI_1", {kDjiClip}, 9}});
+  for (const std::string& contents : {volumes[0] + "/CONTENTS", volumes[1] + "/CONTENTS"})
+    for (int i = 0; i < 400; ++i)
+      ASSERT_EQ(symlink(".", (contents + "/CLIPS" + std::to_string(1000 + i)).c_str()), 0);
+  for (int i = 0; i < 400; ++i)
+    ASSERT_EQ(
+        symlink(".", (volumes[2] + "/1234_5678_" + std::to_string(30000000 + i) + "_L").c_str()),
+        0);
+  EXPECT_EQ(FerrimoVolumeChecker::verifyVolumeType(volumes[0]), -1);
+  EXPECT_EQ(FerrimoVolumeChecker::verifyVolumeType(volumes[1]), 7);
+  EXPECT_EQ(FerrimoVolumeChecker::verifyVolumeType(volumes[2]), 9);
+}
+
 TEST(VerifyVolumeType, UnreadableFoldersCountAsEmpty) {
   kd::test::TempDir tmp;
   umask(022);  // folders the nobody user can pass through
