@@ -12,6 +12,7 @@
 #include <benchmark/benchmark.h>
 
 #include "files/KdFileManager.h"
+#include "files/WildcardSearch.h"
 #include "helper/FerrimoVolumeChecker.h"
 
 namespace {
@@ -96,6 +97,36 @@ void BM_VerifyVolumeType_LargeCard(benchmark::State& state, const char* name) {
 BENCHMARK_CAPTURE(BM_VerifyVolumeType_LargeCard, unknown, "CARD")->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_VerifyVolumeType_LargeCard, unknown_dji_name, "DJI_CARD")
     ->Unit(benchmark::kMillisecond);
+
+// A card whose CONTENTS holds 400 links back to itself ("CLIPSn -> .") and
+// no clips: test 7's pattern must not cost the cube of the link count.
+std::string loopCard() {
+  const std::string card = trees().root() + "/LOOPS";
+  if (::mkdir(card.c_str(), 0755) != 0) return card;
+  ::mkdir((card + "/CONTENTS").c_str(), 0755);
+  for (int i = 0; i < 400; ++i)
+    (void)::symlink(".", (card + "/CONTENTS/CLIPS" + std::to_string(1000 + i)).c_str());
+  return card;
+}
+
+void BM_VerifyVolumeType_LinkLoops(benchmark::State& state) {
+  const std::string card = loopCard();
+  for (auto _ : state) benchmark::DoNotOptimize(FerrimoVolumeChecker::verifyVolumeType(card));
+  state.counters["links"] = 400;
+}
+BENCHMARK(BM_VerifyVolumeType_LinkLoops)->Unit(benchmark::kMillisecond);
+
+// The yardstick for the large card: one plain listing of its root (names and
+// types, as the detector reads them).
+void BM_PlainRootListing(benchmark::State& state) {
+  const std::string card = largeCard("CARD");
+  for (auto _ : state) {
+    kd::WildcardSearch listing;
+    benchmark::DoNotOptimize(listing.list(card).size());
+  }
+  state.counters["root_entries"] = kRootEntries;
+}
+BENCHMARK(BM_PlainRootListing)->Unit(benchmark::kMillisecond);
 
 // A literal level in the middle costs one lookup per candidate.
 void BM_WildcardDeepPattern(benchmark::State& state) {

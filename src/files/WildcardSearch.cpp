@@ -60,23 +60,30 @@ bool WildcardSearch::anyMatch(const std::string& pattern) {
     rest.insert(0, parts.names[i] + "/");
     parts.restIds[i] = restIds_.try_emplace(rest, restIds_.size()).first->second;
   }
-  return search("/", parts, 0);
+  return search("/", parts, 0, false);
 }
 
-// Whether parts[i...] has a match inside `folder`, an existing path.
-bool WildcardSearch::search(const std::string& folder, const Parts& parts, std::size_t i) {
+// Whether parts[i...] has a match inside `folder`. `listedFolder` says that
+// `folder` was listed as a real folder (not a link) by its parent: it then
+// needs no look, and it can be reached by no other path than through its
+// parent, so only the other ways in (the start, links, literal components)
+// are remembered.
+bool WildcardSearch::search(const std::string& folder, const Parts& parts, std::size_t i,
+                            bool listedFolder) {
   if (i == parts.names.size()) return true;
-  struct stat st;
-  if (::stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
-  // Searched before from here with the same rest of the pattern: it had no
-  // match then (else the search would have ended), so it has none now.
-  if (!searched_.emplace(st.st_dev, st.st_ino, parts.restIds[i]).second) return false;
+  if (!listedFolder) {
+    struct stat st;
+    if (::stat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
+    // Searched before from here with the same rest of the pattern: it had no
+    // match then (else the search would have ended), so it has none now.
+    if (!searched_.emplace(st.st_dev, st.st_ino, parts.restIds[i]).second) return false;
+  }
 
   const std::string& part = parts.names[i];
   const bool last = i + 1 == parts.names.size();
   if (part.find('*') == std::string::npos) {
     const std::string joined = path::append(folder, part);
-    return last ? exists(joined) : search(joined, parts, i + 1);
+    return last ? exists(joined) : search(joined, parts, i + 1, false);
   }
   for (const Entry& entry : list(folder)) {
     if (!KdFileManager::nameMatchesWildcard(entry.name, part)) continue;
@@ -85,7 +92,7 @@ bool WildcardSearch::search(const std::string& folder, const Parts& parts, std::
       // A listed entry exists; a link must point at something.
       if (entry.type != DT_LNK && entry.type != DT_UNKNOWN) return true;
       if (exists(joined)) return true;
-    } else if (mayBeFolder(entry.type) && search(joined, parts, i + 1)) {
+    } else if (mayBeFolder(entry.type) && search(joined, parts, i + 1, entry.type == DT_DIR)) {
       return true;
     }
   }

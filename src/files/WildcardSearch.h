@@ -51,7 +51,7 @@ class WildcardSearch {
     std::vector<std::string> names;
     std::vector<std::size_t> restIds;
   };
-  bool search(const std::string& folder, const Parts& parts, std::size_t i);
+  bool search(const std::string& folder, const Parts& parts, std::size_t i, bool listedFolder);
 
   std::map<FolderId, std::vector<Entry>> byId_;
   std::map<std::string, const std::vector<Entry>*> byPath_;
