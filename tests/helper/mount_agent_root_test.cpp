@@ -79,3 +79,45 @@ TEST(MountAgentRoot, RunsTheHelperOnceAtStartAndOncePerNewMount) {
   waitpid(agent, &status, 0);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "stops cleanly on SIGTERM";
 }
+
+// The agent's lock outside a runtime folder lies in a private folder of the
+// user below /tmp; a folder someone else made (or a link) there is refused,
+// so nobody can keep another user's agent from starting or steer its lock.
+TEST(MountAgentRoot, LockFolderBelowTmpMustBeTheUsersOwn) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to make a folder for another user";
+  const std::string folder = "/tmp/kd-agent-lock-" + std::to_string(getpid());
+  const std::string lock = folder + "/agent.lock";
+  TempDir dir;
+  auto runAgent = [&](bool stopSoon) {
+    std::vector<std::string> args{KD_AGENT_PATH, "--helper", "/bin/true", "--app-dir",
+                                  dir.path(),    "--lock",   lock,        "--no-setup"};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    if (posix_spawn(&pid, KD_AGENT_PATH, nullptr, nullptr, argv.data(), environ) != 0) return -1;
+    if (stopSoon) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      kill(pid, SIGTERM);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+
+  ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
+  ASSERT_EQ(chown(folder.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(runAgent(false), 1) << "a folder of another user";
+  rmdir(folder.c_str());
+  ASSERT_EQ(symlink(dir.path().c_str(), folder.c_str()), 0);
+  EXPECT_EQ(runAgent(false), 1) << "a link";
+  unlink(folder.c_str());
+
+  EXPECT_EQ(runAgent(true), 0) << "its own folder, made private";
+  struct stat st {};
+  ASSERT_EQ(lstat(folder.c_str(), &st), 0);
+  EXPECT_TRUE(S_ISDIR(st.st_mode));
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  unlink(lock.c_str());
+  rmdir(folder.c_str());
+}

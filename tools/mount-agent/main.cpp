@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
@@ -36,10 +37,32 @@ std::string defaultAppDir() {
     data = "/tmp";
   return kd::path::append(data, "ferrimo/Ferrimo.app");
 }
+// The lock lives in the user's runtime folder. Without one, in a folder of the
+// user's own below /tmp: a lock file at a name anyone can predict in /tmp
+// could be created first by another user to keep this user's agent from
+// starting.
 std::string defaultLock() {
   if (const char* r = std::getenv("XDG_RUNTIME_DIR"); r && *r == '/')
     return kd::path::append(r, "ferrimo-mount-agent.lock");
-  return "/tmp/ferrimo-mount-agent-" + std::to_string(getuid()) + ".lock";
+  return "/tmp/ferrimo-mount-agent-" + std::to_string(getuid()) + "/agent.lock";
+}
+
+// Makes sure the folder of a lock below /tmp is this user's private folder.
+bool privateLockFolder(const std::string& lockPath, std::string& error) {
+  if (!lockPath.starts_with("/tmp/")) return true;
+  const std::string folder = kd::path::deletingLastComponent(lockPath);
+  if (folder == "/tmp") return true;
+  if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+    error = folder + ": " + std::strerror(errno);
+    return false;
+  }
+  struct stat st {};
+  if (lstat(folder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_uid != getuid() ||
+      (st.st_mode & 077) != 0) {
+    error = folder + " is not a private folder of this user";
+    return false;
+  }
+  return true;
 }
 }  // namespace
 
@@ -74,7 +97,13 @@ int main(int argc, char** argv) {
   }
   options.runSetup = !noSetup;
 
-  kd::UniqueFd lock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  std::string lockError;
+  if (!privateLockFolder(lockPath, lockError)) {
+    std::cerr << "ferrimo-mount-agent: cannot use lock file " << lockPath << ": " << lockError
+              << std::endl;
+    return 1;
+  }
+  kd::UniqueFd lock(open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (!lock) {
     std::cerr << "ferrimo-mount-agent: cannot open lock file " << lockPath << ": "
               << std::strerror(errno) << std::endl;
