@@ -4,7 +4,9 @@ target_compile_features(kd_options INTERFACE cxx_std_20)
 target_compile_options(kd_options INTERFACE -Wall -Wextra -Wpedantic -Wno-unused-parameter)
 target_compile_definitions(kd_options INTERFACE KD_VERSION="${PROJECT_VERSION}" _GNU_SOURCE)
 if(KD_SANITIZE)
-  target_compile_options(kd_options INTERFACE -fsanitize=${KD_SANITIZE} -fno-omit-frame-pointer -g)
+  # A finding fails the test that caused it instead of scrolling past.
+  target_compile_options(kd_options INTERFACE -fsanitize=${KD_SANITIZE} -fno-sanitize-recover=all
+                                              -fno-omit-frame-pointer -g)
   target_link_options(kd_options INTERFACE -fsanitize=${KD_SANITIZE})
 endif()
 

@@ -12,6 +12,8 @@ Platform& platform() {
   return p ? *p : nativePlatform();
 }
 
-void setPlatformForTesting(Platform* fake) { gOverride.store(fake, std::memory_order_release); }
+void setPlatformForTesting(Platform* fake) {
+  gOverride.store(fake, std::memory_order_release);
+}
 
 }  // namespace kd

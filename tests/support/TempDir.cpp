@@ -17,7 +17,9 @@ TempDir::TempDir() {
   path_ = templ;
 }
 
-TempDir::~TempDir() { removeTree(path_); }
+TempDir::~TempDir() {
+  removeTree(path_);
+}
 
 std::string TempDir::operator/(std::string_view relative) const {
   return path_ + "/" + std::string(relative);
@@ -39,7 +41,8 @@ std::string TempDir::touch(std::string_view relative, std::string_view contents)
 void removeTree(const std::string& path) {
   std::error_code ec;
   // Make unreadable folders readable again so that they can be removed.
-  for (auto it = fs::recursive_directory_iterator(path, fs::directory_options::skip_permission_denied, ec);
+  for (auto it = fs::recursive_directory_iterator(
+           path, fs::directory_options::skip_permission_denied, ec);
        !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (it->is_directory(ec) && !it->is_symlink(ec))
       fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);

@@ -20,7 +20,9 @@ inline int addCommand(CommandSetup setup) {
 
 // Ends the command with an exit status other than 0 (CLI11 turns it into the
 // process's exit status in main).
-[[noreturn]] inline void exitWith(int status) { throw CLI::RuntimeError(status); }
+[[noreturn]] inline void exitWith(int status) {
+  throw CLI::RuntimeError(status);
+}
 
 }  // namespace kd::tool
 
