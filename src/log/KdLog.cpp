@@ -130,11 +130,6 @@ bool pathExists(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0;
 }
 
-bool isDirectory(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 std::string demangledName(const char* mangled) {
   int status = 0;
   char* d = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
@@ -415,12 +410,15 @@ void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
 
   std::optional<std::string> folder = logFolder();
   std::optional<std::string> current = currentLogPath(appName);
-  if (!folder || !isDirectory(*folder)) {
-    // Private to the user, and the user's own even when a root run makes it.
-    if (!folder || !kd::createFolders(*folder, 0700, kd::ownerForUserPath(*folder))) {
-      printToStdout(kd::format("Unable to create folder %s.\n", folder));
-      return;
-    }
+  // Private to the user, and the user's own even when a root run makes it. A
+  // root run rotates files only in a folder that is the user's own: a link
+  // the user placed there cannot make root move or remove files elsewhere.
+  const std::optional<kd::FileOwner> owner = folder ? kd::ownerForUserPath(*folder) : std::nullopt;
+  struct stat folderStat {};
+  if (!folder || !kd::createFolders(*folder, 0700, owner) ||
+      (owner && (::stat(folder->c_str(), &folderStat) != 0 || folderStat.st_uid != owner->uid))) {
+    printToStdout(kd::format("Unable to create folder %s.\n", folder));
+    return;
   }
 
   if (current && pathExists(*current)) {
