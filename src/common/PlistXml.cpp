@@ -272,6 +272,8 @@ class XmlReader {
         pos_ = end + 3;
       } else if (startsWith("<!--")) {
         if (!skipPast("-->")) return false;
+      } else if (startsWith("<?")) {
+        if (!skipPast("?>")) return false;
       } else {
         Tag tag;
         if (!readTag(tag)) return false;
@@ -363,7 +365,10 @@ class XmlReader {
   }
 
   bool document() {
-    if (in_.find('\0') != std::string_view::npos) return fail("a NUL byte");
+    if (const std::size_t nul = in_.find('\0'); nul != std::string_view::npos) {
+      pos_ = nul;
+      return fail("a NUL byte");
+    }
     if (!utf8::isValid(in_)) return fail("text that is not UTF-8");
     if (startsWith("\xEF\xBB\xBF")) pos_ += 3;
     Tag tag;
@@ -456,24 +461,23 @@ class XmlWriter {
   // refused rather than altered (the binary form holds it).
   bool text(std::string_view s) {
     if (!utf8::isValid(s)) return fail("text that is not UTF-8");
+    std::size_t run = 0;  // start of the characters not yet copied
     for (std::size_t i = 0; i < s.size(); ++i) {
       const auto c = static_cast<unsigned char>(s[i]);
-      if (c == '&') {
-        out_ += "&amp;";
-      } else if (c == '<') {
-        out_ += "&lt;";
-      } else if (c == '>') {
-        out_ += "&gt;";
-      } else if (c == '\r') {
-        out_ += "&#13;";
-      } else if ((c < 0x20 && c != '\t' && c != '\n') ||
-                 (c == 0xEF && s.substr(i + 1, 1) == "\xBF" &&
-                  (s[i + 2] == '\xBE' || s[i + 2] == '\xBF'))) {
+      const char* escaped = c == '&'    ? "&amp;"
+                            : c == '<'  ? "&lt;"
+                            : c == '>'  ? "&gt;"
+                            : c == '\r' ? "&#13;"
+                                        : nullptr;
+      if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') ||
+          (c == 0xEF && s.substr(i + 1, 1) == "\xBF" && (s[i + 2] == '\xBE' || s[i + 2] == '\xBF')))
         return fail("a character XML 1.0 cannot carry (the binary form can)");
-      } else {
-        out_ += static_cast<char>(c);
+      if (escaped) {
+        out_.append(s.substr(run, i - run)).append(escaped);
+        run = i + 1;
       }
     }
+    out_.append(s.substr(run));
     return true;
   }
 
@@ -528,6 +532,7 @@ class XmlWriter {
       return true;
     }
     out_ += "<dict>\n";
+    const std::string outer = where_;
     for (const auto& [key, value] : d) {
       where_ = key;
       indent(level + 1);
@@ -536,6 +541,7 @@ class XmlWriter {
       out_ += "</key>\n";
       if (!this->value(value, level + 1)) return false;
     }
+    where_ = outer;
     indent(level);
     out_ += "</dict>\n";
     return true;

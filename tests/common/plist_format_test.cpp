@@ -12,6 +12,7 @@
 #include "support/TempDir.h"
 
 using namespace kd;
+using namespace std::string_literals;
 using kd::test::TempDir;
 
 namespace {
@@ -185,8 +186,7 @@ TEST(PlistFormat, HostileInputIsDamagedNeverACrashOrAHang) {
     std::string bytes;
   } cases[] = {
       {"empty file", ""},
-      {"NUL in an XML string",
-       std::string("<plist><dict><key>a</key><string>x\0y</string></dict></plist>", 62)},
+      {"NUL in an XML string", "<plist><dict><key>a</key><string>x\0y</string></dict></plist>"s},
       {"NUL by reference", dictOfK + "<string>&#0;</string></dict></plist>"},
       {"control character by reference", dictOfK + "<string>&#x1;</string></dict></plist>"},
       {"unknown entity", dictOfK + "<string>&nbsp;</string></dict></plist>"},

@@ -14,6 +14,7 @@
 #include "support/TempDir.h"
 
 using namespace kd;
+using namespace std::string_literals;
 using kd::test::readFile;
 using kd::test::ScopedEnv;
 using kd::test::TempDir;
@@ -56,8 +57,7 @@ TEST(PropertyList, HostileOrMissingFilesGiveNoDictionary) {
       {"bad binary", std::string("bplist00\xff\xff\xff", 11)},
       {"deep",
        std::string("<?xml version=\"1.0\"?><plist><dict><key>a</key>") + std::string(5000, '[')},
-      {"NUL in a string",
-       std::string("<plist><dict><key>a</key><string>x\0y</string></dict></plist>", 62)},
+      {"NUL in a string", "<plist><dict><key>a</key><string>x\0y</string></dict></plist>"s},
   };
   for (const auto& c : cases) {
     std::string path = dir.touch(c.name, c.contents);
