@@ -4,7 +4,7 @@ set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
           libplist-dev libssl-dev libarchive-dev libmount-dev libcli11-dev libsystemd-dev
           libgtest-dev libgmock-dev libbenchmark-dev
-          util-linux passwd sudo procps)
+          util-linux passwd sudo procps libxml2-utils)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,14 +1,22 @@
 #include "common/PropertyList.h"
 
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 
+#include "common/AtomicFile.h"
+
+#include "support/ScopedEnv.h"
 #include "support/TempDir.h"
 
 using namespace kd;
+using namespace std::string_literals;
 using kd::test::readFile;
+using kd::test::ScopedEnv;
 using kd::test::TempDir;
 
 TEST(PropertyList, RoundTripsEveryValueType) {
@@ -49,6 +57,7 @@ TEST(PropertyList, HostileOrMissingFilesGiveNoDictionary) {
       {"bad binary", std::string("bplist00\xff\xff\xff", 11)},
       {"deep",
        std::string("<?xml version=\"1.0\"?><plist><dict><key>a</key>") + std::string(5000, '[')},
+      {"NUL in a string", "<plist><dict><key>a</key><string>x\0y</string></dict></plist>"s},
   };
   for (const auto& c : cases) {
     std::string path = dir.touch(c.name, c.contents);
@@ -105,4 +114,101 @@ TEST(PropertyList, ReadsBinaryFiles) {
   ASSERT_TRUE(d);
   EXPECT_EQ(*d->at("k").get<std::string>(), "v");
   EXPECT_EQ(*d->at("n").get<std::int64_t>(), 1);
+}
+
+TEST(PropertyList, FileStatusesSayWhatIsThere) {
+  TempDir dir;
+  const std::string xml = dir.touch("ok.plist", plistDictionaryToXml({{"k", "v"}}));
+  const std::string bin = dir / "bin.plist";
+  ASSERT_TRUE(writePlistFileAtomically({{"k", "v"}}, bin, PlistFormat::Binary));
+  const std::string fifo = dir / "fifo.plist";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0644), 0);
+  std::filesystem::create_symlink(xml, dir / "link.plist");
+  std::filesystem::create_symlink(dir / "gone", dir / "dangling.plist");
+  struct Case {
+    std::string path;
+    PlistReadStatus status;
+    bool followLinks = true;
+    PlistFormat format = PlistFormat::Xml;
+  } cases[] = {
+      {xml, PlistReadStatus::Ok},
+      {bin, PlistReadStatus::Ok, true, PlistFormat::Binary},
+      {dir / "link.plist", PlistReadStatus::Ok},
+      {dir / "link.plist", PlistReadStatus::Unreadable, false},
+      {dir / "missing.plist", PlistReadStatus::Missing},
+      {dir / "dangling.plist", PlistReadStatus::Missing},
+      {dir / "ok.plist/below", PlistReadStatus::Missing},
+      {dir.path(), PlistReadStatus::Unreadable},
+      {fifo, PlistReadStatus::Unreadable},  // and at once: nobody writes to it
+      {"/dev/null", PlistReadStatus::Unreadable},
+      {dir.touch("damaged.plist", "<plist><dict>"), PlistReadStatus::Damaged},
+      {dir.touch("damaged.bplist", "bplist00"), PlistReadStatus::Damaged, true,
+       PlistFormat::Binary},
+  };
+  for (const auto& c : cases) {
+    PlistFile file = readPlistFile(c.path, c.followLinks);
+    EXPECT_EQ(file.status, c.status) << c.path << ": " << file.reason;
+    EXPECT_EQ(file.format, c.format) << c.path;
+    EXPECT_EQ(file.status == PlistReadStatus::Ok, file.reason.empty()) << c.path;
+    if (c.status == PlistReadStatus::Ok) {
+      EXPECT_EQ(*file.dict.at("k").get<std::string>(), "v");
+    }
+  }
+}
+
+TEST(PropertyList, AFileTheUserCannotReadIsUnreadableNotMissing) {
+  TempDir dir;
+  ASSERT_EQ(chmod(dir.path().c_str(), 0755), 0);
+  const std::string path = dir.touch("locked.plist", plistDictionaryToXml({{"k", "v"}}));
+  ASSERT_EQ(chmod(path.c_str(), 0), 0);
+  // A child as the user nobody (root reads any file): exit code = status.
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
+                           setresuid(65534, 65534, 65534) != 0))
+      _exit(255);
+    _exit(static_cast<int>(readPlistFile(path).status));
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  if (WEXITSTATUS(status) == 255) GTEST_SKIP() << "cannot switch to the user nobody (uid 65534)";
+  EXPECT_EQ(WEXITSTATUS(status), static_cast<int>(PlistReadStatus::Unreadable));
+}
+
+TEST(PropertyList, A70MegabyteFileReadsAndWritesBackUnchanged) {
+  // In memory where there is a memory file system: syncing 140 MB to a disk
+  // would cost seconds and prove nothing here.
+  std::optional<ScopedEnv> tmp;
+  if (access("/dev/shm", W_OK) == 0)
+    tmp.emplace(std::vector<std::string>{"TMPDIR"}, std::vector<ScopedEnv::Value>{"/dev/shm"});
+  TempDir dir;
+  PlistData blob;
+  blob.bytes.resize(52u << 20);
+  for (std::size_t i = 0; i < blob.bytes.size(); ++i)
+    blob.bytes[i] = static_cast<std::uint8_t>(i * 2654435761u >> 13);
+  PlistArray list;
+  for (int i = 0; i < 10000; ++i) list.push_back("entry " + std::to_string(i));
+  const PlistDict dict{{"blob", std::move(blob)}, {"list", std::move(list)}};
+  const std::string first = dir / "a.plist", second = dir / "b.plist";
+  ASSERT_TRUE(writePlistFileAtomically(dict, first, PlistFormat::Xml));
+  ASSERT_GT(std::filesystem::file_size(first), 70u * 1000 * 1000);
+  PlistFile file = readPlistFile(first);
+  ASSERT_EQ(file.status, PlistReadStatus::Ok) << file.reason;
+  EXPECT_TRUE(file.dict == dict);
+  ASSERT_TRUE(writePlistFileAtomically(file.dict, second, file.format));
+  EXPECT_TRUE(readFile(first) == readFile(second)) << "written back byte for byte";
+}
+
+TEST(PropertyList, WritesForAnotherOwner) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root gives files away";
+  TempDir dir;
+  const FileOwner nobody{65534, 65534};
+  const std::string path = dir / "x.plist";
+  ASSERT_TRUE(writePlistFileAtomically({{"k", 1}}, path, PlistFormat::Binary, nullptr, nobody));
+  struct stat st {};
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, 65534u);
+  EXPECT_EQ(st.st_gid, 65534u);
+  EXPECT_EQ(readPlistFile(path).format, PlistFormat::Binary);
 }

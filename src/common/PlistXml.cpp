@@ -1,0 +1,612 @@
+// The XML form: a reader that keeps its open containers on a stack of its own
+// (no recursion, so no depth of input can exhaust the thread's stack) and a
+// writer whose text strict XML 1.0 readers accept.
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+#include <vector>
+
+#include "common/DateText.h"
+#include "common/PlistCodec.h"
+#include "common/Utf8.h"
+
+namespace kd::plist {
+
+namespace {
+
+bool isXmlSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+std::string_view trimmed(std::string_view s) {
+  while (!s.empty() && isXmlSpace(s.front())) s.remove_prefix(1);
+  while (!s.empty() && isXmlSpace(s.back())) s.remove_suffix(1);
+  return s;
+}
+
+// Days since 1970-01-01 of a date of the proleptic Gregorian calendar (H.
+// Hinnant's algorithm, the inverse of civilFromSeconds).
+constexpr long long daysFromCivil(long long y, unsigned m, unsigned d) {
+  y -= m <= 2;
+  const long long era = (y >= 0 ? y : y - 399) / 400;
+  const unsigned yoe = static_cast<unsigned>(y - era * 400);
+  const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + static_cast<long long>(doe) - 719468;
+}
+
+constexpr char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+int base64Digit(char c) {
+  if (c >= 'A' && c <= 'Z') return c - 'A';
+  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+  if (c >= '0' && c <= '9') return c - '0' + 52;
+  if (c == '+') return 62;
+  if (c == '/') return 63;
+  return -1;
+}
+
+bool decodeBase64(std::string_view text, std::vector<std::uint8_t>& out) {
+  out.reserve(text.size() / 4 * 3);
+  std::uint32_t acc = 0;
+  int bits = 0, padding = 0;
+  for (char c : text) {
+    if (isXmlSpace(c)) continue;
+    if (c == '=') {
+      ++padding;
+      continue;
+    }
+    const int digit = base64Digit(c);
+    if (digit < 0 || padding > 0) return false;
+    acc = (acc << 6) | static_cast<std::uint32_t>(digit);
+    bits += 6;
+    if (bits >= 8) {
+      bits -= 8;
+      out.push_back(static_cast<std::uint8_t>(acc >> bits));
+      acc &= (1u << bits) - 1;
+    }
+  }
+  return bits < 6 && padding <= 2;  // one digit alone carries no whole byte
+}
+
+bool parseInteger(std::string_view text, PlistValue& out) {
+  text = trimmed(text);
+  bool negative = false;
+  if (!text.empty() && (text[0] == '-' || text[0] == '+')) {
+    negative = text[0] == '-';
+    text.remove_prefix(1);
+  }
+  int base = 10;
+  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+    base = 16;
+    text.remove_prefix(2);
+  }
+  std::uint64_t magnitude = 0;
+  const char* end = text.data() + text.size();
+  auto [stop, ec] = std::from_chars(text.data(), end, magnitude, base);
+  if (text.empty() || ec != std::errc() || stop != end) return false;  // overflow included
+  if (!negative) {
+    out = PlistValue(magnitude);
+    return true;
+  }
+  if (magnitude > static_cast<std::uint64_t>(INT64_MAX) + 1) return false;
+  out = PlistValue(static_cast<std::int64_t>(~magnitude + 1));
+  return true;
+}
+
+bool parseReal(std::string_view text, double& out) {
+  text = trimmed(text);
+  std::string word(text);
+  for (char& c : word) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  bool negative = false;
+  std::string_view rest = word;
+  if (!rest.empty() && (rest[0] == '-' || rest[0] == '+')) {
+    negative = rest[0] == '-';
+    rest.remove_prefix(1);
+  }
+  if (rest == "nan") {
+    out = std::nan("");
+  } else if (rest == "inf" || rest == "infinity") {
+    out = HUGE_VAL;
+  } else {
+    const char* end = rest.data() + rest.size();
+    auto [stop, ec] = std::from_chars(rest.data(), end, out, std::chars_format::general);
+    if (rest.empty() || rest[0] == '-' || rest[0] == '+' || ec != std::errc() || stop != end)
+      return false;
+  }
+  if (negative) out = -out;
+  return true;
+}
+
+// "YYYY-MM-DDTHH:MM:SSZ", a real date and time of the years 0-9999.
+bool parseDate(std::string_view text, PlistValue& out) {
+  text = trimmed(text);
+  if (text.size() != 20 || text.substr(4, 1) != "-" || text.substr(7, 1) != "-" ||
+      text.substr(10, 1) != "T" || text.substr(13, 1) != ":" || text.substr(16, 1) != ":" ||
+      text[19] != 'Z')
+    return false;
+  auto number = [&](std::size_t at, std::size_t digits, unsigned& value) {
+    value = 0;
+    for (std::size_t i = at; i < at + digits; ++i) {
+      if (text[i] < '0' || text[i] > '9') return false;
+      value = value * 10 + static_cast<unsigned>(text[i] - '0');
+    }
+    return true;
+  };
+  unsigned year, month, day, hour, minute, second;
+  if (!number(0, 4, year) || !number(5, 2, month) || !number(8, 2, day) || !number(11, 2, hour) ||
+      !number(14, 2, minute) || !number(17, 2, second) || month < 1 || month > 12 || day < 1 ||
+      hour > 23 || minute > 59 || second > 59)
+    return false;
+  const long long since1970 =
+      daysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60 + second;
+  if (civilFromSeconds(since1970).day != day) return false;  // such as February 30
+  out = dateValue(static_cast<double>(since1970 - kReferenceSince1970));
+  return true;
+}
+
+// Reads a document. Open containers live on `stack_`, never on the call stack.
+class XmlReader {
+ public:
+  explicit XmlReader(std::string_view in) : in_(in) {}
+
+  bool read(PlistValue& root, std::string& reason) {
+    if (!document()) {
+      reason = error_;
+      return false;
+    }
+    root = std::move(*result_);
+    return true;
+  }
+
+ private:
+  struct Tag {
+    std::string_view name;
+    bool closing = false;
+    bool empty = false;  // <name/>
+  };
+  struct Frame {
+    PlistValue container;
+    std::string key;
+    bool haveKey = false;
+  };
+
+  bool fail(const std::string& why) {
+    if (error_.empty()) error_ = why + " (at byte " + std::to_string(pos_) + ")";
+    return false;
+  }
+  bool startsWith(std::string_view s) const { return in_.substr(pos_).starts_with(s); }
+  bool skipPast(std::string_view end) {
+    const std::size_t at = in_.find(end, pos_);
+    if (at == std::string_view::npos) return fail("unterminated markup");
+    pos_ = at + end.size();
+    return true;
+  }
+
+  // White space, comments, processing instructions and the document type.
+  bool skipMisc() {
+    for (;;) {
+      while (pos_ < in_.size() && isXmlSpace(in_[pos_])) ++pos_;
+      if (startsWith("<!--")) {
+        if (!skipPast("-->")) return false;
+      } else if (startsWith("<?")) {
+        if (!skipPast("?>")) return false;
+      } else if (startsWith("<!DOCTYPE")) {
+        if (!skipDoctype()) return false;
+      } else {
+        return true;
+      }
+    }
+  }
+  bool skipDoctype() {
+    int brackets = 0;
+    for (; pos_ < in_.size(); ++pos_) {
+      const char c = in_[pos_];
+      if (c == '"' || c == '\'') {
+        const std::size_t close = in_.find(c, pos_ + 1);
+        if (close == std::string_view::npos) break;
+        pos_ = close;
+      } else if (c == '[') {
+        ++brackets;
+      } else if (c == ']') {
+        --brackets;
+      } else if (c == '>' && brackets <= 0) {
+        ++pos_;
+        return true;
+      }
+    }
+    return fail("unterminated document type");
+  }
+
+  bool readTag(Tag& tag) {
+    if (pos_ >= in_.size()) return fail("unexpected end of the document");
+    if (in_[pos_] != '<') return fail("text outside an element");
+    tag = Tag{};
+    ++pos_;
+    if (pos_ < in_.size() && in_[pos_] == '/') {
+      tag.closing = true;
+      ++pos_;
+    }
+    const std::size_t start = pos_;
+    while (pos_ < in_.size() && !isXmlSpace(in_[pos_]) && in_[pos_] != '/' && in_[pos_] != '>')
+      ++pos_;
+    tag.name = in_.substr(start, pos_ - start);
+    if (tag.name.empty()) return fail("malformed tag");
+    while (pos_ < in_.size()) {  // attributes, skipped
+      const char c = in_[pos_];
+      if (c == '"' || c == '\'') {
+        const std::size_t close = in_.find(c, pos_ + 1);
+        if (close == std::string_view::npos) break;
+        pos_ = close + 1;
+      } else if (c == '>') {
+        ++pos_;
+        return true;
+      } else if (c == '/' && !tag.closing && startsWith("/>")) {
+        tag.empty = true;
+        pos_ += 2;
+        return true;
+      } else if (c == '<' || (tag.closing && !isXmlSpace(c))) {
+        return fail("malformed tag");
+      } else {
+        ++pos_;
+      }
+    }
+    return fail("unterminated tag");
+  }
+
+  // The text of the element `name` up to its end tag, references resolved.
+  bool readText(std::string_view name, std::string& out) {
+    for (;;) {
+      const std::size_t stop = in_.find_first_of("<&", pos_);
+      if (stop == std::string_view::npos) return fail("unterminated <" + std::string(name) + ">");
+      out.append(in_.substr(pos_, stop - pos_));
+      pos_ = stop;
+      if (in_[pos_] == '&') {
+        if (!appendReference(out)) return false;
+      } else if (startsWith("<![CDATA[")) {
+        const std::size_t end = in_.find("]]>", pos_ + 9);
+        if (end == std::string_view::npos) return fail("unterminated CDATA section");
+        out.append(in_.substr(pos_ + 9, end - pos_ - 9));
+        pos_ = end + 3;
+      } else if (startsWith("<!--")) {
+        if (!skipPast("-->")) return false;
+      } else if (startsWith("<?")) {
+        if (!skipPast("?>")) return false;
+      } else {
+        Tag tag;
+        if (!readTag(tag)) return false;
+        if (!tag.closing || tag.name != name)
+          return fail("unexpected <" + std::string(tag.name) + "> in <" + std::string(name) + ">");
+        return true;
+      }
+    }
+  }
+
+  bool appendReference(std::string& out) {
+    const std::size_t semicolon = in_.find(';', pos_);
+    if (semicolon == std::string_view::npos || semicolon - pos_ > 12)
+      return fail("malformed reference");
+    const std::string_view ref = in_.substr(pos_ + 1, semicolon - pos_ - 1);
+    if (ref == "lt") {
+      out += '<';
+    } else if (ref == "gt") {
+      out += '>';
+    } else if (ref == "amp") {
+      out += '&';
+    } else if (ref == "quot") {
+      out += '"';
+    } else if (ref == "apos") {
+      out += '\'';
+    } else if (ref.size() > 1 && ref[0] == '#') {
+      const bool hex = ref[1] == 'x';
+      const std::string_view digits = ref.substr(hex ? 2 : 1);
+      std::uint32_t cp = 0;
+      auto [stop, ec] =
+          std::from_chars(digits.data(), digits.data() + digits.size(), cp, hex ? 16 : 10);
+      const bool xmlChar = cp == 0x9 || cp == 0xA || cp == 0xD || (cp >= 0x20 && cp <= 0xD7FF) ||
+                           (cp >= 0xE000 && cp <= 0xFFFD) || (cp >= 0x10000 && cp <= 0x10FFFF);
+      if (digits.empty() || ec != std::errc() || stop != digits.data() + digits.size() || !xmlChar)
+        return fail("character reference to no character XML allows");
+      utf8::appendCodePoint(out, cp);
+    } else {
+      return fail("unknown entity &" + std::string(ref) + ";");
+    }
+    pos_ = semicolon + 1;
+    return true;
+  }
+
+  bool attach(PlistValue value) {
+    if (stack_.empty()) {
+      if (result_) return fail("more than one value at the root");
+      result_ = std::move(value);
+      return true;
+    }
+    Frame& top = stack_.back();
+    if (auto* array = top.container.get<PlistArray>()) {
+      array->push_back(std::move(value));
+      return true;
+    }
+    if (!top.haveKey) return fail("a dictionary value without a key");
+    top.container.get<PlistDict>()->insert_or_assign(std::move(top.key), std::move(value));
+    top.key.clear();
+    top.haveKey = false;
+    return true;
+  }
+
+  bool scalar(const Tag& tag, PlistValue& value) {
+    const std::string_view name = tag.name;
+    if (name != "string" && name != "integer" && name != "real" && name != "date" &&
+        name != "data" && name != "true" && name != "false")
+      return fail("unknown element <" + std::string(name) + ">");
+    std::string text;
+    if (!tag.empty && !readText(name, text)) return false;
+    bool ok = true;
+    if (name == "string") {
+      value = std::move(text);
+    } else if (name == "integer") {
+      ok = parseInteger(text, value);
+    } else if (name == "real") {
+      double d = 0;
+      ok = parseReal(text, d);
+      value = d;
+    } else if (name == "date") {
+      ok = parseDate(text, value);
+    } else if (name == "data") {
+      PlistData data;
+      ok = decodeBase64(text, data.bytes);
+      value = std::move(data);
+    } else {
+      ok = trimmed(text).empty();
+      value = name == "true";
+    }
+    return ok || fail("malformed <" + std::string(name) + ">");
+  }
+
+  bool document() {
+    if (const std::size_t nul = in_.find('\0'); nul != std::string_view::npos) {
+      pos_ = nul;
+      return fail("a NUL byte");
+    }
+    if (!utf8::isValid(in_)) return fail("text that is not UTF-8");
+    if (startsWith("\xEF\xBB\xBF")) pos_ += 3;
+    Tag tag;
+    if (!skipMisc() || !readTag(tag)) return false;
+    const bool wrapped = tag.name == "plist" && !tag.closing;
+    if (wrapped && (tag.empty || !skipMisc() || !readTag(tag))) return fail("an empty <plist>");
+    for (;;) {
+      if (tag.closing) {
+        const char* open = stack_.empty()                             ? nullptr
+                           : stack_.back().container.is<PlistArray>() ? "array"
+                                                                      : "dict";
+        if (!open || tag.name != open || stack_.back().haveKey)
+          return fail("unexpected </" + std::string(tag.name) + ">");
+        PlistValue done = std::move(stack_.back().container);
+        stack_.pop_back();
+        if (!attach(std::move(done))) return false;
+      } else if (tag.name == "key") {
+        if (stack_.empty() || !stack_.back().container.is<PlistDict>() || stack_.back().haveKey)
+          return fail("a misplaced <key>");
+        Frame& top = stack_.back();
+        if (!tag.empty && !readText(tag.name, top.key)) return false;
+        top.haveKey = true;
+      } else if (tag.name == "dict" || tag.name == "array") {
+        PlistValue container =
+            tag.name == "dict" ? PlistValue(PlistDict{}) : PlistValue(PlistArray{});
+        if (tag.empty) {
+          if (!attach(std::move(container))) return false;
+        } else {
+          if (!stack_.empty() && stack_.back().container.is<PlistDict>() && !stack_.back().haveKey)
+            return fail("a dictionary value without a key");
+          if (stack_.size() >= kPlistMaxDepth)
+            return fail("containers nested deeper than " + std::to_string(kPlistMaxDepth));
+          stack_.push_back(Frame{std::move(container), {}, false});
+        }
+      } else {
+        PlistValue value;
+        if (!scalar(tag, value) || !attach(std::move(value))) return false;
+      }
+      if (stack_.empty() && result_) break;
+      if (!skipMisc() || !readTag(tag)) return false;
+    }
+    if (wrapped && (!skipMisc() || !readTag(tag) || !tag.closing || tag.name != "plist"))
+      return fail("more than one value in <plist>");
+    if (!skipMisc() || pos_ != in_.size()) return fail("content after the property list");
+    return true;
+  }
+
+  std::string_view in_;
+  std::size_t pos_ = 0;
+  std::string error_;
+  std::vector<Frame> stack_;
+  std::optional<PlistValue> result_;
+};
+
+// A key for messages: control characters shown as '?'.
+std::string printable(std::string_view key) {
+  std::string out(key.substr(0, 80));
+  for (char& c : out)
+    if (static_cast<unsigned char>(c) < 0x20) c = '?';
+  return out;
+}
+
+// Writes a document. Recursion is bounded: containers deeper than
+// kPlistMaxDepth are refused.
+class XmlWriter {
+ public:
+  XmlWriter(std::string& out, std::string& error) : out_(out), error_(error) {}
+
+  bool document(const PlistDict& root) {
+    out_ +=
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+        "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+        "<plist version=\"1.0\">\n";
+    if (!dict(root, 0)) return false;
+    out_ += "</plist>\n";
+    return true;
+  }
+
+ private:
+  bool fail(const std::string& why) {
+    error_ = where_.empty() ? why : "the value of \"" + printable(where_) + "\": " + why;
+    return false;
+  }
+  void indent(std::size_t level) { out_.append(level, '\t'); }
+
+  // Escapes `&`, `<`, `>` and the carriage return (which a reader would turn
+  // into a line feed). NUL, the other control characters and U+FFFE/U+FFFF
+  // cannot be carried by XML 1.0 at all, not even as references: such text is
+  // refused rather than altered (the binary form holds it).
+  bool text(std::string_view s) {
+    if (!utf8::isValid(s)) return fail("text that is not UTF-8");
+    std::size_t run = 0;  // start of the characters not yet copied
+    for (std::size_t i = 0; i < s.size(); ++i) {
+      const auto c = static_cast<unsigned char>(s[i]);
+      const char* escaped = c == '&'    ? "&amp;"
+                            : c == '<'  ? "&lt;"
+                            : c == '>'  ? "&gt;"
+                            : c == '\r' ? "&#13;"
+                                        : nullptr;
+      if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') ||
+          (c == 0xEF && s.substr(i + 1, 1) == "\xBF" && (s[i + 2] == '\xBE' || s[i + 2] == '\xBF')))
+        return fail("a character XML 1.0 cannot carry (the binary form can)");
+      if (escaped) {
+        out_.append(s.substr(run, i - run)).append(escaped);
+        run = i + 1;
+      }
+    }
+    out_.append(s.substr(run));
+    return true;
+  }
+
+  bool date(double since1970) {
+    const bool inRange = std::isfinite(since1970) && std::fabs(since1970) < 1e12;
+    const CivilTime c = civilFromSeconds(inRange ? static_cast<long long>(since1970) : 0);
+    if (!inRange || c.year < 0 || c.year > 9999)
+      return fail("a date outside the years 0-9999 (the binary form can hold it)");
+    char buf[96];
+    std::snprintf(buf, sizeof buf, "<date>%04lld-%02u-%02uT%02u:%02u:%02uZ</date>\n", c.year,
+                  c.month, c.day, c.hour, c.minute, c.second);
+    out_ += buf;
+    return true;
+  }
+
+  template <class Number>
+  void number(const char* element, Number n) {
+    char buf[64];
+    auto [end, ec] = std::to_chars(buf, buf + sizeof buf, n);
+    out_.append("<").append(element).append(">");
+    out_.append(buf, ec == std::errc() ? end : buf);
+    out_.append("</").append(element).append(">\n");
+  }
+
+  void data(const PlistData& d, std::size_t level) {
+    out_ += "<data>\n";
+    const std::vector<std::uint8_t>& b = d.bytes;
+    std::string line;
+    for (std::size_t i = 0; i < b.size(); i += 3) {
+      const std::uint32_t n =
+          (b[i] << 16) | (i + 1 < b.size() ? b[i + 1] << 8 : 0) | (i + 2 < b.size() ? b[i + 2] : 0);
+      line += kBase64[n >> 18];
+      line += kBase64[(n >> 12) & 63];
+      line += i + 1 < b.size() ? kBase64[(n >> 6) & 63] : '=';
+      line += i + 2 < b.size() ? kBase64[n & 63] : '=';
+      if (line.size() == 68 || i + 3 >= b.size()) {
+        indent(level);
+        out_.append(line).append("\n");
+        line.clear();
+      }
+    }
+    indent(level);
+    out_ += "</data>\n";
+  }
+
+  bool dict(const PlistDict& d, std::size_t level) {
+    if (level >= kPlistMaxDepth)
+      return fail("containers nested deeper than " + std::to_string(kPlistMaxDepth));
+    indent(level);
+    if (d.empty()) {
+      out_ += "<dict/>\n";
+      return true;
+    }
+    out_ += "<dict>\n";
+    const std::string outer = where_;
+    for (const auto& [key, value] : d) {
+      where_ = key;
+      indent(level + 1);
+      out_ += "<key>";
+      if (!text(key)) return false;
+      out_ += "</key>\n";
+      if (!this->value(value, level + 1)) return false;
+    }
+    where_ = outer;
+    indent(level);
+    out_ += "</dict>\n";
+    return true;
+  }
+
+  bool value(const PlistValue& v, std::size_t level) {
+    if (auto d = v.get<PlistDict>()) return dict(*d, level);
+    if (auto a = v.get<PlistArray>()) {
+      if (level >= kPlistMaxDepth)
+        return fail("containers nested deeper than " + std::to_string(kPlistMaxDepth));
+      indent(level);
+      if (a->empty()) {
+        out_ += "<array/>\n";
+        return true;
+      }
+      out_ += "<array>\n";
+      for (const PlistValue& item : *a)
+        if (!value(item, level + 1)) return false;
+      indent(level);
+      out_ += "</array>\n";
+      return true;
+    }
+    indent(level);
+    if (auto s = v.get<std::string>()) {
+      out_ += "<string>";
+      if (!text(*s)) return false;
+      out_ += "</string>\n";
+    } else if (auto i = v.get<std::int64_t>()) {
+      number("integer", *i);
+    } else if (auto u = v.get<std::uint64_t>()) {
+      number("integer", *u);
+    } else if (auto r = v.get<double>()) {
+      if (std::isnan(*r))
+        out_ += "<real>nan</real>\n";
+      else if (std::isinf(*r))
+        out_ += *r > 0 ? "<real>+infinity</real>\n" : "<real>-infinity</real>\n";
+      else
+        number("real", *r);
+    } else if (auto b = v.get<bool>()) {
+      out_ += *b ? "<true/>\n" : "<false/>\n";
+    } else if (auto t = v.get<PlistDate>()) {
+      // Whole seconds: the form has no fraction.
+      return date(static_cast<double>(
+          std::chrono::floor<std::chrono::seconds>(*t).time_since_epoch().count()));
+    } else if (auto st = v.get<PlistStoredDate>()) {
+      return date(std::floor(st->sinceReference) + kReferenceSince1970);
+    } else if (auto d = v.get<PlistData>()) {
+      data(*d, level);
+    }
+    return true;
+  }
+
+  std::string& out_;
+  std::string& error_;
+  std::string where_;
+};
+
+}  // namespace
+
+bool readXml(std::string_view bytes, PlistValue& root, std::string& reason) {
+  return XmlReader(bytes).read(root, reason);
+}
+
+bool writeXml(const PlistDict& root, std::string& out, std::string& error) {
+  return XmlWriter(out, error).document(root);
+}
+
+}  // namespace kd::plist
