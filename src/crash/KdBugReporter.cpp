@@ -13,6 +13,7 @@
 #include "common/Folders.h"
 #include "common/Path.h"
 #include "common/PropertyList.h"
+#include "common/SettingsFile.h"
 #include "common/UniqueFd.h"
 #include "log/KdException.h"
 #include "log/KdLog.h"
@@ -49,9 +50,12 @@ void recordDate(const std::optional<std::string>& plistPath, const char* key) {
   // handed over by descriptor before it takes its name.
   const auto owner = kd::ownerForUserPath(*path);
   kd::createFolders(kd::path::deletingLastComponent(*path), 0700, owner);
-  kd::PlistDict record = kd::readPlistDictionaryOrEmpty(*path);
-  record[key] = kd::PlistValue(std::chrono::system_clock::now());
-  kd::writePlistDictionaryAtomically(record, *path, nullptr, owner);
+  // A record file that cannot be read is left alone, a damaged one kept aside:
+  // it may be a settings file that holds another program's keys.
+  kd::Settings record = kd::loadSettings(*path, !owner);
+  if (!record.message.empty()) KdLog::appendLog("%@", record.message);
+  record.dict[key] = kd::PlistValue(std::chrono::system_clock::now());
+  kd::saveSettings(record, *path, owner);
 }
 
 bool startsWithIgnoringCase(const std::string& text, const std::string& prefix) {

@@ -8,11 +8,13 @@
 
 #include "common/Path.h"
 #include "common/PropertyList.h"
+#include "common/SettingsFile.h"
 #include "crash/KdBugReporter.h"
 #include "helper/FerrimoVolumeChecker.h"
 #include "log/KdLog.h"
 #include "paths/KdCmdUtils.h"
 #include "paths/KdLocalPaths.h"
+#include "paths/UserFiles.h"
 #include "platform/Platform.h"
 #include "tasks/KdTaskEx.h"
 
@@ -100,11 +102,22 @@ FerrimoHelper::Newest FerrimoHelper::newestRemovableVolume() {
 
 int FerrimoHelper::run(const std::vector<std::string>& arguments) {
   const auto settingsFile = settingsPath();
+  // What a root run writes in the user's home is the user's; it reads no
+  // links there.
+  const auto owner = settingsFile ? kd::ownerForUserPath(*settingsFile) : std::nullopt;
+  // The settings are looked at before the crash watcher writes to them, so
+  // that a damaged file is kept aside and this run's log can say so.
+  std::string settingsNote;
+  if (settingsFile) settingsNote = kd::loadSettings(*settingsFile, !owner).message;
   KdBugReporter::startBugReporter(kAppName, settingsFile);
   KdLog::createNewLog(kAppName);
+  if (!settingsNote.empty()) KdLog::appendLog("%@", settingsNote);
 
-  kd::PlistDict settings;
-  if (settingsFile) settings = kd::readPlistDictionaryOrEmpty(*settingsFile);
+  kd::Settings loaded;
+  if (settingsFile) loaded = kd::loadSettings(*settingsFile, !owner);
+  if (!loaded.message.empty() && loaded.message != settingsNote)
+    KdLog::appendLog("%@", loaded.message);
+  kd::PlistDict& settings = loaded.dict;
 
   bool setup = std::find(arguments.begin(), arguments.end(), "-setup") != arguments.end();
   if (setup) {
@@ -112,7 +125,7 @@ int FerrimoHelper::run(const std::vector<std::string>& arguments) {
     settings["lastStartup"] = kd::PlistValue(std::chrono::system_clock::now());
     settings["mountedDrives"] = stringArray(kd::platform().mountedRemovableMedia());
     std::string error = "no preferences folder";
-    if (!settingsFile || !kd::writePlistDictionaryAtomically(settings, *settingsFile, &error))
+    if (!settingsFile || !kd::saveSettings(loaded, *settingsFile, owner, &error))
       KdLog::appendLog("Unable to write settings: %@", error);
   } else {
     auto lastStartup = kd::plistDate(settings, "lastStartup");

@@ -361,3 +361,81 @@ TEST_F(FerrimoHelperRoot, RootRunsGiveTheUserNothingButItsOwnFiles) {
   EXPECT_NE(log().find(" - Setting up...\n"), std::string::npos)
       << "the user logs after a root run";
 }
+
+// Settings are shared with Ferrimo: a file the helper cannot read is left
+// exactly as it was, a damaged one is kept aside before a fresh one is
+// written, values the helper does not use survive untouched, and hostile
+// global preferences (deep nesting, a named pipe) neither crash nor stall it.
+TEST_F(FerrimoHelperRoot, SettingsAreNeverLost) {
+  const std::string settings = settingsPath();
+  auto put = [&](const std::string& path, const std::string& bytes) {
+    fs::remove(path);
+    std::ofstream(path, std::ios::binary) << bytes;
+    chown(path.c_str(), uid_, gid_);
+  };
+  auto keptAside = [&]() -> std::string {
+    for (const auto& e : fs::directory_iterator(home_ + "/.config"))
+      if (e.path().filename().string().starts_with("com.quillfen.Ferrimo.plist.damaged-"))
+        return readFile(e.path().string());
+    return "(none)";
+  };
+
+  // A NUL byte, which the XML form cannot hold: damaged, kept aside, replaced.
+  const std::string withNul =
+      std::string("<plist><dict><key>a</key><string>x") + '\0' + "y</string></dict></plist>";
+  put(settings, withNul);
+  runHelper({"-setup"});
+  EXPECT_NE(log().find(" is damaged ("), std::string::npos) << log();
+  EXPECT_EQ(keptAside(), withNul);
+  EXPECT_TRUE(kd::plistDate(kd::readPlistDictionaryOrEmpty(settings), "lastStartup"));
+
+  // The binary form holds NUL bytes in keys and strings: they are kept, and so
+  // are values beyond 32-bit dates and signed integers, in the binary form.
+  const std::string nulKey = std::string("a") + '\0' + "b";
+  const auto year2100 = std::chrono::sys_days{std::chrono::year{2100} / 1 / 1};
+  kd::PlistDict foreign{{nulKey, kd::PlistValue(std::string("x") + '\0' + "y")},
+                        {"big", kd::PlistValue(UINT64_MAX)},
+                        {"far", kd::PlistValue(kd::PlistDate(year2100))}};
+  fs::remove(settings);
+  ASSERT_TRUE(kd::writePlistFileAtomically(foreign, settings, kd::PlistFormat::Binary));
+  chown(settings.c_str(), uid_, gid_);
+  runHelper({"-setup"});
+  auto back = kd::readPlistFile(settings);
+  ASSERT_EQ(back.status, kd::PlistReadStatus::Ok) << back.reason;
+  EXPECT_EQ(back.format, kd::PlistFormat::Binary);
+  for (const auto& [key, value] : foreign) EXPECT_EQ(back.dict[key], value) << key;
+
+  // Unreadable: left byte for byte, mode and all; the run says why.
+  put(settings, "<plist><dict><key>keep</key><string>me</string></dict></plist>");
+  chmod(settings.c_str(), 0);
+  runHelper({"-setup"});
+  chmod(settings.c_str(), 0644);
+  EXPECT_EQ(readFile(settings), "<plist><dict><key>keep</key><string>me</string></dict></plist>");
+  EXPECT_NE(log().find("Unable to read settings file"), std::string::npos) << log();
+
+  // Large: a 70 MB value is read and written back whole.
+  const std::string large(70u << 20, 'x');
+  fs::remove(settings);
+  ASSERT_TRUE(kd::writePlistDictionaryAtomically({{"large", kd::PlistValue(large)}}, settings));
+  chown(settings.c_str(), uid_, gid_);
+  runHelper({"-setup"});
+  auto bigBack = kd::readPlistDictionaryOrEmpty(settings);
+  ASSERT_TRUE(bigBack.count("large"));
+  EXPECT_TRUE(bigBack["large"] == kd::PlistValue(large));
+  EXPECT_TRUE(kd::plistDate(bigBack, "exit"));
+
+  // Global preferences nested 200,000 deep, then a named pipe in their place.
+  const std::string global = home_ + "/.config/com.quillfen.global.plist";
+  std::string deep = "<plist><dict><key>disable-logging</key>";
+  for (int i = 0; i < 200000; ++i) deep += "<array>";
+  put(global, deep);
+  fs::remove(settings);
+  runHelper({"-setup"});
+  EXPECT_NE(log().find(" - Setting up...\n"), std::string::npos) << "a normal, logged run";
+  fs::remove(global);
+  ASSERT_EQ(mkfifo(global.c_str(), 0644), 0);
+  chown(global.c_str(), uid_, gid_);
+  runHelper({"-setup"});
+  EXPECT_NE(log().find(" - Setting up...\n"), std::string::npos) << "a normal, logged run";
+  fs::remove(global);
+}

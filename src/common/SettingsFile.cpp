@@ -1,0 +1,79 @@
+#include "common/SettingsFile.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+namespace kd {
+
+namespace {
+
+std::string utcStamp() {
+  std::time_t now = std::time(nullptr);
+  struct tm utc {};
+  char text[32] = "unknown";
+  if (::gmtime_r(&now, &utc)) std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
+  return text;
+}
+
+// Moves a damaged file aside without ever replacing another file; the name it
+// took, or none.
+std::optional<std::string> keepAside(const std::string& path) {
+  const std::string base = path + ".damaged-" + utcStamp();
+  for (int n = 1; n < 100; ++n) {
+    std::string aside = n == 1 ? base : base + "-" + std::to_string(n);
+    if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0)
+      return aside;
+    if (errno != EEXIST) return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+Settings loadSettings(const std::string& path, bool followLinks) {
+  Settings settings;
+  PlistFile file = readPlistFile(path, followLinks);
+  switch (file.status) {
+    case PlistReadStatus::Ok:
+      settings.dict = std::move(file.dict);
+      settings.format = file.format;
+      break;
+    case PlistReadStatus::Missing:
+      break;
+    case PlistReadStatus::Unreadable:
+      settings.writable = false;
+      settings.message = "Unable to read settings file " + path + " (" + file.reason +
+                         "); it is left as it is and no settings are written";
+      break;
+    case PlistReadStatus::Damaged:
+      if (auto aside = keepAside(path)) {
+        settings.message = "Settings file " + path + " is damaged (" + file.reason + "); kept as " +
+                           *aside + " and started afresh";
+      } else {
+        settings.writable = false;
+        settings.message = "Settings file " + path + " is damaged (" + file.reason +
+                           ") and cannot be kept aside (" + std::strerror(errno) +
+                           "); it is left as it is and no settings are written";
+      }
+      break;
+  }
+  return settings;
+}
+
+bool saveSettings(const Settings& settings, const std::string& path,
+                  const std::optional<FileOwner>& owner, std::string* error) {
+  if (!settings.writable) {
+    if (error) *error = "the settings file could not be read, so it is left as it is";
+    return false;
+  }
+  PlistFormat format = settings.format;
+  if (format == PlistFormat::Xml && !serializePlist(settings.dict, PlistFormat::Xml))
+    format = PlistFormat::Binary;
+  return writePlistFileAtomically(settings.dict, path, format, error, owner);
+}
+
+}  // namespace kd
