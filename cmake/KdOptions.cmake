@@ -9,6 +9,10 @@ if(KD_SANITIZE)
                                               -fno-omit-frame-pointer -g)
   target_link_options(kd_options INTERFACE -fsanitize=${KD_SANITIZE})
 endif()
+if(KD_BUILD_FUZZ)
+  # Coverage for the fuzzers in every library; the fuzz targets link libFuzzer.
+  target_compile_options(kd_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 # kd_component(NAME SOURCES... DEPS ...): one static library per subsystem so
 # that a subsystem builds and tests on its own.
