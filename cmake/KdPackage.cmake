@@ -14,10 +14,13 @@ set(CPACK_PACKAGE_DESCRIPTION
     "user. The Kd library (log, process runner, locations, file utilities, crash\n"
     "detection) and its command-line tool kd come with it.")
 set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-# Install under DESTDIR with the real prefix, so that the service files name
-# /usr/bin and the autostart entry lands in /etc/xdg/autostart.
+# Installed under DESTDIR with the real prefix /usr, whatever the tree was
+# configured for, so that the service files name /usr/bin and the autostart
+# entry lands in /etc/xdg/autostart.
 set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)

@@ -135,6 +135,15 @@ prefix)
     [[ $text == *"kd --help | --version"* ]] || fail "man kd shows: ${text:0:300}"
   fi
   "$prefix/bin/kd" --version | grep -qx "kd [0-9.]*" || fail "kd --version"
+  # Completion offers kd's commands and a command's options, read from its help.
+  complete_words() {
+    bash -c 'source "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _kd
+             echo "${COMPREPLY[*]}"' _ "$prefix/share/bash-completion/completions/kd" "$@"
+  }
+  words=$(complete_words "$prefix/bin/kd" ma)
+  [[ $words == match ]] || fail "completion of 'kd ma': $words"
+  words=$(complete_words "$prefix/bin/kd" match --nu)
+  [[ $words == --null ]] || fail "completion of 'kd match --nu': $words"
   check_consumer "$prefix" "$libdir"
 
   # 2. The system prefix /usr/local into a DESTDIR: the autostart entry goes
@@ -168,7 +177,7 @@ package)
   deb=$(ls "$tree"/ferrimo_*.deb 2>/dev/null | head -n1)
   [[ -f $deb ]] || { echo "no .deb: $out"; exit 1; }
   depends=$(dpkg-deb -f "$deb" Depends)
-  for lib in libc6 libplist libmount1 libsystemd0 libssl; do
+  for lib in libc6 libplist libmount1 libsystemd0; do
     [[ $depends == *"$lib"* ]] || fail "the package does not depend on $lib: $depends"
   done
   unpacked=$work/unpacked

@@ -64,9 +64,9 @@ void separateDataFromMessages() {
   UniqueFd out(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3));
   // Without a standard output the data has nowhere to go: writes fail and the
   // command ends with a write error.
-  static DataBuffer buffer(std::move(out));
-  data = &buffer;
-  std::cout.rdbuf(&buffer);
+  // Never destroyed: std::cout is flushed once more when the process ends.
+  data = new DataBuffer(std::move(out));
+  std::cout.rdbuf(data);
   ::dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 

@@ -7,7 +7,8 @@
 // with printf or to file descriptor 1: after `separateDataFromMessages`, file
 // descriptor 1 is standard error.
 //
-// Threads: main thread only (kd runs one command).
+// Ownership: one data buffer for the process, made by separateDataFromMessages
+// and never destroyed. Threads: main thread only (kd runs one command).
 #pragma once
 
 #include <CLI/CLI.hpp>

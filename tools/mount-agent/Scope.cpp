@@ -48,6 +48,8 @@ bool moveIntoOwnScope() {
                                          "org.freedesktop.systemd1.Manager", "StartTransientUnit");
   std::unique_ptr<sd_bus_message, sd_bus_message* (*)(sd_bus_message*)> message(
       rawMessage, sd_bus_message_unref);
+  // A bus without a running manager must not try to start one.
+  if (r >= 0) r = sd_bus_message_set_auto_start(message.get(), 0);
   if (r >= 0) r = sd_bus_message_append(message.get(), "ss", unit.c_str(), "fail");
   if (r >= 0) r = sd_bus_message_open_container(message.get(), 'a', "(sv)");
   if (r >= 0)
@@ -70,7 +72,8 @@ bool moveIntoOwnScope() {
   sd_bus_message_unref(reply);
   if (r < 0) {
     // A bus without a systemd manager on it is the same as no manager.
-    if (!sd_bus_error_has_name(&error, SD_BUS_ERROR_SERVICE_UNKNOWN))
+    if (!sd_bus_error_has_name(&error, SD_BUS_ERROR_SERVICE_UNKNOWN) &&
+        !sd_bus_error_has_name(&error, SD_BUS_ERROR_NAME_HAS_NO_OWNER))
       report(Priority::Warning, "the user manager gave no scope for the helper: %s",
              error.message ? error.message : std::strerror(-r));
     sd_bus_error_free(&error);
