@@ -20,10 +20,15 @@ extern char** environ;
 
 namespace kd::agent {
 
-std::vector<MountEntry> newMounts(const std::set<int>& before, const std::vector<MountEntry>& now) {
+MountKey keyOf(const MountEntry& mount) {
+  return {mount.id, mount.device, mount.target, mount.fsType};
+}
+
+std::vector<MountEntry> newMounts(const std::set<MountKey>& before,
+                                  const std::vector<MountEntry>& now) {
   std::vector<MountEntry> out;
   for (const auto& m : now)
-    if (!before.count(m.id)) out.push_back(m);
+    if (!before.count(keyOf(m))) out.push_back(m);
   return out;
 }
 
@@ -38,10 +43,10 @@ std::string describeEnd(int waitStatus) {
 }
 
 namespace {
-std::set<int> idsOf(const std::vector<MountEntry>& table) {
-  std::set<int> ids;
-  for (const auto& m : table) ids.insert(m.id);
-  return ids;
+std::set<MountKey> keysOf(const std::vector<MountEntry>& table) {
+  std::set<MountKey> keys;
+  for (const auto& m : table) keys.insert(keyOf(m));
+  return keys;
 }
 }  // namespace
 
@@ -125,7 +130,7 @@ int MountAgent::run(int stopFd) {
     return 1;
   }
   // Take the snapshot after the watch is set up so that no mount falls between.
-  std::set<int> known = idsOf(readMountTable());
+  std::set<MountKey> known = keysOf(readMountTable());
   if (options_.runSetup) enqueue({"-setup"}, "login");
 
   for (;;) {
@@ -149,7 +154,7 @@ int MountAgent::run(int stopFd) {
         else if (options_.verbose)
           report(Priority::Info, "new mount %s is not removable media: ignored", m.target.c_str());
       }
-      known = idsOf(table);
+      known = keysOf(table);
     }
     reapIfDone(false);
   }

@@ -13,6 +13,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/linux/MountTable.h"
@@ -31,8 +32,15 @@ struct Options {
   std::string trampoline;
 };
 
-// The entries of `now` whose ids are not in `before`, in table order.
-std::vector<MountEntry> newMounts(const std::set<int>& before, const std::vector<MountEntry>& now);
+// How the agent tells mounts apart. The kernel hands a freed mount id to the
+// next mount at once, so an unmount quickly followed by another mount may
+// reuse the id: the mount point, device and type set them apart.
+using MountKey = std::tuple<int, dev_t, std::string, std::string>;
+MountKey keyOf(const MountEntry& mount);
+
+// The entries of `now` whose keys are not in `before`, in table order.
+std::vector<MountEntry> newMounts(const std::set<MountKey>& before,
+                                  const std::vector<MountEntry>& now);
 
 // How a helper run ended, for the journal: "status N" or "signal NAME".
 std::string describeEnd(int waitStatus);
