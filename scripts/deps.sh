@@ -1,10 +1,16 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the build and the tests need, when missing.
+# systemd (systemd-analyze, its pkg-config file), desktop-file-utils, man-db:
+# checks of the installed files; file and dpkg-dev: the .deb and its
+# dependencies (CPack with dpkg-shlibdeps); dbus-daemon, python3-dbus and
+# python3-gi: the mount agent's scope test (a private user bus).
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
           libplist-dev libssl-dev libarchive-dev libmount-dev libcli11-dev libsystemd-dev
           libgtest-dev libgmock-dev libbenchmark-dev
-          util-linux passwd sudo procps libxml2-utils)
+          util-linux passwd sudo procps libxml2-utils
+          systemd desktop-file-utils man-db file dpkg-dev
+          dbus-daemon python3-dbus python3-gi)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

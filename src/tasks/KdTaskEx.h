@@ -108,6 +108,18 @@ class KdTaskEx : public std::enable_shared_from_this<KdTaskEx> {
                                           double timeout, bool logOutput = true,
                                           bool logError = true);
 
+  // How a run ended, for callers that need more than its data.
+  struct RunReport {
+    bool timedOut = false;    // the time-out ended the child
+    KdTask::Outcome outcome;  // NotLaunched when the tool could not be started
+  };
+  // `dataFromTask` (with a time-out when one is given) that then waits for
+  // the child to end, and reports how it ended.
+  static std::optional<Data> dataFromTaskWithReport(const std::string& path,
+                                                    const Arguments& arguments,
+                                                    std::optional<double> timeout,
+                                                    RunReport& report);
+
   // The data of `dataFromTask` decoded (see `stringFromData`); "" for no data.
   static std::string stringFromTask(const std::string& path, const Arguments& arguments = {},
                                     StringEncoding encoding = ASCIIStringEncoding,
@@ -197,4 +209,5 @@ class KdTaskEx : public std::enable_shared_from_this<KdTaskEx> {
   std::shared_ptr<const AsyncDataHandler> delegate_;  // guarded by mutex_
   std::shared_ptr<const std::any> object_;            // guarded by mutex_
   std::uint64_t generation_ = 0;                      // guarded by mutex_
+  bool timedOut_ = false;                             // guarded by mutex_
 };

@@ -69,6 +69,10 @@ void KdTaskEx::timeout() {
   TaskHandle task = theTask();
   if (!task) return;
   if (task->isRunning()) {
+    {
+      std::lock_guard lock(mutex_);
+      timedOut_ = true;
+    }
     KdLog::appendLogAndPrint("Task %@ timed out. Terminating...", task->launchPath());
     task->terminate();
     if (!task->waitUntilExit(kTerminationGrace)) {
@@ -120,6 +124,37 @@ std::optional<KdTaskEx::Data> KdTaskEx::dataFromTask(const std::string& path,
   return create()->runWithTimeout<std::optional<Data>>(timeout, [&](const RunHooks& hooks) {
     return dataImpl(path, arguments, std::nullopt, logOutput, logError, hooks);
   });
+}
+
+std::optional<KdTaskEx::Data> KdTaskEx::dataFromTaskWithReport(const std::string& path,
+                                                               const Arguments& arguments,
+                                                               std::optional<double> timeout,
+                                                               RunReport& report) {
+  report = RunReport{};
+  std::shared_ptr<KdTaskEx> runner = create();
+  TaskHandle task;
+  // The child is waited for inside the run, so that a time-out still ends a
+  // child that closed its output early.
+  auto body = [&](const RunHooks& hooks) -> std::optional<Data> {
+    RunHooks withTask = hooks;
+    withTask.created = [&, inner = hooks.created](const TaskHandle& t) {
+      task = t;
+      if (inner) inner(t);
+    };
+    std::optional<Data> data = dataImpl(path, arguments, std::nullopt, true, true, withTask);
+    try {
+      if (task) task->waitUntilExit();
+    } catch (const std::exception& e) {
+      KdLog::appendLog("Exception running task %@: %@", path, e.what());
+    }
+    return data;
+  };
+  std::optional<Data> data =
+      timeout ? runner->runWithTimeout<std::optional<Data>>(*timeout, body) : body(RunHooks{});
+  if (task) report.outcome = task->outcome();
+  std::lock_guard lock(runner->mutex_);
+  report.timedOut = runner->timedOut_;
+  return data;
 }
 
 std::string KdTaskEx::stringFromTask(const std::string& path, const Arguments& arguments,

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Output.h"
 #include "common/Path.h"
 #include "helper/FerrimoVolumeChecker.h"
 
@@ -27,14 +28,16 @@ void setupDetect(CLI::App& app) {
   static std::vector<std::string> volumes;
   cmd->add_option("VOLUME", volumes, "Folder where a card is mounted (such as /media/$USER/CARD)")
       ->required();
+  kd::tool::addNullOption(cmd);
   cmd->footer(
       "Prints one line per volume: the layout code, a tab and the path as given.\n"
       "Codes 0 to 9 name a known card layout (see docs/cards.md); -1 means none,\n"
       "including for a folder that does not exist. Exits 0 whatever the codes.");
   cmd->callback([] {
     for (const std::string& volume : volumes) {
-      std::cout << FerrimoVolumeChecker::verifyVolumeType(absoluteVolumePath(volume)) << '\t'
-                << volume << '\n';
+      kd::tool::record(
+          std::to_string(FerrimoVolumeChecker::verifyVolumeType(absoluteVolumePath(volume))) +
+          '\t' + volume);
     }
     std::cout.flush();
   });

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "Output.h"
 #include "paths/KdLocalPaths.h"
 
 namespace {
@@ -13,6 +14,7 @@ void setupGuard(CLI::App& app) {
   static std::vector<std::string> paths;
   static bool exact = false;
   cmd->add_option("PATH", paths, "Path to test, taken as text (not resolved)")->required();
+  kd::tool::addNullOption(cmd);
   cmd->add_flag("--exact", exact,
                 "Protect only the listed folders themselves, not what lies inside the system "
                 "trees (what privileged commands ask)");
@@ -21,9 +23,10 @@ void setupGuard(CLI::App& app) {
       "path as given. Exits 0 whatever the answers.");
   cmd->callback([] {
     for (const std::string& path : paths) {
-      std::cout << (KdLocalPaths::isPathSystemDirectory(path, exact) ? "protected"
-                                                                     : "not protected")
-                << '\t' << path << '\n';
+      kd::tool::record(std::string(KdLocalPaths::isPathSystemDirectory(path, exact)
+                                       ? "protected"
+                                       : "not protected") +
+                       '\t' + path);
     }
     std::cout.flush();
   });

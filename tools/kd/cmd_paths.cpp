@@ -4,12 +4,13 @@
 #include <string>
 
 #include "Commands.h"
+#include "Output.h"
 #include "paths/KdLocalPaths.h"
 
 namespace {
 
 void print(const char* name, const char* domain, const std::optional<std::string>& path) {
-  std::cout << name << '\t' << domain << '\t' << path.value_or("") << '\n';
+  kd::tool::record(std::string(name) + '\t' + domain + '\t' + path.value_or(""));
 }
 
 void printPaths() {
@@ -52,6 +53,7 @@ void printPaths() {
 
 void setupPaths(CLI::App& app) {
   auto* cmd = app.add_subcommand("paths", "Print the standard locations of this user and machine");
+  kd::tool::addNullOption(cmd);
   cmd->footer(
       "One line per location: the operation's name, a tab, \"user\" or \"local\" for\n"
       "the domain (\"-\" where the operation takes none), a tab and the path (empty\n"

@@ -1,8 +1,8 @@
 // kd: the library's operations for people and scripts.
-#include <cstdio>
 #include <iostream>
 
 #include "Commands.h"
+#include "Output.h"
 
 namespace kd::tool {
 std::vector<CommandSetup>& commands() {
@@ -11,11 +11,18 @@ std::vector<CommandSetup>& commands() {
 }
 }  // namespace kd::tool
 
-int main(int argc, char** argv) {
+namespace {
+
+int runCommand(int argc, char** argv) {
   CLI::App app{"kd: camera-card detection, locations, logs and tools of the Kd library"};
   app.name("kd");
   app.require_subcommand(1);
   app.fallthrough(false);
+  app.set_version_flag("--version", std::string("kd ") + KD_VERSION, "Print kd's version and exit");
+  app.footer(
+      "Data goes to standard output, messages to standard error. Exit status: 0 on\n"
+      "success, 1 on failure (also when the output cannot be written), 2 for a usage\n"
+      "error. See kd COMMAND --help and man kd.");
   for (auto setup : kd::tool::commands()) setup(app);
   if (argc > 1 && argv[1][0] != '-') {
     bool known = false;
@@ -40,4 +47,15 @@ int main(int argc, char** argv) {
     return 2;
   }
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  kd::tool::separateDataFromMessages();
+  const int status = runCommand(argc, argv);
+  // Data that did not reach its reader makes the command fail, unless it has
+  // already failed for a reason of its own.
+  if (!kd::tool::finishData() && status == 0) return 1;
+  return status;
 }

@@ -13,22 +13,40 @@
 #include <cstring>
 #include <memory>
 
+#include "Journal.h"
+#include "Scope.h"
+
 extern char** environ;
 
 namespace kd::agent {
 
-std::vector<MountEntry> newMounts(const std::set<int>& before, const std::vector<MountEntry>& now) {
+MountKey keyOf(const MountEntry& mount) {
+  return {mount.id, mount.device, mount.target, mount.fsType};
+}
+
+std::vector<MountEntry> newMounts(const std::set<MountKey>& before,
+                                  const std::vector<MountEntry>& now) {
   std::vector<MountEntry> out;
   for (const auto& m : now)
-    if (!before.count(m.id)) out.push_back(m);
+    if (!before.count(keyOf(m))) out.push_back(m);
   return out;
 }
 
+std::string describeEnd(int waitStatus) {
+  if (WIFEXITED(waitStatus)) return "status " + std::to_string(WEXITSTATUS(waitStatus));
+  if (WIFSIGNALED(waitStatus)) {
+    const char* name = sigabbrev_np(WTERMSIG(waitStatus));
+    return std::string("signal ") +
+           (name ? std::string("SIG") + name : std::to_string(WTERMSIG(waitStatus)));
+  }
+  return "an unknown state";
+}
+
 namespace {
-std::set<int> idsOf(const std::vector<MountEntry>& table) {
-  std::set<int> ids;
-  for (const auto& m : table) ids.insert(m.id);
-  return ids;
+std::set<MountKey> keysOf(const std::vector<MountEntry>& table) {
+  std::set<MountKey> keys;
+  for (const auto& m : table) keys.insert(keyOf(m));
+  return keys;
 }
 }  // namespace
 
@@ -44,6 +62,8 @@ void MountAgent::startNextIfIdle() {
     auto [args, why] = std::move(queue_.front());
     queue_.pop_front();
     std::vector<std::string> argv{options_.helperPath};
+    if (!options_.trampoline.empty())
+      argv = {options_.trampoline, kInScopeArgument, options_.helperPath};
     argv.insert(argv.end(), args.begin(), args.end());
     std::vector<char*> cargv;
     for (auto& a : argv) cargv.push_back(a.data());
@@ -61,18 +81,17 @@ void MountAgent::startNextIfIdle() {
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
     pid_t pid = -1;
-    int rc = posix_spawn(&pid, options_.helperPath.c_str(), &actions, &attr, cargv.data(), environ);
+    int rc = posix_spawn(&pid, argv.front().c_str(), &actions, &attr, cargv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attr);
     if (rc != 0) {
-      std::fprintf(stderr, "ferrimo-mount-agent: cannot start %s in %s: %s\n",
-                   options_.helperPath.c_str(), options_.appDir.c_str(), std::strerror(rc));
+      report(Priority::Error, "%s: cannot start %s in %s: %s", why.c_str(),
+             options_.helperPath.c_str(), options_.appDir.c_str(), std::strerror(rc));
       continue;
     }
-    if (options_.verbose)
-      std::fprintf(stderr, "ferrimo-mount-agent: %s: started helper (pid %d)\n", why.c_str(),
-                   static_cast<int>(pid));
+    report(Priority::Info, "%s: started the helper (pid %d)", why.c_str(), static_cast<int>(pid));
     running_ = pid;
+    runningWhy_ = why;
   }
 }
 
@@ -84,6 +103,15 @@ void MountAgent::reapIfDone(bool wait) {
     r = waitpid(running_, &status, wait ? 0 : WNOHANG);
   } while (r < 0 && errno == EINTR);
   if (r == running_ || (r < 0 && errno == ECHILD)) {
+    if (r != running_) {
+      report(Priority::Warning, "%s: the helper (pid %d) ended unseen", runningWhy_.c_str(),
+             static_cast<int>(running_));
+    } else {
+      // The helper always ends with status 0; anything else is a failure.
+      const bool clean = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+      report(clean ? Priority::Info : Priority::Error, "%s: the helper (pid %d) ended with %s",
+             runningWhy_.c_str(), static_cast<int>(running_), describeEnd(status).c_str());
+    }
     running_ = -1;
     startNextIfIdle();
   }
@@ -93,16 +121,16 @@ int MountAgent::run(int stopFd) {
   std::unique_ptr<libmnt_monitor, void (*)(libmnt_monitor*)> monitor(mnt_new_monitor(),
                                                                      mnt_unref_monitor);
   if (!monitor || mnt_monitor_enable_kernel(monitor.get(), 1) != 0) {
-    std::fprintf(stderr, "ferrimo-mount-agent: cannot watch the mount table\n");
+    report(Priority::Error, "cannot watch the mount table");
     return 1;
   }
   int monitorFd = mnt_monitor_get_fd(monitor.get());
   if (monitorFd < 0) {
-    std::fprintf(stderr, "ferrimo-mount-agent: cannot watch the mount table\n");
+    report(Priority::Error, "cannot watch the mount table");
     return 1;
   }
   // Take the snapshot after the watch is set up so that no mount falls between.
-  std::set<int> known = idsOf(readMountTable());
+  std::set<MountKey> known = keysOf(readMountTable());
   if (options_.runSetup) enqueue({"-setup"}, "login");
 
   for (;;) {
@@ -117,8 +145,16 @@ int MountAgent::run(int stopFd) {
       while (mnt_monitor_next_change(monitor.get(), &filename, &type) == 0) {
       }
       auto table = readMountTable();
-      for (const auto& m : newMounts(known, table)) enqueue({}, "new mount " + m.target);
-      known = idsOf(table);
+      // Only removable media can be cards: desktop, container and system
+      // mounts would rotate the helper's logs away and could start Ferrimo
+      // again for a card that is still mounted.
+      for (const auto& m : newMounts(known, table)) {
+        if (isRemovableMedia(m))
+          enqueue({}, "new removable volume " + m.target);
+        else if (options_.verbose)
+          report(Priority::Info, "new mount %s is not removable media: ignored", m.target.c_str());
+      }
+      known = keysOf(table);
     }
     reapIfDone(false);
   }

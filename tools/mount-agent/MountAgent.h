@@ -13,6 +13,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/linux/MountTable.h"
@@ -25,11 +26,24 @@ struct Options {
   std::string helperPath;  // the helper executable
   std::string appDir;      // working directory of every helper run
   bool runSetup = true;    // run the helper with "-setup" at start
-  bool verbose = false;    // report each run on standard error
+  bool verbose = false;    // also report the mounts that start nothing
+  // Start each run through this executable's "--in-scope" trampoline (empty:
+  // run the helper directly, inside the agent's own control group).
+  std::string trampoline;
 };
 
-// The entries of `now` whose ids are not in `before`, in table order.
-std::vector<MountEntry> newMounts(const std::set<int>& before, const std::vector<MountEntry>& now);
+// How the agent tells mounts apart. The kernel hands a freed mount id to the
+// next mount at once, so an unmount quickly followed by another mount may
+// reuse the id: the mount point, device and type set them apart.
+using MountKey = std::tuple<int, dev_t, std::string, std::string>;
+MountKey keyOf(const MountEntry& mount);
+
+// The entries of `now` whose keys are not in `before`, in table order.
+std::vector<MountEntry> newMounts(const std::set<MountKey>& before,
+                                  const std::vector<MountEntry>& now);
+
+// How a helper run ended, for the journal: "status N" or "signal NAME".
+std::string describeEnd(int waitStatus);
 
 class MountAgent {
  public:
@@ -49,6 +63,7 @@ class MountAgent {
   Options options_;
   std::deque<std::pair<std::vector<std::string>, std::string>> queue_;
   pid_t running_ = -1;
+  std::string runningWhy_;  // why the running helper was started
 };
 
 }  // namespace kd::agent

@@ -13,7 +13,9 @@
 #include <cstring>
 #include <iostream>
 
+#include "Journal.h"
 #include "MountAgent.h"
+#include "Scope.h"
 #include "common/Path.h"
 #include "common/UniqueFd.h"
 
@@ -67,12 +69,20 @@ bool privateLockFolder(const std::string& lockPath, std::string& error) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  kd::agent::Options options{defaultHelper(), defaultAppDir()};
+  // The agent starting a helper run through itself (see Scope.h).
+  if (argc >= 3 && std::strcmp(argv[1], kd::agent::kInScopeArgument) == 0)
+    return kd::agent::execInOwnScope(std::vector<std::string>(argv + 2, argv + argc));
+
+  kd::agent::Options options;
+  options.helperPath = defaultHelper();
+  options.appDir = defaultAppDir();
   bool noSetup = false;
+  bool noScope = false;
   std::string lockPath = defaultLock();
   CLI::App app{
-      "Runs FerrimoHelper once at start (with -setup) and once for every new mount, with the\n"
-      "Ferrimo application folder as working directory. Stops on SIGTERM or SIGINT."};
+      "Runs FerrimoHelper once at start (with -setup) and once for every new mount of\n"
+      "removable media, with the Ferrimo application folder as working directory.\n"
+      "Stops on SIGTERM, SIGINT or SIGHUP."};
   app.name("ferrimo-mount-agent");
   app.add_option("--helper", options.helperPath, "The helper executable")
       ->capture_default_str()
@@ -86,7 +96,11 @@ int main(int argc, char** argv) {
                  "entry may both start one)")
       ->capture_default_str();
   app.add_flag("--no-setup", noSetup, "Do not run the helper with -setup at start");
-  app.add_flag("-v,--verbose", options.verbose, "Report every helper run on standard error");
+  app.add_flag("--no-scope", noScope,
+               "Run the helper inside the agent's own control group instead of a scope of "
+               "its own from the systemd user manager");
+  app.add_flag("-v,--verbose", options.verbose,
+               "Also report the mounts that are not removable media (and start nothing)");
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
@@ -96,6 +110,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   options.runSetup = !noSetup;
+  if (!noScope) options.trampoline = "/proc/self/exe";
 
   std::string lockError;
   if (!privateLockFolder(lockPath, lockError)) {
@@ -126,6 +141,13 @@ int main(int argc, char** argv) {
     std::cerr << "ferrimo-mount-agent: cannot receive stop signals" << std::endl;
     return 1;
   }
+  // Without the application every card is recognised in vain: say so once.
+  const std::string ferrimo = kd::path::append(options.appDir, "Contents/MacOS/Ferrimo");
+  if (access(ferrimo.c_str(), X_OK) != 0)
+    kd::agent::report(kd::agent::Priority::Warning,
+                      "no Ferrimo application at %s: cards are recognised but Ferrimo cannot be "
+                      "started (set FERRIMO_APP_DIR or --app-dir; see ferrimo-mount-agent(1))",
+                      ferrimo.c_str());
   int status = kd::agent::MountAgent(options).run(stop.get());
   return status;
 }

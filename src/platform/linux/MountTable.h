@@ -26,4 +26,9 @@ struct MountEntry {
 // The current mounts in table order; empty when the table cannot be read.
 std::vector<MountEntry> readMountTable();
 
+// Whether a mount counts as removable media (what mountedRemovableMedia
+// lists): a real file system mounted under /media/ or /run/media/, or from a
+// removable, USB or MMC block device.
+bool isRemovableMedia(const MountEntry& mount);
+
 }  // namespace kd

@@ -171,14 +171,16 @@ std::optional<std::string> resolveProgram(const std::string& word) {
 
 }  // namespace
 
+bool isRemovableMedia(const MountEntry& m) {
+  if (m.target.empty() || isPseudoFs(m.fsType)) return false;
+  return startsWith(m.target, "/media/") || startsWith(m.target, "/run/media/") ||
+         (major(m.device) != 0 && isRemovableBlockDevice(m.device));
+}
+
 std::vector<std::string> LinuxPlatform::mountedRemovableMedia() {
   std::vector<std::string> media;
-  for (const auto& m : readMountTable()) {
-    if (m.target.empty() || isPseudoFs(m.fsType)) continue;
-    bool removable = startsWith(m.target, "/media/") || startsWith(m.target, "/run/media/") ||
-                     (major(m.device) != 0 && isRemovableBlockDevice(m.device));
-    if (removable) media.push_back(m.target);
-  }
+  for (const auto& m : readMountTable())
+    if (isRemovableMedia(m)) media.push_back(m.target);
   return media;
 }
 

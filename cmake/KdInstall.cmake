@@ -1,0 +1,55 @@
+# Install rules whose files name other installed files. Their paths are filled
+# in at install time, so that `cmake --install --prefix X` and CPack (which
+# installs under /usr) get files that point at the programs actually installed.
+include(GNUInstallDirs)
+
+# Whether CMAKE_INSTALL_SYSCONFDIR was given (on the command line or in the
+# cache before GNUInstallDirs set its default): then it decides where the
+# autostart entry goes, else the convention of the prefix does.
+if(CMAKE_INSTALL_SYSCONFDIR STREQUAL "etc")
+  set(KD_SYSCONFDIR_DEFAULT TRUE)
+else()
+  set(KD_SYSCONFDIR_DEFAULT FALSE)
+endif()
+
+# systemd reads user units from <prefix>/lib/systemd/user (never from a
+# multiarch library folder). The folder comes from systemd's pkg-config file,
+# relative to its prefix, so that it follows the prefix installed to.
+set(KD_SYSTEMD_USER_UNIT_DIR "" CACHE STRING
+    "Folder for the systemd user unit (default: systemd's, relative to the prefix)")
+if(NOT KD_SYSTEMD_USER_UNIT_DIR)
+  set(unitdir "")
+  find_package(PkgConfig QUIET)
+  if(PKG_CONFIG_FOUND)
+    pkg_get_variable(unitdir systemd systemduserunitdir)
+    pkg_get_variable(systemd_prefix systemd prefix)
+  endif()
+  if(unitdir AND systemd_prefix AND unitdir MATCHES "^${systemd_prefix}/(.+)$")
+    set(KD_SYSTEMD_USER_UNIT_DIR "${CMAKE_MATCH_1}")
+  else()
+    set(KD_SYSTEMD_USER_UNIT_DIR "lib/systemd/user")
+  endif()
+endif()
+
+# bash-completion's folder, relative to the prefix likewise.
+set(KD_BASH_COMPLETION_DIR "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
+
+# kd_install_configured(TEMPLATE OUTPUT DESTINATION [COMPONENT c]): installs
+# TEMPLATE, configured at install time (@KD_FULL_BINDIR@, @KD_PREFIX@, ...), as
+# DESTINATION/OUTPUT. DESTINATION is relative to the prefix, absolute, or
+# AUTOSTART for the XDG autostart folder.
+function(kd_install_configured template output destination)
+  set(code "")
+  foreach(name BINDIR LIBDIR INCLUDEDIR DATADIR DOCDIR MANDIR SYSCONFDIR)
+    string(APPEND code "set(KD_DIR_${name} [==[${CMAKE_INSTALL_${name}}]==])\n")
+  endforeach()
+  string(APPEND code
+         "set(KD_TEMPLATE [==[${template}]==])\n"
+         "set(KD_OUTPUT [==[${output}]==])\n"
+         "set(KD_DESTINATION [==[${destination}]==])\n"
+         "set(KD_SYSCONFDIR_DEFAULT ${KD_SYSCONFDIR_DEFAULT})\n"
+         "set(KD_VERSION [==[${PROJECT_VERSION}]==])\n"
+         "set(KD_WORK_DIR [==[${PROJECT_BINARY_DIR}/install-configured]==])\n"
+         "include([==[${PROJECT_SOURCE_DIR}/cmake/KdInstallConfigured.cmake]==])\n")
+  install(CODE "${code}")
+endfunction()

@@ -1,0 +1,66 @@
+# The library for other applications: one shared library, libKd.so, made of
+# every subsystem library that the in-tree interface target `Kd` lists, with
+# the public headers under include/kd/. Installed with a CMake package (Kd::Kd)
+# and a pkg-config file (kd). The project's warning and sanitizer options stay
+# private: the exported target carries only its include folders and C++20.
+include(CMakePackageConfigHelpers)
+
+get_target_property(kd_parts Kd INTERFACE_LINK_LIBRARIES)
+set(kd_archives "")
+foreach(part ${kd_parts})
+  if(TARGET ${part})
+    get_target_property(type ${part} TYPE)
+    if(type STREQUAL "STATIC_LIBRARY")
+      list(APPEND kd_archives ${part})
+    endif()
+  endif()
+endforeach()
+
+add_library(kd_shared SHARED)
+target_sources(kd_shared PRIVATE ${PROJECT_SOURCE_DIR}/src/KdLibrary.cpp)
+set_target_properties(kd_shared PROPERTIES
+  OUTPUT_NAME Kd
+  EXPORT_NAME Kd
+  VERSION ${PROJECT_VERSION}
+  SOVERSION ${PROJECT_VERSION_MAJOR})
+# Every object of the subsystems goes in, used here or not; linking the
+# subsystem libraries as well brings their own dependencies. The link fails
+# when a symbol is left undefined.
+foreach(part ${kd_archives})
+  target_sources(kd_shared PRIVATE $<TARGET_OBJECTS:${part}>)
+endforeach()
+target_link_libraries(kd_shared PRIVATE kd_options ${kd_archives})
+target_link_options(kd_shared PRIVATE -Wl,--no-undefined)
+target_compile_features(kd_shared PUBLIC cxx_std_20)
+target_include_directories(kd_shared PUBLIC
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
+  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/kd>)
+add_library(Kd::Kd ALIAS kd_shared)
+
+install(TARGETS kd_shared EXPORT KdTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+# Headers keep their folders: <kd/log/KdLog.h>, and the headers' own includes
+# ("common/Path.h") resolve through include/kd. Platform implementations and
+# test hooks are not part of the interface.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kd
+        FILES_MATCHING PATTERN "*.h"
+        PATTERN "linux" EXCLUDE
+        PATTERN "macos" EXCLUDE
+        PATTERN "*Testing.h" EXCLUDE
+        PATTERN "FerrimoHelper.h" EXCLUDE)
+
+set(KD_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Kd)
+install(EXPORT KdTargets NAMESPACE Kd:: DESTINATION ${KD_CMAKE_DIR})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KdConfig.cmake.in
+                              ${PROJECT_BINARY_DIR}/KdConfig.cmake
+                              INSTALL_DESTINATION ${KD_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KdConfigVersion.cmake
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/KdConfig.cmake ${PROJECT_BINARY_DIR}/KdConfigVersion.cmake
+        DESTINATION ${KD_CMAKE_DIR})
+kd_install_configured(${PROJECT_SOURCE_DIR}/cmake/kd.pc.in kd.pc
+                      ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,13 @@
+// An application of its own that uses the installed Kd library.
+#include <kd/files/KdFileManager.h>
+#include <kd/paths/KdLocalPaths.h>
+
+#include <iostream>
+
+int main(int argc, char** argv) {
+  const std::string folder = argc > 1 ? argv[1] : "/";
+  std::cout << "guard /usr: " << KdLocalPaths::isPathSystemDirectory("/usr", true) << '\n';
+  for (const std::string& path : KdFileManager::filesMatchingWildcardPath("*.txt", folder))
+    std::cout << "match: " << path << '\n';
+  return 0;
+}

@@ -1,0 +1,129 @@
+// kd's rules for scripts: data on standard output, messages on standard error,
+// a write error fails the command, `kd run` statuses, NUL-terminated records.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <set>
+
+#include "support/TempDir.h"
+
+namespace {
+
+struct Result {
+  int status = -1;  // exit status, or -1 when kd did not exit normally
+  std::string out;
+  std::string err;
+};
+
+// Runs kd with a home of its own in `cwd`; standard output goes to `outPath`
+// (a file in the temporary folder when empty).
+Result runKd(const kd::test::TempDir& dir, std::vector<std::string> args,
+             const std::string& cwd = "/", std::string outPath = "") {
+  const std::string errPath = dir / "stderr";
+  const bool captureOut = outPath.empty();
+  if (captureOut) outPath = dir / "stdout";
+  args.insert(args.begin(), KD_TOOL_PATH);
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  std::string home = "HOME=" + dir.mkdir("home"), path = "PATH=/usr/bin:/bin";
+  char* envp[] = {home.data(), path.data(), nullptr};
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                   0644);
+  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                   0644);
+  posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
+  pid_t pid = -1;
+  Result result;
+  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp) == 0) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
+  }
+  posix_spawn_file_actions_destroy(&actions);
+  if (captureOut) result.out = kd::test::readFile(outPath);
+  result.err = kd::test::readFile(errPath);
+  return result;
+}
+
+}  // namespace
+
+TEST(KdToolOutput, VersionAndUsage) {
+  kd::test::TempDir dir;
+  Result version = runKd(dir, {"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.out, std::string("kd ") + KD_VERSION + "\n");
+  EXPECT_EQ(version.err, "");
+
+  Result usage = runKd(dir, {"match"});
+  EXPECT_EQ(usage.status, 2);
+  EXPECT_EQ(usage.out, "");
+  EXPECT_NE(usage.err.find("kd: "), std::string::npos) << usage.err;
+}
+
+TEST(KdToolOutput, DataThatCannotBeWrittenFailsTheCommand) {
+  if (access("/dev/full", W_OK) != 0) GTEST_SKIP() << "no /dev/full";
+  kd::test::TempDir dir;
+  for (const char* command : {"paths", "version"}) {
+    Result r = runKd(dir, {command}, "/", "/dev/full");
+    EXPECT_EQ(r.status, 1) << command;
+    EXPECT_EQ(r.err, "kd: write error\n") << command;
+  }
+}
+
+TEST(KdToolOutput, RunStatusesAndMessagesOnStandardError) {
+  kd::test::TempDir dir;
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string out;
+    std::string errHas;  // a part of standard error ("" for nothing)
+  } cases[] = {
+      {{"run", "--", "/bin/sh", "-c", "echo out; exit 3"}, 0, "out\n", ""},
+      {{"run", "--status", "--", "/bin/sh", "-c", "echo out; exit 3"}, 3, "out\n", ""},
+      {{"run", "--status", "--", "/bin/sh", "-c", "kill -KILL $$"}, 128 + SIGKILL, "", ""},
+      {{"run", "--status", "--", "/bin/true"}, 0, "", ""},
+      {{"run", "--", "/nonexistent/tool"}, 1, "", "/nonexistent/tool is not executable"},
+      {{"run", "--timeout", "1", "--", "/bin/sh", "-c", "echo partial; exec sleep 30"},
+       124,
+       "partial\n",
+       "timed out"},
+  };
+  for (const Case& c : cases) {
+    Result r = runKd(dir, c.args);
+    const std::string what = c.args.back();
+    EXPECT_EQ(r.status, c.status) << what << "\n" << r.err;
+    EXPECT_EQ(r.out, c.out) << what;
+    if (c.errHas.empty())
+      EXPECT_EQ(r.err, "") << what;
+    else
+      EXPECT_NE(r.err.find(c.errHas), std::string::npos) << what << ": " << r.err;
+  }
+}
+
+TEST(KdToolOutput, RelativeMatchStartsInTheCurrentFolderAndNullEndsRecords) {
+  kd::test::TempDir dir;
+  const std::string cwd = dir.mkdir("cwd");
+  dir.touch("cwd/a\nb.MXF");
+  dir.touch("cwd/c.MXF");
+  dir.touch("cwd/d.txt");
+
+  Result r = runKd(dir, {"match", "--null", "*.MXF"}, cwd);
+  EXPECT_EQ(r.status, 0) << r.err;
+  std::set<std::string> records;
+  for (std::size_t start = 0, end; (end = r.out.find('\0', start)) != std::string::npos;
+       start = end + 1)
+    records.insert(r.out.substr(start, end - start));
+  EXPECT_EQ(records, (std::set<std::string>{cwd + "/a\nb.MXF", cwd + "/c.MXF"}));
+  EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\0'), 2);
+
+  Result lines = runKd(dir, {"match", "d.*"}, cwd);
+  EXPECT_EQ(lines.out, cwd + "/d.txt\n");
+  Result absolute = runKd(dir, {"match", cwd + "/d.*"}, "/");
+  EXPECT_EQ(absolute.out, cwd + "/d.txt\n");
+}
