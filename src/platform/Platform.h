@@ -18,6 +18,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Privilege.h"
+
 namespace kd {
 
 // The platform's search-path directory kinds (numbers are the macOS constants).
@@ -129,6 +131,9 @@ class Platform {
   // <appName>_<YYYY-MM-DD-HHMMSS>_<host>.crash in `reportFolder`. macOS writes
   // its own reports; there this does nothing.
   virtual void installCrashHandler(const std::string& appName, const std::string& reportFolder) = 0;
+
+  // --- Administrator rights (platform/Privilege.h) -------------------------------
+  virtual PrivilegeService& privilege() = 0;
 };
 
 // Forwards every call to another platform; fakes derive from it.
@@ -180,6 +185,7 @@ class ForwardingPlatform : public Platform {
   void installCrashHandler(const std::string& appName, const std::string& reportFolder) override {
     target_.installCrashHandler(appName, reportFolder);
   }
+  PrivilegeService& privilege() override { return target_.privilege(); }
 
  protected:
   Platform& target() { return target_; }

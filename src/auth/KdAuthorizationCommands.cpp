@@ -1,0 +1,163 @@
+// The privileged file commands: each is one standard tool run through the
+// launcher, waited for, and successful only when the tool exits 0.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "auth/KdAuthorization.h"
+#include "common/Path.h"
+#include "log/Format.h"
+#include "paths/KdLocalPaths.h"
+#include "platform/Platform.h"
+
+namespace {
+
+constexpr char kRm[] = "/bin/rm";
+constexpr char kMv[] = "/bin/mv";
+constexpr char kCp[] = "/bin/cp";
+constexpr char kMkdir[] = "/bin/mkdir";
+
+constexpr char kRefuseDelete[] = "Unable to delete path %@ because it is a system directory.";
+constexpr char kRefuseTrash[] = "Unable to trash path %@ because it is a system directory.";
+constexpr char kRefuseTrashContents[] =
+    "Unable to trash folder contents of path %@ because it is a system directory.";
+constexpr char kRefuseMoveContents[] =
+    "Unable to move contents of path %@ because it is a system directory.";
+constexpr char kRefuseMove[] = "Unable to move path %@ because it is a system directory.";
+
+void systemLog(std::string_view message) {
+  kd::platform().systemLog(message);
+}
+
+// Something is there, or may be: a place we may not look into counts as
+// present, so that the privileged tool decides.
+bool mayExist(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
+// The folder's entry names in the file system's order; none when it cannot be
+// listed (`unreadable` then tells whether it exists but may not be read).
+std::vector<std::string> entriesOf(const std::string& folder, bool* unreadable) {
+  std::vector<std::string> names;
+  *unreadable = false;
+  DIR* dir = ::opendir(folder.c_str());
+  if (!dir) {
+    *unreadable = errno == EACCES || errno == EPERM;
+    return names;
+  }
+  while (dirent* entry = ::readdir(dir)) {
+    std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(std::move(name));
+  }
+  ::closedir(dir);
+  return names;
+}
+
+}  // namespace
+
+bool KdAuthorization::refuses(const std::string& path, const char* message) {
+  if (!KdLocalPaths::isPathSystemDirectory(path, true) && !isProtectedTarget(path)) return false;
+  systemLog(kd::format(message, path));
+  return true;
+}
+
+std::int32_t KdAuthorization::runWaiting(const std::string& tool,
+                                         const std::vector<std::string>& arguments) {
+  return authExecTask(tool, arguments, /*async=*/false);
+}
+
+bool KdAuthorization::authRemoveFile(const std::string& path) {
+  if (refuses(path, kRefuseDelete)) return false;
+  OptString target = absolutePath(path);
+  return target && runWaiting(kRm, {"-Rdf", "--", *target}) == 0;
+}
+
+bool KdAuthorization::moveFile(const std::string& source, const std::string& destination,
+                               bool replace) {
+  // Without `replace`: never onto something that is there, and never into a
+  // folder of the destination's name.
+  std::vector<std::string> arguments =
+      replace ? std::vector<std::string>{"-f", "--", source, destination}
+              : std::vector<std::string>{"-n", "-T", "--", source, destination};
+  return runWaiting(kMv, arguments) == 0;
+}
+
+bool KdAuthorization::authMoveFile(const OptString& source, const OptString& destination) {
+  if (!source) {
+    systemLog("Error in authMoveFile: old path is null");
+    return false;
+  }
+  if (!destination) {
+    systemLog("Error in authMoveFile: new path is null");
+    return false;
+  }
+  if (refuses(*source, kRefuseMove)) return false;
+  OptString from = absolutePath(*source), to = absolutePath(*destination);
+  if (!from || !to || !mayExist(*from)) return false;
+  return moveFile(*from, *to, /*replace=*/true);
+}
+
+bool KdAuthorization::authCopyFile(const OptString& source, const OptString& destination) {
+  if (!source) {
+    systemLog("Error in authCopyFile: old path is null");
+    return false;
+  }
+  if (!destination) {
+    systemLog("Error in authCopyFile: new path is null");
+    return false;
+  }
+  OptString from = absolutePath(*source), to = absolutePath(*destination);
+  if (!from || !to || !mayExist(*from)) return false;
+  return runWaiting(kCp, {"-f", "-p", "-R", "--", *from, *to}) == 0;
+}
+
+bool KdAuthorization::authCreateDir(const std::string& path) {
+  OptString target = absolutePath(path);
+  if (!target || runWaiting(kMkdir, {"-p", "--", *target}) != 0) return false;
+  if (!KdLocalPaths::isRoot()) ::usleep(500);
+  return true;
+}
+
+bool KdAuthorization::authTrashFile(const std::string& path, bool deleteOnRootAccount) {
+  if (refuses(path, kRefuseTrash)) return false;
+  OptString source = absolutePath(path);
+  return source && trashInto(*source, deleteOnRootAccount);
+}
+
+bool KdAuthorization::authTrashFolderContents(const std::string& path, bool deleteOnRootAccount) {
+  if (refuses(path, kRefuseTrashContents)) return false;
+  OptString folder = absolutePath(path);
+  if (!folder) return false;
+  bool unreadable = false;
+  std::vector<std::string> names = entriesOf(*folder, &unreadable);
+  // A folder we may not list is not reported as emptied.
+  if (unreadable) return false;
+  const bool removeInstead = deleteOnRootAccount && !userDirectory_ && KdLocalPaths::isRoot();
+  bool allDone = true;
+  for (const std::string& name : names) {
+    const std::string entry = kd::path::append(*folder, name);
+    const bool done =
+        removeInstead ? runWaiting(kRm, {"-R", "-f", "--", entry}) == 0 : authTrashFile(entry);
+    allDone = allDone && done;
+  }
+  return allDone;
+}
+
+bool KdAuthorization::authMoveFolderContents(const std::string& source,
+                                             const std::string& destination) {
+  if (refuses(source, kRefuseMoveContents)) return false;
+  OptString from = absolutePath(source), to = absolutePath(destination);
+  if (!from || !to) return false;
+  bool unreadable = false;
+  std::vector<std::string> names = entriesOf(*from, &unreadable);
+  if (unreadable) return false;
+  bool allDone = true;
+  for (const std::string& name : names) {
+    const bool done = authMoveFile(kd::path::append(*from, name), kd::path::append(*to, name));
+    allDone = allDone && done;
+  }
+  return allDone;
+}
