@@ -117,6 +117,9 @@ class ThrowawayAdmin {
   uid_t uid() const { return uid_; }
   std::string helper() const { return bin_ + "/kd-privileged"; }
 
+  // Takes the user's sudoers entry away.
+  bool removeRule() { return ::unlink(sudoers_.c_str()) == 0; }
+
   // The user may run anything as root, with or without being asked for a
   // password.
   bool setRule(bool noPassword) {
@@ -270,6 +273,11 @@ TEST_F(AdminSession, AWrongPasswordGivesNoSessionEvenWhereSudoWouldNotAsk) {
     ASSERT_TRUE(admin_->setRule(noPassword));
     runAsAdmin("WrongPassword", admin_->password() + "x");
   }
+}
+
+TEST_F(AdminSession, TheRightPasswordOfAUserWithoutRightsGivesNoSession) {
+  ASSERT_TRUE(admin_->removeRule());
+  runAsAdmin("WrongPassword", admin_->password());
 }
 
 TEST_F(AdminSession, ThePasswordIsCheckedWhereSudoWouldNotAsk) {

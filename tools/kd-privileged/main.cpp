@@ -78,10 +78,16 @@ Spawned spawnTool(const std::vector<std::string>& argv, bool capture) {
   UniqueFd outRead, outWrite, errRead, errWrite;
   if (capture) {
     int out[2], err[2];
-    if (::pipe2(out, O_CLOEXEC) != 0) return s.failure = errno, std::move(s);
+    if (::pipe2(out, O_CLOEXEC) != 0) {
+      s.failure = errno;
+      return s;
+    }
     outRead.reset(out[0]);
     outWrite.reset(out[1]);
-    if (::pipe2(err, O_CLOEXEC) != 0) return s.failure = errno, std::move(s);
+    if (::pipe2(err, O_CLOEXEC) != 0) {
+      s.failure = errno;
+      return s;
+    }
     errRead.reset(err[0]);
     errWrite.reset(err[1]);
   }

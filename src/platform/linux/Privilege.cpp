@@ -110,7 +110,10 @@ class CoProcess final : public PrivilegedChannel {
   }
 
   bool alive() override {
-    std::lock_guard lock(mutex_);
+    // A request in progress answers for itself when it ends; meanwhile the
+    // co-process counts as alive, and nobody waits for the request here.
+    std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock) return true;
     if (!toChild_) return false;
     // Between requests the co-process says nothing: anything readable means
     // it has ended (or broken the conversation).
