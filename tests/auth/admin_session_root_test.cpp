@@ -136,7 +136,11 @@ class ThrowawayAdmin {
 
   // Starts this program as the user, running AsAdmin.<test> with `input` on
   // its standard input; its output and error come back through `output`.
-  pid_t start(const std::string& test, const std::string& input, UniqueFd* output) {
+  // With `effectiveRoot` it keeps an effective user id of 0, as a program
+  // started with rights would.
+  pid_t start(const std::string& test, const std::string& input, UniqueFd* output,
+              bool effectiveRoot = false) {
+    const uid_t effective = effectiveRoot ? 0 : uid_;
     const std::string program = bin_ + "/" + path::lastComponent(selfExecutable());
     std::vector<std::string> args = {program, "--gtest_filter=AsAdmin." + test};
     std::vector<std::string> env = {"HOME=" + home_,
@@ -156,7 +160,7 @@ class ThrowawayAdmin {
     if (pid == 0) {
       if (::dup2(in[0], 0) < 0 || ::dup2(out[1], 1) < 0 || ::dup2(out[1], 2) < 0 ||
           ::setgroups(0, nullptr) != 0 || ::setresgid(gid_, gid_, gid_) != 0 ||
-          ::setresuid(uid_, uid_, uid_) != 0 || ::chdir(home_.c_str()) != 0)
+          ::setresuid(uid_, effective, effective) != 0 || ::chdir(home_.c_str()) != 0)
         ::_exit(126);
       ::execve(argv[0], argv.data(), envp.data());
       ::_exit(127);
@@ -216,9 +220,9 @@ class AdminSession : public ::testing::Test {
     ASSERT_TRUE(admin_->ready()) << "could not make the throwaway user";
   }
   // Runs AsAdmin.<test> as the user and expects it to pass.
-  void runAsAdmin(const std::string& test, const std::string& input) {
+  void runAsAdmin(const std::string& test, const std::string& input, bool effectiveRoot = false) {
     UniqueFd output;
-    const pid_t pid = admin_->start(test, input, &output);
+    const pid_t pid = admin_->start(test, input, &output, effectiveRoot);
     ASSERT_GT(pid, 0);
     std::string text;
     EXPECT_EQ(ThrowawayAdmin::finish(pid, output, &text), 0) << text;
@@ -283,6 +287,13 @@ TEST_F(AdminSession, TheRightPasswordOfAUserWithoutRightsGivesNoSession) {
 TEST_F(AdminSession, ThePasswordIsCheckedWhereSudoWouldNotAsk) {
   ASSERT_TRUE(admin_->setRule(true));
   runAsAdmin("RightPasswordWithoutAsking", admin_->password());
+}
+
+TEST_F(AdminSession, AProgramStartedWithRightsHasThemWithoutAPassword) {
+  ASSERT_TRUE(admin_->removeRule());
+  std::ofstream(admin_->work() + "/victim") << "v";
+  runAsAdmin("InheritedRights", "", /*effectiveRoot=*/true);
+  EXPECT_FALSE(exists(admin_->work() + "/victim"));
 }
 
 TEST_F(AdminSession, KillingTheProgramEndsTheCoProcess) {
@@ -418,6 +429,22 @@ TEST_F(AsAdmin, WrongPassword) {
   ASSERT_FALSE(logs.empty());
   const std::string log = readFile(logs.front());
   EXPECT_NE(log.find(std::string(" - ") + kInvalid + "\n"), std::string::npos) << log;
+}
+
+TEST_F(AsAdmin, InheritedRights) {
+  auto auth = Access::make(false);
+  EXPECT_TRUE(auth->isAuthorized());
+  EXPECT_TRUE(auth->authStart());
+  EXPECT_EQ(Access::coProcessId(*auth), 0);  // started when first needed
+  EXPECT_TRUE(auth->authRemoveFile(work_ + "/victim"));
+  const int pid = Access::coProcessId(*auth);
+  EXPECT_GT(pid, 0);
+  EXPECT_EQ(
+      readFile("/proc/" + std::to_string(pid) + "/cmdline"),
+      path::deletingLastComponent(selfExecutable()) + "/kd-privileged" + std::string(1, '\0'));
+  auth->authEnd();
+  EXPECT_FALSE(auth->isAuthorized());
+  EXPECT_TRUE(gone(pid));
 }
 
 TEST_F(AsAdmin, HoldSession) {
