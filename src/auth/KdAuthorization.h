@@ -72,6 +72,7 @@ class KdAuthorization {
                             bool async = true);
 
   // --- File commands (each waits for its tool and succeeds when it exits 0) --------
+  // A move or copy onto an existing destination fails and replaces nothing.
   bool authRemoveFile(const std::string& path);
   bool authTrashFile(const std::string& path, bool deleteOnRootAccount = false);
   bool authTrashFolderContents(const std::string& path, bool deleteOnRootAccount = false);
@@ -104,7 +105,8 @@ class KdAuthorization {
   // The launcher, waiting for the tool: the exit status as an int32, or
   // -1 / -2 / the start error.
   std::int32_t runWaiting(const std::string& tool, const std::vector<std::string>& arguments);
-  bool moveFile(const std::string& source, const std::string& destination, bool replace);
+  // Moves without replacing anything; true when the item is at its new place.
+  bool moveFile(const std::string& source, const std::string& destination);
   // The path made absolute against the working folder (the co-process works
   // in "/"); none when the working folder is unknown.
   static OptString absolutePath(const std::string& path);

@@ -1,5 +1,6 @@
 // The privileged file commands: each is one standard tool run through the
-// launcher, waited for, and successful only when the tool exits 0.
+// launcher, waited for, and successful only when the tool exits 0. A move or
+// copy never replaces what is at its destination.
 #include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,6 +34,11 @@ void systemLog(std::string_view message) {
 
 // Something is there, or may be: a place we may not look into counts as
 // present, so that the privileged tool decides.
+bool exists(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
 bool mayExist(const std::string& path) {
   struct stat st {};
   return ::lstat(path.c_str(), &st) == 0 || (errno != ENOENT && errno != ENOTDIR);
@@ -75,14 +81,11 @@ bool KdAuthorization::authRemoveFile(const std::string& path) {
   return target && runWaiting(kRm, {"-Rdf", "--", *target}) == 0;
 }
 
-bool KdAuthorization::moveFile(const std::string& source, const std::string& destination,
-                               bool replace) {
-  // Without `replace`: never onto something that is there, and never into a
-  // folder of the destination's name.
-  std::vector<std::string> arguments =
-      replace ? std::vector<std::string>{"-f", "--", source, destination}
-              : std::vector<std::string>{"-n", "-T", "--", source, destination};
-  return runWaiting(kMv, arguments) == 0;
+bool KdAuthorization::moveFile(const std::string& source, const std::string& destination) {
+  // Never onto something that is there, and never into a folder of the
+  // destination's name. mv -n reports success when it skips: look.
+  return runWaiting(kMv, {"-n", "-T", "--", source, destination}) == 0 && mayExist(destination) &&
+         !exists(source);
 }
 
 bool KdAuthorization::authMoveFile(const OptString& source, const OptString& destination) {
@@ -96,8 +99,8 @@ bool KdAuthorization::authMoveFile(const OptString& source, const OptString& des
   }
   if (refuses(*source, kRefuseMove)) return false;
   OptString from = absolutePath(*source), to = absolutePath(*destination);
-  if (!from || !to || !mayExist(*from)) return false;
-  return moveFile(*from, *to, /*replace=*/true);
+  if (!from || !to || !mayExist(*from) || mayExist(*to)) return false;
+  return moveFile(*from, *to);
 }
 
 bool KdAuthorization::authCopyFile(const OptString& source, const OptString& destination) {
@@ -110,8 +113,9 @@ bool KdAuthorization::authCopyFile(const OptString& source, const OptString& des
     return false;
   }
   OptString from = absolutePath(*source), to = absolutePath(*destination);
-  if (!from || !to || !mayExist(*from)) return false;
-  return runWaiting(kCp, {"-f", "-p", "-R", "--", *from, *to}) == 0;
+  // As the move: never onto or into what is there.
+  if (!from || !to || !mayExist(*from) || mayExist(*to)) return false;
+  return runWaiting(kCp, {"-n", "-p", "-R", "-T", "--", *from, *to}) == 0 && mayExist(*to);
 }
 
 bool KdAuthorization::authCreateDir(const std::string& path) {

@@ -148,8 +148,7 @@ bool KdAuthorization::trashInto(const std::string& source, bool deleteOnRootAcco
     }
     const std::string destination = kd::path::append(files, candidate(attempt));
     // mv -n reports success when it skips an existing destination: look.
-    if (moveFile(source, destination, /*replace=*/false) && exists(destination) && !exists(source))
-      return true;
+    if (moveFile(source, destination)) return true;
     ::unlink(record.c_str());
     return false;
   }

@@ -255,6 +255,16 @@ TEST_F(RootCommands, FileCommandsSucceedOnlyWhenTheirToolDid) {
   EXPECT_TRUE(auth_->authCopyFile(work_ + "/b", work_ + "/c"));
   EXPECT_EQ(readFile(work_ + "/c"), "A");
   EXPECT_FALSE(auth_->authCopyFile(work_ + "/b", work_ + "/missing-folder/c"));
+  // Nothing is replaced, nor moved or copied into a folder of the name.
+  const std::string other = tmp_.touch("work/other", "O");
+  tmp_.mkdir("work/folder");
+  EXPECT_FALSE(auth_->authMoveFile(other, work_ + "/b"));
+  EXPECT_FALSE(auth_->authCopyFile(other, work_ + "/b"));
+  EXPECT_FALSE(auth_->authMoveFile(other, work_ + "/folder"));
+  EXPECT_FALSE(auth_->authCopyFile(other, work_ + "/folder"));
+  EXPECT_EQ(readFile(work_ + "/b") + readFile(other), "AO");
+  EXPECT_TRUE(std::filesystem::is_empty(work_ + "/folder"));
+
   EXPECT_TRUE(auth_->authCreateDir(work_ + "/d/e"));
   EXPECT_TRUE(auth_->authCreateDir(work_ + "/d/e"));
   EXPECT_FALSE(auth_->authCreateDir(work_ + "/b/e"));  // below a file

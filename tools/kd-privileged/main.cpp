@@ -8,8 +8,10 @@
 // a fixed environment and no other descriptor. A waited-for run returns the
 // tool's exit status and its (bounded) output.
 //
-// It ends when its input closes, when its parent ends, or on any request it
-// cannot read, so it never outlives the program that started it. It takes no
+// It ends when its input closes (the program that started it holds the only
+// writing end, so that happens when the program ends or lets it go) and on
+// any request it cannot read. While it waits for a tool, the end of its input
+// stops the tool (SIGTERM) and ends it too. It never outlives the program. It takes no
 // options and reads nothing else: no files, no environment.
 //
 // Single-threaded.
@@ -17,7 +19,6 @@
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -190,13 +191,6 @@ int main() {
   ::signal(SIGPIPE, SIG_IGN);
   if (::chdir("/") != 0) return 1;
   ::umask(022);
-  // The parent is the launcher (sudo) or the program itself (pkexec, a direct
-  // start); either way its end is ours. Our input closing does the same for
-  // the program behind sudo.
-  const pid_t parent = ::getppid();
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (::getppid() != parent) return 1;
-
   std::string hello = std::string(wire::kHello) + " " + std::to_string(::getpid()) + " " +
                       std::to_string(::geteuid()) + "\n";
   if (!wire::writeAll(kOut, hello) || !synchronise()) return 1;
