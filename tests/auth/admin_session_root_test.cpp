@@ -73,6 +73,7 @@ class ThrowawayAdmin {
       : name_("kdauth" + std::to_string(::getpid())),
         sudoers_("/etc/sudoers.d/kdauth-test-" + std::to_string(::getpid())),
         password_(std::move(password)) {
+    removeLeftovers();
     ::chmod(dir_.path().c_str(), 0755);
     home_ = dir_ / "home";
     work_ = dir_.mkdir("work");
@@ -185,6 +186,25 @@ class ThrowawayAdmin {
   }
 
  private:
+  // Users and sudoers entries of runs of this test that were killed before
+  // they could clean up (their process no longer exists).
+  static void removeLeftovers() {
+    auto deadRun = [](const std::string& name, const std::string& prefix) {
+      if (!name.starts_with(prefix)) return false;
+      const std::string pid = name.substr(prefix.size(), name.find('.') - prefix.size());
+      return !pid.empty() && pid.find_first_not_of("0123456789") == std::string::npos &&
+             ::kill(std::stoi(pid), 0) != 0 && errno == ESRCH;
+    };
+    for (const auto& entry : fs::directory_iterator("/etc/sudoers.d"))
+      if (deadRun(entry.path().filename(), "kdauth-test-")) ::unlink(entry.path().c_str());
+    std::ifstream passwd("/etc/passwd");
+    for (std::string line; std::getline(passwd, line);) {
+      const std::string name = line.substr(0, line.find(':'));
+      if (deadRun(name, "kdauth"))
+        KdTaskEx::terminationCodeFromTask("/usr/sbin/userdel", {"-f", name});
+    }
+  }
+
   // Processes of the throwaway user, and co-processes started from our copy,
   // ended by their ids.
   void endProcesses() {
