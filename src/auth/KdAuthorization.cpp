@@ -198,24 +198,7 @@ std::int32_t KdAuthorization::authExecTask(const std::string& tool,
     return KdTaskEx::terminationCodeFromTask(tool, parameters);
   }
 
-  std::shared_ptr<kd::PrivilegedChannel> channel = liveChannel();
-  if (!channel) {
-    bool inherited = false;
-    {
-      std::lock_guard lock(mutex_);
-      inherited = inherited_;
-    }
-    if (inherited) {
-      std::lock_guard start(startMutex_);
-      if (OptString helper = privilegedHelperPath()) {
-        kd::PrivilegeOpening opening = privilege().openInherited(*helper);
-        if (opening.channel) replaceSession(std::move(opening.channel), true);
-      }
-    } else {
-      authStart();
-    }
-    channel = liveChannel();
-  }
+  std::shared_ptr<kd::PrivilegedChannel> channel = session();
   if (!channel) return -1;
   kd::PrivilegedRun run = channel->run(tool, parameters, !async);
   if (run.status == -1) {
@@ -224,4 +207,34 @@ std::int32_t KdAuthorization::authExecTask(const std::string& tool,
   }
   if (run.status != 0 || async) return run.status;
   return run.exitStatus;
+}
+
+std::shared_ptr<kd::PrivilegedChannel> KdAuthorization::session() {
+  if (auto channel = liveChannel()) return channel;
+  bool inherited = false;
+  {
+    std::lock_guard lock(mutex_);
+    inherited = inherited_;
+  }
+  if (inherited) {
+    std::lock_guard start(startMutex_);
+    if (liveChannel()) return liveChannel();
+    if (OptString helper = privilegedHelperPath()) {
+      kd::PrivilegeOpening opening = privilege().openInherited(*helper);
+      if (opening.channel) replaceSession(std::move(opening.channel), true);
+    }
+  } else {
+    authStart();
+  }
+  return liveChannel();
+}
+
+std::optional<std::string> KdAuthorization::outputOf(const std::string& tool,
+                                                     const std::vector<std::string>& arguments) {
+  if (KdLocalPaths::isRoot()) return std::nullopt;  // a root process needs no help to look
+  std::shared_ptr<kd::PrivilegedChannel> channel = session();
+  if (!channel) return std::nullopt;
+  kd::PrivilegedRun run = channel->run(tool, arguments, true);
+  if (run.status != 0 || run.exitStatus != 0) return std::nullopt;
+  return std::move(run.output);
 }

@@ -102,6 +102,14 @@ class KdAuthorization {
   std::shared_ptr<kd::PrivilegedChannel> liveChannel();
   // Replaces the session; the old co-process ends outside the lock.
   void replaceSession(std::shared_ptr<kd::PrivilegedChannel> channel, bool inherited);
+  // The session's channel, started (or asked for) when there is none.
+  std::shared_ptr<kd::PrivilegedChannel> session();
+  // What a tool run with rights wrote, when it exited 0 (not for root).
+  std::optional<std::string> outputOf(const std::string& tool,
+                                      const std::vector<std::string>& arguments);
+  // A folder's entry names, listed with rights when the user may not list it;
+  // none when it cannot be listed at all.
+  std::optional<std::vector<std::string>> entriesOf(const std::string& folder);
   // The launcher, waiting for the tool: the exit status as an int32, or
   // -1 / -2 / the start error.
   std::int32_t runWaiting(const std::string& tool, const std::vector<std::string>& arguments);

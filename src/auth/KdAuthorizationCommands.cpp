@@ -19,6 +19,7 @@ constexpr char kRm[] = "/bin/rm";
 constexpr char kMv[] = "/bin/mv";
 constexpr char kCp[] = "/bin/cp";
 constexpr char kMkdir[] = "/bin/mkdir";
+constexpr char kFind[] = "/usr/bin/find";
 
 constexpr char kRefuseDelete[] = "Unable to delete path %@ because it is a system directory.";
 constexpr char kRefuseTrash[] = "Unable to trash path %@ because it is a system directory.";
@@ -44,14 +45,20 @@ bool mayExist(const std::string& path) {
   return ::lstat(path.c_str(), &st) == 0 || (errno != ENOENT && errno != ENOTDIR);
 }
 
-// The folder's entry names in the file system's order; none when it cannot be
-// listed (`unreadable` then tells whether it exists but may not be read).
-std::vector<std::string> entriesOf(const std::string& folder, bool* unreadable) {
+}  // namespace
+
+std::optional<std::vector<std::string>> KdAuthorization::entriesOf(const std::string& folder) {
   std::vector<std::string> names;
-  *unreadable = false;
   DIR* dir = ::opendir(folder.c_str());
   if (!dir) {
-    *unreadable = errno == EACCES || errno == EPERM;
+    if (errno == ENOENT || errno == ENOTDIR) return names;  // nothing there: nothing to do
+    // A folder the user may not read is listed with rights, names ending in NUL.
+    std::optional<std::string> listed =
+        outputOf(kFind, {"-H", folder, "-mindepth", "1", "-maxdepth", "1", "-printf", "%f\\0"});
+    if (!listed) return std::nullopt;
+    for (std::size_t start = 0, end; (end = listed->find('\0', start)) != std::string::npos;
+         start = end + 1)
+      names.push_back(listed->substr(start, end - start));
     return names;
   }
   while (dirent* entry = ::readdir(dir)) {
@@ -61,8 +68,6 @@ std::vector<std::string> entriesOf(const std::string& folder, bool* unreadable) 
   ::closedir(dir);
   return names;
 }
-
-}  // namespace
 
 bool KdAuthorization::refuses(const std::string& path, const char* message) {
   if (!KdLocalPaths::isPathSystemDirectory(path, true) && !isProtectedTarget(path)) return false;
@@ -135,13 +140,12 @@ bool KdAuthorization::authTrashFolderContents(const std::string& path, bool dele
   if (refuses(path, kRefuseTrashContents)) return false;
   OptString folder = absolutePath(path);
   if (!folder) return false;
-  bool unreadable = false;
-  std::vector<std::string> names = entriesOf(*folder, &unreadable);
-  // A folder we may not list is not reported as emptied.
-  if (unreadable) return false;
+  // A folder that cannot be listed, even with rights, is not reported as emptied.
+  std::optional<std::vector<std::string>> names = entriesOf(*folder);
+  if (!names) return false;
   const bool removeInstead = deleteOnRootAccount && !userDirectory_ && KdLocalPaths::isRoot();
   bool allDone = true;
-  for (const std::string& name : names) {
+  for (const std::string& name : *names) {
     const std::string entry = kd::path::append(*folder, name);
     const bool done =
         removeInstead ? runWaiting(kRm, {"-R", "-f", "--", entry}) == 0 : authTrashFile(entry);
@@ -155,11 +159,10 @@ bool KdAuthorization::authMoveFolderContents(const std::string& source,
   if (refuses(source, kRefuseMoveContents)) return false;
   OptString from = absolutePath(source), to = absolutePath(destination);
   if (!from || !to) return false;
-  bool unreadable = false;
-  std::vector<std::string> names = entriesOf(*from, &unreadable);
-  if (unreadable) return false;
+  std::optional<std::vector<std::string>> names = entriesOf(*from);
+  if (!names) return false;
   bool allDone = true;
-  for (const std::string& name : names) {
+  for (const std::string& name : *names) {
     const bool done = authMoveFile(kd::path::append(*from, name), kd::path::append(*to, name));
     allDone = allDone && done;
   }

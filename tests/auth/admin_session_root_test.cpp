@@ -254,10 +254,11 @@ class AdminSession : public ::testing::Test {
 TEST_F(AdminSession, TheRightPasswordGivesRootsRightsAndIsSeenNowhere) {
   // Root-owned files in a root-owned folder: only rights can change them.
   for (const std::string f : {"victim", "-rf", "keep/k", "a", "1/clip.mov", "2/clip.mov", "3/notes",
-                              "4/notes", "full/x", "full/y"}) {
+                              "4/notes", "full/x", "full/y", "locked/p", "locked/q"}) {
     fs::create_directories(fs::path(admin_->work() + "/" + f).parent_path());
     std::ofstream(admin_->work() + "/" + f) << f;
   }
+  ::chmod((admin_->work() + "/locked").c_str(), 0700);  // the user may not even list it
 
   UniqueFd output;
   const pid_t pid = admin_->start("RightPassword", admin_->password(), &output);
@@ -396,6 +397,7 @@ TEST_F(AsAdmin, RightPassword) {
   for (const char* item : {"1/clip.mov", "2/clip.mov", "3/notes", "4/notes"})
     EXPECT_TRUE(auth->authTrashFile(work_ + "/" + item)) << item;
   EXPECT_TRUE(auth->authTrashFolderContents(work_ + "/full"));
+  EXPECT_TRUE(auth->authTrashFolderContents(work_ + "/locked"));
   const std::string trash = std::string(std::getenv("HOME")) + "/.local/share/Trash";
   std::set<std::string> names, texts;
   for (const auto& entry : fs::directory_iterator(trash + "/files")) {
@@ -405,7 +407,7 @@ TEST_F(AsAdmin, RightPassword) {
     EXPECT_EQ(ownerOf(trash + "/info/" + name + ".trashinfo"), ::getuid()) << name;
   }
   EXPECT_EQ(texts, (std::set<std::string>{"1/clip.mov", "2/clip.mov", "3/notes", "4/notes",
-                                          "full/x", "full/y"}));
+                                          "full/x", "full/y", "locked/p", "locked/q"}));
   EXPECT_TRUE(names.count("clip.mov") && names.count("notes") && names.count("x"));
   int stamped = 0;
   for (const std::string& name : names)
