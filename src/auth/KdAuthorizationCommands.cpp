@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 
 #include "auth/KdAuthorization.h"
 #include "common/Path.h"
@@ -49,7 +50,7 @@ bool mayExist(const std::string& path) {
 
 std::optional<std::vector<std::string>> KdAuthorization::entriesOf(const std::string& folder) {
   std::vector<std::string> names;
-  DIR* dir = ::opendir(folder.c_str());
+  std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(folder.c_str()), &::closedir);
   if (!dir) {
     if (errno == ENOENT || errno == ENOTDIR) return names;  // nothing there: nothing to do
     // A folder the user may not read is listed with rights, names ending in NUL.
@@ -61,11 +62,10 @@ std::optional<std::vector<std::string>> KdAuthorization::entriesOf(const std::st
       names.push_back(listed->substr(start, end - start));
     return names;
   }
-  while (dirent* entry = ::readdir(dir)) {
+  while (dirent* entry = ::readdir(dir.get())) {
     std::string name = entry->d_name;
     if (name != "." && name != "..") names.push_back(std::move(name));
   }
-  ::closedir(dir);
   return names;
 }
 
