@@ -28,9 +28,16 @@ void systemLog(std::string_view message) {
   kd::platform().systemLog(message);
 }
 
-bool isExecutableFile(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(path.c_str(), X_OK) == 0;
+// The co-process runs as root: it must be an executable file that nobody but
+// its owner can change or replace (neither it nor its folder writable by
+// group or others).
+bool isTrustworthyHelper(const std::string& path) {
+  struct stat st {
+  }, folder{};
+  return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 022) == 0 &&
+         ::access(path.c_str(), X_OK) == 0 &&
+         ::stat(kd::path::deletingLastComponent(path).c_str(), &folder) == 0 &&
+         (folder.st_mode & 022) == 0;
 }
 
 }  // namespace
@@ -115,11 +122,11 @@ KdAuthorization::OptString KdAuthorization::privilegedHelperPath() {
   static constexpr char kName[] = "kd-privileged";
   if (auto self = kd::platform().mainBundle().executablePath) {
     std::string beside = kd::path::append(kd::path::deletingLastComponent(*self), kName);
-    if (isExecutableFile(beside)) return beside;
+    if (isTrustworthyHelper(beside)) return beside;
   }
 #ifdef KD_INSTALL_BINDIR
   std::string installed = kd::path::append(KD_INSTALL_BINDIR, kName);
-  if (isExecutableFile(installed)) return installed;
+  if (isTrustworthyHelper(installed)) return installed;
 #endif
   return std::nullopt;
 }

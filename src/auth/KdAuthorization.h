@@ -90,7 +90,8 @@ class KdAuthorization {
   static bool isProtectedTarget(const std::string& path);
 
   // Where the co-process is looked for: beside the running program, then
-  // where it is installed.
+  // where it is installed; a copy that others than its owner could change
+  // (it or its folder writable by group or others) is passed over.
   static OptString privilegedHelperPath();
 
  private:

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -16,8 +17,10 @@
 
 #include "auth/AuthTestSupport.h"
 #include "common/Path.h"
+#include "support/ChildMode.h"
 #include "support/ScopedEnv.h"
 #include "support/TempDir.h"
+#include "tasks/KdTaskEx.h"
 
 namespace kd::test {
 namespace {
@@ -195,6 +198,34 @@ TEST(KdAuthorizationGuard, ProtectedTargetsAreJudgedWhereTheyLead) {
        }) {
     EXPECT_EQ(KdAuthorization::isProtectedTarget(path), protectedTarget) << path;
   }
+}
+
+int printHelperPath(const std::vector<std::string>&) {
+  std::printf("%s", KdAuthorization::privilegedHelperPath().value_or("none").c_str());
+  return 0;
+}
+KD_CHILD_MODE("helper-path", printHelperPath);
+
+TEST(KdAuthorizationHelper, FoundBesideTheProgramUnlessOthersCouldChangeIt) {
+  TempDir tmp;
+  const std::string bin = tmp.mkdir("bin"), self = selfExecutable();
+  const std::string program = bin + "/tests", helper = bin + "/kd-privileged";
+  std::filesystem::copy_file(self, program);
+  std::filesystem::copy_file(path::deletingLastComponent(self) + "/kd-privileged", helper);
+  auto found = [&] {
+    return KdTaskEx::stringFromTask(program, {"--kd-child", "helper-path"},
+                                    KdTaskEx::UTF8StringEncoding);
+  };
+  for (const auto& [helperMode, folderMode, besideIsFound] :
+       {std::tuple{0755, 0755, true}, std::tuple{0700, 0700, true}, std::tuple{0775, 0755, false},
+        std::tuple{0757, 0755, false}, std::tuple{0755, 0777, false},
+        std::tuple{0644, 0755, false}}) {
+    SCOPED_TRACE(std::to_string(helperMode) + " " + std::to_string(folderMode));
+    ::chmod(helper.c_str(), helperMode);
+    ::chmod(bin.c_str(), folderMode);
+    EXPECT_EQ(found() == helper, besideIsFound) << found();
+  }
+  ::chmod(bin.c_str(), 0755);
 }
 
 // Tools of a root process run directly and are waited for; nothing starts a
