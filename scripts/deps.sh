@@ -7,7 +7,7 @@
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
           libplist-dev libssl-dev libarchive-dev libmount-dev libcli11-dev libsystemd-dev
-          libgtest-dev libgmock-dev libbenchmark-dev
+          libpam0g-dev libgtest-dev libgmock-dev libbenchmark-dev
           util-linux passwd sudo procps libxml2-utils
           systemd desktop-file-utils man-db file dpkg-dev
           dbus-daemon python3-dbus python3-gi)

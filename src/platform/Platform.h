@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "common/FileOwner.h"
+#include "platform/Privilege.h"
 
 namespace kd {
 
@@ -133,6 +134,9 @@ class Platform {
   // <appName>_<YYYY-MM-DD-HHMMSS>_<host>.crash in `reportFolder`. macOS writes
   // its own reports; there this does nothing.
   virtual void installCrashHandler(const std::string& appName, const std::string& reportFolder) = 0;
+
+  // --- Administrator rights (platform/Privilege.h) -------------------------------
+  virtual PrivilegeService& privilege() = 0;
 };
 
 // Forwards every call to another platform; fakes derive from it.
@@ -187,6 +191,7 @@ class ForwardingPlatform : public Platform {
   void installCrashHandler(const std::string& appName, const std::string& reportFolder) override {
     target_.installCrashHandler(appName, reportFolder);
   }
+  PrivilegeService& privilege() override { return target_.privilege(); }
 
  protected:
   Platform& target() { return target_; }

@@ -3,7 +3,8 @@
 // Definitions are split by concern: LinuxPlatform.cpp (identity, system
 // information, system log), Locations.cpp (XDG folders), ConsoleUser.cpp
 // (logind / utmp), Workspace.cpp (removable media, running applications,
-// opening files) and CrashHandler.cpp (crash reports).
+// opening files), CrashHandler.cpp (crash reports) and Privilege.cpp
+// (administrator rights).
 //
 // Stateless apart from what the crash handler installs; callable from any thread.
 #pragma once
@@ -52,6 +53,8 @@ class LinuxPlatform final : public Platform {
                                     std::string_view bundleIdentifier) override;
 
   void installCrashHandler(const std::string& appName, const std::string& reportFolder) override;
+
+  PrivilegeService& privilege() override;  // Privilege.cpp
 };
 
 }  // namespace kd

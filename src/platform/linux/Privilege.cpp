@@ -1,0 +1,340 @@
+#include <fcntl.h>
+#include <security/pam_appl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <string.h>
+#include <sys/random.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+
+#include "platform/linux/LinuxPlatform.h"
+#include "platform/linux/LinuxPrivilege.h"
+#include "platform/linux/PrivilegedWire.h"
+
+extern char** environ;
+
+namespace kd {
+
+namespace {
+
+void wipe(std::string& secret) {
+  explicit_bzero(secret.data(), secret.size());
+  secret.clear();
+}
+
+// Writes to a pipe whose reader may have gone, without letting SIGPIPE end
+// this process: the signal is blocked for this thread and a pending one that
+// the write raised is taken back.
+bool writeToPipe(int fd, std::string_view data) {
+  sigset_t pipeOnly, previous;
+  sigemptyset(&pipeOnly);
+  sigaddset(&pipeOnly, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipeOnly, &previous);
+  bool ok = wire::writeAll(fd, data);
+  if (!ok && errno == EPIPE) {
+    timespec none{};
+    sigtimedwait(&pipeOnly, nullptr, &none);
+  }
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  return ok;
+}
+
+// Waits a little for a launcher that has been told to end, then leaves the
+// rest to a background waiter so that it never stays a zombie.
+void reap(pid_t pid) {
+  if (pid <= 0) return;
+  for (int i = 0; i < 500; ++i) {
+    pid_t r = retryOnEintr([&] { return ::waitpid(pid, nullptr, WNOHANG); });
+    if (r != 0) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  std::thread([pid] { retryOnEintr([&] { return ::waitpid(pid, nullptr, 0); }); }).detach();
+}
+
+std::string nonce() {
+  unsigned char bytes[16] = {};
+  if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
+    auto t = std::chrono::steady_clock::now().time_since_epoch().count();
+    std::memcpy(bytes, &t, sizeof t);
+  }
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned char b : bytes) {
+    out.push_back(kHex[b >> 4]);
+    out.push_back(kHex[b & 15]);
+  }
+  return out;
+}
+
+// The co-process and the launcher that started it (sudo, pkexec, or the
+// co-process itself). Requests are served one at a time under `mutex_`.
+class CoProcess final : public PrivilegedChannel {
+ public:
+  CoProcess(pid_t launcher, UniqueFd toChild, UniqueFd fromChild, int helperPid)
+      : launcher_(launcher),
+        toChild_(std::move(toChild)),
+        fromChild_(std::move(fromChild)),
+        helperPid_(helperPid) {}
+  ~CoProcess() override {
+    std::lock_guard lock(mutex_);
+    endLocked();
+  }
+
+  PrivilegedRun run(const std::string& tool, const std::vector<std::string>& arguments,
+                    bool wait) override {
+    std::lock_guard lock(mutex_);
+    if (!toChild_) return {};
+    wire::Request request;
+    request.wait = wait;
+    request.argv.reserve(arguments.size() + 1);
+    request.argv.push_back(tool);
+    request.argv.insert(request.argv.end(), arguments.begin(), arguments.end());
+    std::string body = wire::encodeRequest(request);
+    std::string frame;
+    wire::putU32(frame, static_cast<std::uint32_t>(body.size()));
+    frame += body;
+    std::optional<wire::Reply> reply;
+    if (writeToPipe(toChild_.get(), frame)) {
+      if (auto answer = wire::readFrame(fromChild_.get())) reply = wire::decodeReply(*answer);
+    }
+    if (!reply) {
+      endLocked();
+      return {};
+    }
+    return {reply->status, reply->exitStatus, std::move(reply->output), std::move(reply->error)};
+  }
+
+  bool alive() override {
+    // A request in progress answers for itself when it ends; meanwhile the
+    // co-process counts as alive, and nobody waits for the request here.
+    std::unique_lock lock(mutex_, std::try_to_lock);
+    if (!lock) return true;
+    if (!toChild_) return false;
+    // Between requests the co-process says nothing: anything readable means
+    // it has ended (or broken the conversation).
+    pollfd p{fromChild_.get(), POLLIN, 0};
+    if (retryOnEintr([&] { return ::poll(&p, 1, 0); }) != 0) {
+      endLocked();
+      return false;
+    }
+    return true;
+  }
+
+  int coProcessId() const override { return helperPid_; }
+
+ private:
+  void endLocked() {
+    if (launcher_ <= 0) return;
+    // Closing its input ends the co-process; the launcher follows it.
+    toChild_.reset();
+    fromChild_.reset();
+    reap(launcher_);
+    launcher_ = 0;
+  }
+
+  std::mutex mutex_;
+  pid_t launcher_;      // guarded by mutex_
+  UniqueFd toChild_;    // guarded by mutex_
+  UniqueFd fromChild_;  // guarded by mutex_
+  const int helperPid_;
+};
+
+struct Launched {
+  pid_t pid = 0;
+  UniqueFd toChild;
+  UniqueFd fromChild;
+  int error = 0;
+};
+
+// Starts `argv` in a session of its own with its input and output on new
+// pipes and its error on the null device; no other descriptor reaches it.
+Launched launch(const std::vector<std::string>& argv) {
+  Launched out;
+  int in[2], back[2];
+  if (::pipe2(in, O_CLOEXEC) != 0) {
+    out.error = errno;
+    return out;
+  }
+  UniqueFd inRead(in[0]), inWrite(in[1]);
+  if (::pipe2(back, O_CLOEXEC) != 0) {
+    out.error = errno;
+    return out;
+  }
+  UniqueFd backRead(back[0]), backWrite(back[1]);
+
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_init(&attributes);
+  posix_spawn_file_actions_adddup2(&actions, inRead.get(), STDIN_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, backWrite.get(), STDOUT_FILENO);
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+  sigset_t none, all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  posix_spawnattr_setflags(&attributes,
+                           POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  std::vector<char*> args;
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  int rc = ::posix_spawn(&out.pid, args[0], &actions, &attributes, args.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
+  if (rc != 0) {
+    out.pid = 0;
+    out.error = rc;
+    return out;
+  }
+  out.toChild = std::move(inWrite);
+  out.fromChild = std::move(backRead);
+  return out;
+}
+
+// Starts the launcher, hands over the password (when there is one), and holds
+// the start conversation with the co-process.
+PrivilegeOpening start(const std::vector<std::string>& argv, std::string* password, int timeoutMs,
+                       bool requireRoot) {
+  PrivilegeOpening opening;
+  Launched child = launch(argv);
+  if (child.pid == 0) {
+    if (password) wipe(*password);
+    opening.failure = PrivilegeFailure::StartFailed;
+    opening.error = child.error;
+    return opening;
+  }
+  auto refuse = [&] {
+    child.toChild.reset();
+    child.fromChild.reset();
+    reap(child.pid);
+    opening.failure = PrivilegeFailure::Refused;
+    return std::move(opening);
+  };
+  if (password) {
+    std::string line = *password + "\n";
+    wipe(*password);
+    bool sent = writeToPipe(child.toChild.get(), line);
+    wipe(line);
+    if (!sent) return refuse();
+  }
+  if (!wire::waitReadable(child.fromChild.get(), timeoutMs)) return refuse();
+  std::optional<std::string> hello = wire::readLine(child.fromChild.get());
+  long helperPid = 0, euid = -1;
+  {
+    if (!hello || hello->rfind(std::string(wire::kHello) + " ", 0) != 0) return refuse();
+    char* end = nullptr;
+    const char* text = hello->c_str() + sizeof wire::kHello;
+    helperPid = std::strtol(text, &end, 10);
+    if (end == text || *end != ' ') return refuse();
+    euid = std::strtol(end + 1, &end, 10);
+    if (*end != '\0' || helperPid <= 0) return refuse();
+  }
+  if (requireRoot && euid != 0) return refuse();
+  std::string sync = std::string(wire::kSync) + " " + nonce() + "\n";
+  if (!writeToPipe(child.toChild.get(), sync) || !wire::waitReadable(child.fromChild.get(), 10000))
+    return refuse();
+  std::optional<std::string> ready = wire::readLine(child.fromChild.get());
+  if (!ready || *ready != wire::kReady) return refuse();
+  opening.channel = std::make_unique<CoProcess>(
+      child.pid, std::move(child.toChild), std::move(child.fromChild), static_cast<int>(helperPid));
+  return opening;
+}
+
+// Answers PAM's questions: the password for hidden prompts; messages are
+// ignored; a visible prompt (a question we cannot answer) fails.
+int answerPam(int count, const pam_message** messages, pam_response** responses, void* data) {
+  if (count <= 0 || count > PAM_MAX_NUM_MSG) return PAM_CONV_ERR;
+  const std::string& password = *static_cast<const std::string*>(data);
+  auto* replies = static_cast<pam_response*>(std::calloc(count, sizeof(pam_response)));
+  if (!replies) return PAM_BUF_ERR;
+  for (int i = 0; i < count; ++i) {
+    switch (messages[i]->msg_style) {
+      case PAM_PROMPT_ECHO_OFF:
+        replies[i].resp = strdup(password.c_str());
+        if (replies[i].resp) break;
+        [[fallthrough]];
+      case PAM_PROMPT_ECHO_ON:
+        for (int j = 0; j < count; ++j) {
+          if (replies[j].resp) {
+            explicit_bzero(replies[j].resp, std::strlen(replies[j].resp));
+            std::free(replies[j].resp);
+          }
+        }
+        std::free(replies);
+        return PAM_CONV_ERR;
+      default:
+        break;
+    }
+  }
+  *responses = replies;
+  return PAM_SUCCESS;
+}
+
+bool hasText(const char* name) {
+  const char* v = std::getenv(name);
+  return v && *v;
+}
+
+}  // namespace
+
+bool LinuxPrivilege::hasInheritedRights() {
+  return ::geteuid() == 0 && ::getuid() != 0;
+}
+
+bool LinuxPrivilege::checkPassword(const std::string& user, const std::string& password) {
+  if (user.empty() || password.find('\0') != std::string::npos) return false;
+  pam_conv conversation{&answerPam, const_cast<std::string*>(&password)};
+  pam_handle_t* handle = nullptr;
+  if (pam_start(config_.pamService.c_str(), user.c_str(), &conversation, &handle) != PAM_SUCCESS)
+    return false;
+  int rc = pam_authenticate(handle, PAM_SILENT | PAM_DISALLOW_NULL_AUTHTOK);
+  pam_end(handle, rc);
+  return rc == PAM_SUCCESS;
+}
+
+PrivilegeOpening LinuxPrivilege::openWithPassword(const std::string& helperPath,
+                                                  const std::string& password) {
+  // sudo reads the password up to the line end: a password holding one cannot
+  // be handed over whole.
+  if (password.find_first_of(std::string("\n\0", 2)) != std::string::npos) {
+    PrivilegeOpening refused;
+    refused.failure = PrivilegeFailure::Refused;
+    return refused;
+  }
+  std::string secret = password;
+  PrivilegeOpening opening = start({config_.sudo, "-k", "-S", "-p", "", "--", helperPath}, &secret,
+                                   config_.passwordStartTimeoutMs, config_.requireRoot);
+  wipe(secret);
+  return opening;
+}
+
+PrivilegeOpening LinuxPrivilege::openInteractively(const std::string& helperPath) {
+  const bool display = hasText("DISPLAY") || hasText("WAYLAND_DISPLAY");
+  if (display && ::access(config_.pkexec.c_str(), X_OK) == 0)
+    return start({config_.pkexec, helperPath}, nullptr, config_.interactiveStartTimeoutMs,
+                 config_.requireRoot);
+  if (hasText("SUDO_ASKPASS") && ::access(config_.sudo.c_str(), X_OK) == 0)
+    return start({config_.sudo, "-k", "-A", "--", helperPath}, nullptr,
+                 config_.interactiveStartTimeoutMs, config_.requireRoot);
+  PrivilegeOpening none;
+  none.failure = PrivilegeFailure::NoMeans;
+  return none;
+}
+
+PrivilegeOpening LinuxPrivilege::openInherited(const std::string& helperPath) {
+  return start({helperPath}, nullptr, config_.passwordStartTimeoutMs, config_.requireRoot);
+}
+
+PrivilegeService& LinuxPlatform::privilege() {
+  static LinuxPrivilege service;
+  return service;
+}
+
+}  // namespace kd

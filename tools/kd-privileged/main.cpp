@@ -1,0 +1,208 @@
+// kd-privileged: the library's privileged co-process.
+//
+// Started with root's rights by sudo or pkexec (or directly by a program that
+// already has them), it serves requests that arrive on its standard input and
+// answers on its standard output; see platform/linux/PrivilegedWire.h. Each
+// request names a tool by absolute path and its arguments; the tool is started
+// with posix_spawn (never through a shell), with its input on the null device,
+// a fixed environment and no other descriptor. A waited-for run returns the
+// tool's exit status and its (bounded) output.
+//
+// It ends when its input closes (the program that started it holds the only
+// writing end, so that happens when the program ends or lets it go) and on
+// any request it cannot read. While it waits for a tool, the end of its input
+// stops the tool (SIGTERM) and ends it too. It never outlives the program. It takes no
+// options and reads nothing else: no files, no environment.
+//
+// Single-threaded.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/linux/PrivilegedWire.h"
+
+namespace {
+
+using kd::retryOnEintr;
+using kd::UniqueFd;
+namespace wire = kd::wire;
+
+constexpr int kIn = STDIN_FILENO;
+constexpr int kOut = STDOUT_FILENO;
+
+// Tools get this environment and nothing of ours.
+char kPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
+char kLang[] = "LC_ALL=C.UTF-8";
+char* kToolEnvironment[] = {kPath, kLang, nullptr};
+
+std::set<pid_t> gStarted;  // tools started without waiting, not yet reaped
+
+void reapStarted() {
+  for (auto it = gStarted.begin(); it != gStarted.end();) {
+    pid_t r = retryOnEintr([&] { return ::waitpid(*it, nullptr, WNOHANG); });
+    it = r == 0 ? std::next(it) : gStarted.erase(it);
+  }
+}
+
+// Skips what precedes the start line (a password that sudo did not need to
+// read), wiping it, and confirms the start.
+bool synchronise() {
+  for (std::size_t skipped = 0; skipped < 16; ++skipped) {
+    std::optional<std::string> line = wire::readLine(kIn);
+    if (!line) return false;
+    const bool sync = line->rfind(std::string(wire::kSync) + " ", 0) == 0;
+    explicit_bzero(line->data(), line->size());
+    if (sync) return wire::writeAll(kOut, std::string(wire::kReady) + "\n");
+  }
+  return false;
+}
+
+struct Spawned {
+  pid_t pid = 0;
+  UniqueFd output;
+  UniqueFd error;
+  int failure = 0;
+};
+
+Spawned spawnTool(const std::vector<std::string>& argv, bool capture) {
+  Spawned s;
+  UniqueFd outRead, outWrite, errRead, errWrite;
+  if (capture) {
+    int out[2], err[2];
+    if (::pipe2(out, O_CLOEXEC) != 0) {
+      s.failure = errno;
+      return s;
+    }
+    outRead.reset(out[0]);
+    outWrite.reset(out[1]);
+    if (::pipe2(err, O_CLOEXEC) != 0) {
+      s.failure = errno;
+      return s;
+    }
+    errRead.reset(err[0]);
+    errWrite.reset(err[1]);
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawnattr_init(&attributes);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  if (capture) {
+    posix_spawn_file_actions_adddup2(&actions, outWrite.get(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, errWrite.get(), STDERR_FILENO);
+  } else {
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  }
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
+  sigset_t none, all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &all);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  std::vector<char*> args;
+  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  args.push_back(nullptr);
+  int rc = ::posix_spawn(&s.pid, args[0], &actions, &attributes, args.data(), kToolEnvironment);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
+  if (rc != 0) {
+    s.pid = 0;
+    s.failure = rc;
+    return s;
+  }
+  s.output = std::move(outRead);
+  s.error = std::move(errRead);
+  return s;
+}
+
+int statusOf(int wstatus) {
+  if (WIFEXITED(wstatus)) return WEXITSTATUS(wstatus);
+  if (WIFSIGNALED(wstatus)) return 128 + WTERMSIG(wstatus);
+  return -1;
+}
+
+// Collects a waited-for tool's output while watching our own input: when the
+// program that started us goes away, the tool is stopped and we end.
+bool collect(Spawned& tool, wire::Reply& reply) {
+  std::array<std::string*, 2> sinks{&reply.output, &reply.error};
+  std::array<UniqueFd*, 2> streams{&tool.output, &tool.error};
+  char buf[65536];
+  while (tool.output || tool.error) {
+    pollfd p[3] = {{tool.output.get(), POLLIN, 0}, {tool.error.get(), POLLIN, 0}, {kIn, 0, 0}};
+    if (retryOnEintr([&] { return ::poll(p, 3, -1); }) < 0) return false;
+    if (p[2].revents & (POLLHUP | POLLERR)) return false;
+    for (int i = 0; i < 2; ++i) {
+      if (!p[i].revents) continue;
+      ssize_t n = retryOnEintr([&] { return ::read(streams[i]->get(), buf, sizeof buf); });
+      if (n <= 0) {
+        streams[i]->reset();
+        continue;
+      }
+      std::size_t room = wire::kMaxOutput - std::min(wire::kMaxOutput, sinks[i]->size());
+      sinks[i]->append(buf, std::min(room, static_cast<std::size_t>(n)));
+    }
+  }
+  return true;
+}
+
+// Serves one request; false when we must end.
+bool serve(const wire::Request& request) {
+  wire::Reply reply;
+  const std::string& tool = request.argv.front();
+  struct stat st {};
+  if (tool.empty() || tool.front() != '/') {
+    reply.status = EINVAL;
+  } else if (::stat(tool.c_str(), &st) != 0) {
+    reply.status = errno == ENOENT || errno == ENOTDIR ? -2 : errno;
+  } else {
+    Spawned s = spawnTool(request.argv, request.wait);
+    reply.status = s.pid ? 0 : s.failure;
+    if (s.pid && !request.wait) gStarted.insert(s.pid);
+    if (s.pid && request.wait) {
+      const bool stayed = collect(s, reply);
+      if (!stayed) ::kill(s.pid, SIGTERM);
+      int wstatus = 0;
+      if (retryOnEintr([&] { return ::waitpid(s.pid, &wstatus, 0); }) == s.pid)
+        reply.exitStatus = statusOf(wstatus);
+      if (!stayed) return false;
+    }
+  }
+  return wire::writeFrame(kOut, wire::encodeReply(reply));
+}
+
+}  // namespace
+
+int main() {
+  // Nothing of the caller's reaches the tools: no descriptors beyond our two
+  // pipes, no working folder, no signal dispositions.
+  ::close_range(3, ~0U, 0);
+  ::signal(SIGPIPE, SIG_IGN);
+  if (::chdir("/") != 0) return 1;
+  ::umask(022);
+  std::string hello = std::string(wire::kHello) + " " + std::to_string(::getpid()) + " " +
+                      std::to_string(::geteuid()) + "\n";
+  if (!wire::writeAll(kOut, hello) || !synchronise()) return 1;
+
+  for (;;) {
+    reapStarted();
+    // While tools started without waiting run, look in now and then to reap them.
+    if (!wire::waitReadable(kIn, gStarted.empty() ? -1 : 500)) continue;
+    std::optional<std::string> body = wire::readFrame(kIn);
+    if (!body) break;  // our input closed: the program has ended or let us go
+    std::optional<wire::Request> request = wire::decodeRequest(*body);
+    if (!request || !serve(*request)) return 2;
+  }
+  return 0;
+}
