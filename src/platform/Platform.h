@@ -18,6 +18,10 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Desktop.h"
+#include "platform/FileMetadata.h"
+#include "platform/Volumes.h"
+
 namespace kd {
 
 // The platform's search-path directory kinds (numbers are the macOS constants).
@@ -129,6 +133,11 @@ class Platform {
   // <appName>_<YYYY-MM-DD-HHMMSS>_<host>.crash in `reportFolder`. macOS writes
   // its own reports; there this does nothing.
   virtual void installCrashHandler(const std::string& appName, const std::string& reportFolder) = 0;
+
+  // --- Services by concern (see their headers) -----------------------------
+  virtual Volumes& volumes() = 0;
+  virtual FileMetadata& fileMetadata() = 0;
+  virtual Desktop& desktop() = 0;
 };
 
 // Forwards every call to another platform; fakes derive from it.
@@ -180,6 +189,9 @@ class ForwardingPlatform : public Platform {
   void installCrashHandler(const std::string& appName, const std::string& reportFolder) override {
     target_.installCrashHandler(appName, reportFolder);
   }
+  Volumes& volumes() override { return target_.volumes(); }
+  FileMetadata& fileMetadata() override { return target_.fileMetadata(); }
+  Desktop& desktop() override { return target_.desktop(); }
 
  protected:
   Platform& target() { return target_; }

@@ -3,7 +3,8 @@
 // Definitions are split by concern: LinuxPlatform.cpp (identity, system
 // information, system log), Locations.cpp (XDG folders), ConsoleUser.cpp
 // (logind / utmp), Workspace.cpp (removable media, running applications,
-// opening files) and CrashHandler.cpp (crash reports).
+// opening files), CrashHandler.cpp (crash reports), and the services by
+// concern: LinuxVolumes.cpp, LinuxFileMetadata.cpp, LinuxDesktop.cpp.
 //
 // Stateless apart from what the crash handler installs; callable from any thread.
 #pragma once
@@ -51,6 +52,10 @@ class LinuxPlatform final : public Platform {
                                     std::string_view bundleIdentifier) override;
 
   void installCrashHandler(const std::string& appName, const std::string& reportFolder) override;
+
+  Volumes& volumes() override;
+  FileMetadata& fileMetadata() override;
+  Desktop& desktop() override;
 };
 
 }  // namespace kd
