@@ -25,6 +25,8 @@ namespace {
 
 using FM = KdFileManager;
 
+constexpr char kPython[] = "/usr/bin/python3";
+
 int run(const std::vector<std::string>& args) {
   return KdTaskEx::terminationCodeFromTask(args.at(0), {args.begin() + 1, args.end()});
 }
@@ -145,6 +147,22 @@ TEST_F(VolumesRoot, TmpfsIsAVolumeWithDiskInformation) {
   EXPECT_EQ(info->count("DeviceNode"), 0u) << "tmpfs has no device";
   EXPECT_FALSE(FM::infoForDiskAtMountpoint(m.point() + "/DCIM"));
   EXPECT_FALSE(FM::infoForDiskAtMountpoint(dir_.path())) << "not a mount point";
+
+  // What kd info prints reads back with the standard readers.
+  if (::access(kPython, X_OK) != 0) GTEST_SKIP() << kPython << " is missing";
+  const std::string kd = KD_TOOL_PATH;
+  const std::string plist = KdTaskEx::stringFromTask(
+      "/bin/sh",
+      {"-c",
+       "\"$0\" info --plist \"$1\" | \"$2\" -c 'import plistlib, sys; "
+       "d = plistlib.loads(sys.stdin.buffer.read()); print(d[\"VolumeName\"], d[\"TotalSize\"])'",
+       kd, m.point(), kPython},
+      10.0);
+  EXPECT_EQ(plist, "KDCARD" + tag_ + " 4194304\n");
+  EXPECT_EQ(run({"/bin/sh", "-c", "\"$0\" info --json \"$1\" | \"$2\" -m json.tool >/dev/null", kd,
+                 m.point(), kPython}),
+            0);
+  EXPECT_EQ(run({kd, "info", dir_.path()}), 1);
 }
 
 TEST_F(VolumesRoot, LoopMountedExt4Image) {
