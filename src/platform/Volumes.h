@@ -5,6 +5,7 @@
 // it needs. Implementations are stateless and callable from any thread.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,9 +14,23 @@
 
 namespace kd {
 
+// One mount of the system's mount table. `id` tells mounts apart: a remount
+// at the same place is a different mount.
+struct VolumeMount {
+  int id = 0;
+  std::string mountPoint;
+  std::string fileSystemType;  // as the system names it ("ext4", "fuseblk")
+  std::uint64_t device = 0;    // the device number; 0 for none
+  bool operator==(const VolumeMount&) const = default;
+};
+
 class Volumes {
  public:
   virtual ~Volumes() = default;
+
+  // Every mount, pseudo file systems included, in the table's order; empty
+  // when the table cannot be read.
+  virtual std::vector<VolumeMount> mountTable() = 0;
 
   // Mount points of the mounted local volumes (mountedLocalVolumePaths), in
   // the system's order, the start-up volume "/" included. Pseudo and network
@@ -31,6 +46,7 @@ class Volumes {
 class ForwardingVolumes : public Volumes {
  public:
   explicit ForwardingVolumes(Volumes& target) : target_(target) {}
+  std::vector<VolumeMount> mountTable() override { return target_.mountTable(); }
   std::vector<std::string> mountedLocalVolumePaths() override {
     return target_.mountedLocalVolumePaths();
   }

@@ -70,6 +70,14 @@ bool isFuseType(const std::string& type) {
 
 class LinuxVolumes final : public Volumes {
  public:
+  std::vector<VolumeMount> mountTable() override {
+    std::vector<VolumeMount> mounts;
+    for (auto& m : readMountTable())
+      mounts.push_back(
+          {m.id, std::move(m.target), std::move(m.fsType), static_cast<std::uint64_t>(m.device)});
+    return mounts;
+  }
+
   std::vector<std::string> mountedLocalVolumePaths() override {
     std::vector<std::string> paths;
     for (const auto& m : readMountTable()) {
