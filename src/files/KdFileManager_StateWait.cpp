@@ -89,7 +89,8 @@ void KdFileManager::waitForFileWrites(const std::string& path,
   if (!recent && (!lockFile || !fileExistsAtPath(*lockFile))) return;
   KdLog::appendLog("File %@ is currently being written to. Waiting...", path);
 
-  if (first && age(*first) <= kQuietPeriod) {
+  // A missing file counts as written just now: it may be about to appear.
+  if (!first || age(*first) <= kQuietPeriod) {
     // Each look sleeps until the earliest moment the answer could change
     // instead of polling: the date turning 5 s old, the date having stayed
     // the same for 5 s (a date in the future would otherwise keep us here

@@ -241,7 +241,8 @@ TEST_F(FilesTest, WaitForWritesFollowsTheFile) {
     std::this_thread::sleep_for(milliseconds(500));
     ::unlink(deleted.c_str());
   });
-  double writtenTook = 0, deletedTook = 0, futureTook = 0;
+  const std::string lock = dir_.touch("coming.lock");
+  double writtenTook = 0, deletedTook = 0, futureTook = 0, comingTook = 0;
   auto timed = [](const std::string& p, double& took) {
     return std::thread([&p, &took] {
       const auto start = steady_clock::now();
@@ -251,6 +252,13 @@ TEST_F(FilesTest, WaitForWritesFollowsTheFile) {
   };
   std::thread w = timed(written, writtenTook), d = timed(deleted, deletedTook),
               f = timed(future, futureTook);
+  // A file that is not there yet, announced by its lock file.
+  std::thread c([&] {
+    const auto start = steady_clock::now();
+    FM::waitForFileWrites(dir_ / "coming", lock);
+    comingTook = duration<double>(steady_clock::now() - start).count();
+  });
+  c.join();
   w.join();
   d.join();
   f.join();
@@ -263,6 +271,8 @@ TEST_F(FilesTest, WaitForWritesFollowsTheFile) {
   EXPECT_LT(deletedTook, 0.5 + 7.0);
   EXPECT_GE(futureTook, 4.5) << "a date in the future that stays the same for 5 s";
   EXPECT_LT(futureTook, 7.0);
+  EXPECT_GE(comingTook, 4.5) << "missing counts as being written";
+  EXPECT_LT(comingTook, 7.0);
   const Lines lines = logged();
   for (const std::string& p : {written, deleted, future}) {
     EXPECT_EQ(std::count(lines.begin(), lines.end(), "File " + p + " finished writing."), 1);

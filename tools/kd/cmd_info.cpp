@@ -1,4 +1,7 @@
 // kd info: the disk information of a mounted volume.
+#include <limits.h>
+#include <stdlib.h>
+
 #include <cstdio>
 #include <iostream>
 #include <string>
@@ -87,7 +90,10 @@ void setupInfo(CLI::App& app) {
       "or the same as JSON or as a property list. Exits 1 when nothing is mounted\n"
       "exactly at MOUNTPOINT.");
   cmd->callback([] {
-    auto info = KdFileManager::infoForDiskAtMountpoint(mountPoint);
+    // "." or "../CARD" name a mount point too.
+    char resolved[PATH_MAX];
+    auto info = KdFileManager::infoForDiskAtMountpoint(
+        ::realpath(mountPoint.c_str(), resolved) ? std::string(resolved) : mountPoint);
     if (!info) {
       std::cerr << "kd info: nothing is mounted at " << mountPoint << std::endl;
       kd::tool::exitWith(1);
