@@ -347,5 +347,21 @@ TEST_F(FilesTest, TouchNeverCreates) {
   EXPECT_TRUE(platform_.systemLogMessages().empty()) << "no rights asked for a missing file";
 }
 
+TEST_F(FilesTest, TouchOfAFileThatCannotBeWritten) {
+  const std::string file = dir_.touch("locked");
+  FM::lockFile(file);  // immutable for root, no write bits for others
+  if (::access(file.c_str(), W_OK) == 0) {
+    FM::unlockFile(file);
+    GTEST_SKIP() << "the file stays writable here";
+  }
+  const auto before = FM::modificationDateForFile(file);
+  EXPECT_FALSE(FM::touchFile(file));  // an ordinary user has no way to ask for rights yet
+  EXPECT_EQ(platform_.systemLogMessages(), Lines{"Unable to authorize"});
+  platform_.setUid(0);
+  EXPECT_FALSE(FM::touchFile(file)) << "root runs the tool itself, which fails here";
+  EXPECT_EQ(FM::modificationDateForFile(file), before);
+  FM::unlockFile(file);
+}
+
 }  // namespace
 }  // namespace kd::test
