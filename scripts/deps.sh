@@ -6,9 +6,9 @@
 # python3-gi: the mount agent's scope test (a private user bus).
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
-          libplist-dev libssl-dev libarchive-dev libmount-dev libcli11-dev libsystemd-dev
+          libplist-dev libssl-dev libarchive-dev libmount-dev libblkid-dev libcli11-dev libsystemd-dev
           libpam0g-dev libgtest-dev libgmock-dev libbenchmark-dev
-          util-linux passwd sudo procps libxml2-utils
+          util-linux passwd sudo procps libxml2-utils exfatprogs exfat-fuse python3
           systemd desktop-file-utils man-db file dpkg-dev
           dbus-daemon python3-dbus python3-gi)
 missing=()

@@ -7,10 +7,14 @@
 // KdFileManager_<Concern>.cpp files.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "common/PropertyList.h"
 
 class KdFileManager {
  public:
@@ -49,4 +53,125 @@ class KdFileManager {
   // UTF-8 sequence), everything else itself, case-sensitively. Takes time
   // proportional to the product of the lengths at worst, never exponential.
   static bool nameMatchesWildcard(std::string_view name, std::string_view pattern);
+
+  // ===================================================================
+  // File state, volumes and waiting (KdFileManager_State*.cpp)
+  //
+  // Questions about files and volumes, sizes and names as text, dates stamped
+  // on files, and waits for files to appear or settle. Every query answers
+  // false, 0 or nothing for a missing or unreadable item. The waits block the
+  // calling thread.
+  // ===================================================================
+
+  using Date = std::chrono::system_clock::time_point;
+
+  // Whether something exists at the path (symbolic links followed).
+  static bool fileExistsAtPath(const std::string& path);
+  // Whether the path is a folder (links followed); false when missing.
+  static bool isDirectoryAtPath(const std::string& path);
+  // Whether the path is a package folder (an application or other bundle).
+  static bool isPackageAtPath(const std::string& path);
+  // Whether the path is a symbolic link whose destination can be read.
+  static bool isSymbolicLinkAtPath(const std::string& path);
+  // The item's modification date (a link's own, not its target's).
+  static std::optional<Date> modificationDateForFile(const std::string& path);
+  // The item's creation date.
+  static std::optional<Date> creationDateForFile(const std::string& path);
+  // The bytes of a file, or of every file below a folder (links followed for
+  // the path given only; below it a link counts as itself); 0 when missing.
+  static std::uint64_t fileSize(const std::string& path);
+
+  // Volume rules by path text (see docs/files.md). A path outside "/Volumes"
+  // counts as mounted; one inside counts when its volume folder exists.
+  static bool isVolumeMountedForPath(const std::string& path);
+  // As above with the prefix "/Volumes/", so "/VolumesX/a" counts as outside.
+  static bool isDriveMountedForPath(const std::string& path);
+  // The mounted local volume that holds the path; "/" for a path outside any
+  // volume, none for a path under "/Volumes" whose volume is not mounted.
+  static std::optional<std::string> volumeMountPointForPath(const std::string& path);
+  // The disk information of the volume mounted at `mountPoint`; none when
+  // nothing is mounted exactly there.
+  static std::optional<kd::PlistDict> infoForDiskAtMountpoint(const std::string& mountPoint);
+  // Whether some process has the file open for writing.
+  static bool fileIsOpenForWriting(const std::string& path);
+
+  // "1023 B", "1.00 KB", "1024.00 KB", "1.00 MB", ... (binary steps).
+  static std::string formatFileSize(double size);
+  // The name without a leading dot, surrounding blanks, "/" or ":"; never
+  // "." or "..".
+  static std::string validateFilename(const std::string& name);
+  // The path when nothing exists there, else the first free "<name> N.<ext>"
+  // counting from 2.
+  static std::string uniqueFilename(const std::string& path);
+
+  // Sets the item's modification date to now without creating it ("touch
+  // -c"), and its creation date too when asked. Never creates a file.
+  static bool touchFile(const std::optional<std::string>& path, bool setCreationDate = false);
+  // Sets the item's modification date (a link's own); true on success.
+  static bool setModificationDate(Date date, const std::string& forFile);
+
+  // One look: returns when the file exists with a non-zero size; otherwise
+  // logs that it waits and pauses 500 microseconds once. Callers loop.
+  static void waitForFileCreation(const std::string& path, long timeout);
+  // Waits until the file's modification date is more than 5 seconds old, or
+  // the date has stayed the same for 5 seconds (a date in the future), or the
+  // file has been missing for 5 seconds. Returns at once, silently, when the
+  // date is already old and no existing lock file asks to wait.
+  static void waitForFileWrites(const std::string& path,
+                                const std::optional<std::string>& lockFile = std::nullopt);
+
+  // ===================================================================
+  // File metadata and desktop integration (KdFileManager_Metadata*.cpp)
+  //
+  // Extended attributes, the locked state, permissions, labels and their
+  // colours, the progress shown on a file being written, and what the desktop
+  // is told. No operation throws; failures are logged in fixed words.
+  // ===================================================================
+
+  // A reference to a file; here it carries the path.
+  struct FSRef {
+    std::string path;
+  };
+  // A label colour: hue, saturation, brightness and alpha, each 0 to 1.
+  struct Color {
+    double hue = 0, saturation = 0, brightness = 0, alpha = 1.0;
+    bool operator==(const Color&) const = default;
+  };
+
+  // Tells file browsers that the contents at the path changed.
+  static void notifyFileSystemChanged(const std::string& path);
+  static FSRef stringToFSRef(const std::string& path);
+  static std::string stringWithFSRef(const FSRef* ref);
+
+  // Whether the item itself is locked; false when it cannot be read.
+  static bool isFileLocked(const std::string& path);
+  // Lock or unlock the item itself; a failure is logged.
+  static void lockFile(const std::string& path);
+  static void unlockFile(const std::string& path);
+  // Lock or unlock every item below the folder (not the folder itself).
+  // Links below the folder count as themselves and are never followed.
+  static void lockFolder(const std::string& path);
+  static void unlockFolder(const std::string& path);
+  static void setPosixPermissions(unsigned permissions, const std::string& forFile);
+  // States the intent; changes nothing.
+  static void disableFileSystemCachingForFile(const std::string& path);
+
+  // An extended attribute's value of at most 255 bytes of UTF-8; none when
+  // missing, empty, longer or not text.
+  static std::optional<std::string> metadataValueForKey(const std::string& key,
+                                                        const std::string& file);
+  static bool setMetadataValue(const std::string& value, const std::string& forKey,
+                               const std::string& file);
+  // Shows the progress (0 to 1) on a file being written, or clears it when
+  // negative (see docs/files.md).
+  static void setFinderProgress(float progress, const std::string& forFile);
+  static void removeFinderProgressForFile(const std::string& path);
+  static bool registerApplicationWithLaunchServices(const std::string& path);
+
+  // Label numbers: 0 (none) to 7.
+  static long finderColorIndexForPath(const std::string& path);
+  static void setFinderColorIndex(long index, const std::optional<std::string>& forPath);
+  // The colour of label 1 to 7; none for any other number.
+  static std::optional<Color> finderColorForColorIndex(long index);
+  static std::optional<Color> finderColorForPath(const std::string& path);
 };

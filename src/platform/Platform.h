@@ -20,6 +20,9 @@
 
 #include "common/FileOwner.h"
 #include "platform/Privilege.h"
+#include "platform/Desktop.h"
+#include "platform/FileMetadata.h"
+#include "platform/Volumes.h"
 
 namespace kd {
 
@@ -137,6 +140,10 @@ class Platform {
 
   // --- Administrator rights (platform/Privilege.h) -------------------------------
   virtual PrivilegeService& privilege() = 0;
+  // --- Services by concern (see their headers) -----------------------------
+  virtual Volumes& volumes() = 0;
+  virtual FileMetadata& fileMetadata() = 0;
+  virtual Desktop& desktop() = 0;
 };
 
 // Forwards every call to another platform; fakes derive from it.
@@ -192,6 +199,9 @@ class ForwardingPlatform : public Platform {
     target_.installCrashHandler(appName, reportFolder);
   }
   PrivilegeService& privilege() override { return target_.privilege(); }
+  Volumes& volumes() override { return target_.volumes(); }
+  FileMetadata& fileMetadata() override { return target_.fileMetadata(); }
+  Desktop& desktop() override { return target_.desktop(); }
 
  protected:
   Platform& target() { return target_; }

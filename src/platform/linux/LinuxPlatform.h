@@ -3,8 +3,9 @@
 // Definitions are split by concern: LinuxPlatform.cpp (identity, system
 // information, system log), Locations.cpp (XDG folders), ConsoleUser.cpp
 // (logind / utmp), Workspace.cpp (removable media, running applications,
-// opening files), CrashHandler.cpp (crash reports) and Privilege.cpp
-// (administrator rights).
+// opening files), CrashHandler.cpp (crash reports), Privilege.cpp
+// (administrator rights), and the services by concern: LinuxVolumes.cpp,
+// LinuxFileMetadata.cpp, LinuxDesktop.cpp.
 //
 // Stateless apart from what the crash handler installs; callable from any thread.
 #pragma once
@@ -55,6 +56,9 @@ class LinuxPlatform final : public Platform {
   void installCrashHandler(const std::string& appName, const std::string& reportFolder) override;
 
   PrivilegeService& privilege() override;  // Privilege.cpp
+  Volumes& volumes() override;
+  FileMetadata& fileMetadata() override;
+  Desktop& desktop() override;
 };
 
 }  // namespace kd

@@ -17,6 +17,7 @@
 
 #include "common/Path.h"
 #include "common/UniqueFd.h"
+#include "platform/linux/BlockDevices.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/MountTable.h"
 
@@ -35,38 +36,6 @@ std::string readSmallFile(const std::string& p) {
   std::string s;
   std::getline(in, s);
   return s;
-}
-
-// Whether the block device with this device number is removable or sits on a
-// USB or MMC bus, judged from sysfs (the whole disk of a partition counts).
-bool isRemovableBlockDevice(dev_t dev) {
-  char link[64];
-  std::snprintf(link, sizeof link, "/sys/dev/block/%u:%u", major(dev), minor(dev));
-  char target[4096];
-  ssize_t n = readlink(link, target, sizeof target - 1);
-  if (n <= 0) return false;
-  target[n] = '\0';
-  std::string devPath(target);  // ../../devices/pci.../usb1/.../block/sdb/sdb1
-  if (devPath.find("/usb") != std::string::npos || devPath.find("/mmc") != std::string::npos)
-    return true;
-  std::string sys(link);
-  if (readSmallFile(sys + "/removable") == "1") return true;
-  // A partition: its parent folder is the whole disk.
-  struct stat st {};
-  if (::stat((sys + "/partition").c_str(), &st) == 0)
-    return readSmallFile(sys + "/../removable") == "1";
-  return false;
-}
-
-// Pseudo and network file systems are never removable media.
-bool isPseudoFs(const std::string& type) {
-  static const char* const kSkip[] = {"proc",    "sysfs",       "devtmpfs",  "devpts",  "cgroup",
-                                      "cgroup2", "securityfs",  "debugfs",   "tracefs", "pstore",
-                                      "bpf",     "mqueue",      "hugetlbfs", "autofs",  "configfs",
-                                      "fusectl", "binfmt_misc", "overlay",   "nsfs",    "efivarfs"};
-  for (const char* s : kSkip)
-    if (type == s) return true;
-  return false;
 }
 
 // Starts a program with arguments, detached: standard streams go to the null
@@ -172,7 +141,7 @@ std::optional<std::string> resolveProgram(const std::string& word) {
 }  // namespace
 
 bool isRemovableMedia(const MountEntry& m) {
-  if (m.target.empty() || isPseudoFs(m.fsType)) return false;
+  if (m.target.empty() || isPseudoFileSystem(m.fsType)) return false;
   return startsWith(m.target, "/media/") || startsWith(m.target, "/run/media/") ||
          (major(m.device) != 0 && isRemovableBlockDevice(m.device));
 }

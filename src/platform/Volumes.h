@@ -1,0 +1,64 @@
+// Mounted volumes and what the system knows about the disk behind one.
+//
+// One of the small service interfaces that `Platform::volumes()` hands out.
+// `ForwardingVolumes` forwards every call so that a fake overrides only what
+// it needs. Implementations are stateless and callable from any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/PropertyList.h"
+
+namespace kd {
+
+// One mount of the system's mount table. `id` tells mounts apart: a remount
+// at the same place is a different mount.
+struct VolumeMount {
+  int id = 0;
+  std::string mountPoint;
+  std::string fileSystemType;  // as the system names it ("ext4", "fuseblk")
+  std::uint64_t device = 0;    // the device number; 0 for none
+  bool operator==(const VolumeMount&) const = default;
+};
+
+class Volumes {
+ public:
+  virtual ~Volumes() = default;
+
+  // Every mount, pseudo file systems included, in the table's order; empty
+  // when the table cannot be read.
+  virtual std::vector<VolumeMount> mountTable() = 0;
+
+  // Mount points of the mounted local volumes (mountedLocalVolumePaths), in
+  // the system's order, the start-up volume "/" included. Pseudo and network
+  // file systems are not volumes.
+  virtual std::vector<std::string> mountedLocalVolumePaths() = 0;
+
+  // The disk information of the volume mounted exactly at `mountPoint`, with
+  // the keys of macOS's disk information ("VolumeName", "FilesystemType",
+  // "TotalSize", ...); none when nothing is mounted there.
+  virtual std::optional<PlistDict> diskInfoForMountPoint(const std::string& mountPoint) = 0;
+};
+
+class ForwardingVolumes : public Volumes {
+ public:
+  explicit ForwardingVolumes(Volumes& target) : target_(target) {}
+  std::vector<VolumeMount> mountTable() override { return target_.mountTable(); }
+  std::vector<std::string> mountedLocalVolumePaths() override {
+    return target_.mountedLocalVolumePaths();
+  }
+  std::optional<PlistDict> diskInfoForMountPoint(const std::string& mountPoint) override {
+    return target_.diskInfoForMountPoint(mountPoint);
+  }
+
+ protected:
+  Volumes& target() { return target_; }
+
+ private:
+  Volumes& target_;
+};
+
+}  // namespace kd

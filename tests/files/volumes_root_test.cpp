@@ -1,0 +1,290 @@
+// Volumes, disk information and locking on real mounts: tmpfs, a loop-mounted
+// ext4 image and an exFAT card image (mounted through exfat-fuse, since the
+// kernel here has no exFAT driver), and locking as a throwaway user.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <pwd.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "FilesFixture.h"
+#include "support/ChildMode.h"
+#include "tasks/KdTaskEx.h"
+
+namespace fs = std::filesystem;
+
+namespace kd::test {
+namespace {
+
+using FM = KdFileManager;
+
+constexpr char kPython[] = "/usr/bin/python3";
+
+int run(const std::vector<std::string>& args) {
+  return KdTaskEx::terminationCodeFromTask(args.at(0), {args.begin() + 1, args.end()});
+}
+
+// One mount of our own below a temporary folder: tmpfs, or an image file
+// made with `mkfs` and mounted through a loop device (by `mount -o loop`, or
+// with a helper program such as exfat-fuse). Unmounted, detached and removed
+// when the owner goes away, whatever happened in between.
+class ScopedMount {
+ public:
+  static constexpr std::uint64_t kImageBytes = 16u << 20;
+
+  // tmpfs of 4 MiB at <tmp>/<name>.
+  explicit ScopedMount(const std::string& name) {
+    ::chmod(tmp_.path().c_str(), 0755);
+    point_ = tmp_.mkdir(name);
+    if (::mount("tmpfs", point_.c_str(), "tmpfs", 0, "size=4m") != 0)
+      error_ = std::string("mount tmpfs: ") + std::strerror(errno);
+    else
+      mounted_ = true;
+  }
+
+  // An image formatted by `mkfs` (its arguments end with the image path) and
+  // mounted by `mounter` ("" for the kernel's own driver).
+  ScopedMount(const std::string& name, std::vector<std::string> mkfs, const std::string& mounter) {
+    ::chmod(tmp_.path().c_str(), 0755);  // ordinary users may pass
+    point_ = tmp_.mkdir(name);
+    image_ = tmp_ / "card.img";
+    {
+      int fd = ::open(image_.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+      if (fd < 0 || ::ftruncate(fd, kImageBytes) != 0) error_ = "cannot make the image";
+      if (fd >= 0) ::close(fd);
+    }
+    if (!error_.empty()) return;
+    if (::access(mkfs[0].c_str(), X_OK) != 0) {
+      error_ = mkfs[0] + " is missing";
+      return;
+    }
+    mkfs.push_back(image_);
+    if (run(mkfs) != 0) {
+      error_ = mkfs[0] + " failed";
+      return;
+    }
+    loop_ = KdTaskEx::stringFromTask("/usr/sbin/losetup", {"-f", "--show", image_}, 10.0);
+    while (!loop_.empty() && (loop_.back() == '\n' || loop_.back() == '\r')) loop_.pop_back();
+    if (loop_.rfind("/dev/loop", 0) != 0) {
+      error_ = "no loop device";
+      loop_.clear();
+      return;
+    }
+    int rc =
+        mounter.empty() ? run({"/usr/bin/mount", loop_, point_}) : run({mounter, loop_, point_});
+    if (rc != 0) {
+      error_ = "mounting " + loop_ + " failed";
+      return;
+    }
+    mounted_ = true;
+  }
+
+  ~ScopedMount() {
+    if (mounted_ && ::umount(point_.c_str()) != 0) ::umount2(point_.c_str(), MNT_DETACH);
+    if (!loop_.empty()) run({"/usr/sbin/losetup", "-d", loop_});
+  }
+
+  bool ok() const { return mounted_; }
+  const std::string& error() const { return error_; }
+  const std::string& point() const { return point_; }
+  const std::string& device() const { return loop_; }
+
+ private:
+  TempDir tmp_;
+  std::string point_, image_, loop_, error_;
+  bool mounted_ = false;
+};
+
+std::string text(const PlistDict& d, const std::string& key) {
+  auto it = d.find(key);
+  const std::string* s = it == d.end() ? nullptr : it->second.get<std::string>();
+  return s ? *s : "<missing>";
+}
+std::int64_t number(const PlistDict& d, const std::string& key) {
+  auto it = d.find(key);
+  const std::int64_t* n = it == d.end() ? nullptr : it->second.get<std::int64_t>();
+  return n ? *n : -1;
+}
+std::optional<bool> flag(const PlistDict& d, const std::string& key) {
+  auto it = d.find(key);
+  const bool* b = it == d.end() ? nullptr : it->second.get<bool>();
+  return b ? std::optional(*b) : std::nullopt;
+}
+
+class VolumesRoot : public FilesTest {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "mounting needs root";
+    FilesTest::SetUp();
+  }
+  const std::string tag_ = std::to_string(getpid());
+};
+
+TEST_F(VolumesRoot, TmpfsIsAVolumeWithDiskInformation) {
+  ScopedMount m("KDCARD" + tag_);
+  if (!m.ok()) GTEST_SKIP() << m.error();
+  EXPECT_EQ(FM::volumeMountPointForPath(m.point() + "/DCIM/100"), m.point());
+  EXPECT_EQ(FM::volumeMountPointForPath(m.point()), m.point());
+  EXPECT_NE(FM::volumeMountPointForPath(m.point() + "X/a"), m.point());
+  auto info = FM::infoForDiskAtMountpoint(m.point() + "/");
+  ASSERT_TRUE(info);
+  EXPECT_EQ(text(*info, "VolumeName"), "KDCARD" + tag_);
+  EXPECT_EQ(text(*info, "FilesystemType"), "tmpfs");
+  EXPECT_EQ(text(*info, "MountPoint"), m.point());
+  EXPECT_EQ(number(*info, "TotalSize"), 4 << 20);
+  EXPECT_GT(number(*info, "FreeSpace"), 0);
+  EXPECT_LE(number(*info, "FreeSpace"), number(*info, "TotalSize"));
+  EXPECT_GT(number(*info, "BlockSize"), 0);
+  EXPECT_EQ(flag(*info, "WritableVolume"), true);
+  EXPECT_EQ(flag(*info, "Removable"), false);
+  EXPECT_EQ(info->count("DeviceNode"), 0u) << "tmpfs has no device";
+  EXPECT_FALSE(FM::infoForDiskAtMountpoint(m.point() + "/DCIM"));
+  EXPECT_FALSE(FM::infoForDiskAtMountpoint(dir_.path())) << "not a mount point";
+
+  // What kd info prints reads back with the standard readers.
+  if (::access(kPython, X_OK) != 0) GTEST_SKIP() << kPython << " is missing";
+  const std::string kd = KD_TOOL_PATH;
+  const std::string plist = KdTaskEx::stringFromTask(
+      "/bin/sh",
+      {"-c",
+       "\"$0\" info --plist \"$1\" | \"$2\" -c 'import plistlib, sys; "
+       "d = plistlib.loads(sys.stdin.buffer.read()); print(d[\"VolumeName\"], d[\"TotalSize\"])'",
+       kd, m.point(), kPython},
+      10.0);
+  EXPECT_EQ(plist, "KDCARD" + tag_ + " 4194304\n");
+  EXPECT_EQ(run({"/bin/sh", "-c", "\"$0\" info --json \"$1\" | \"$2\" -m json.tool >/dev/null", kd,
+                 m.point(), kPython}),
+            0);
+  EXPECT_EQ(run({kd, "info", dir_.path()}), 1);
+}
+
+TEST_F(VolumesRoot, LoopMountedExt4Image) {
+  ScopedMount m("ext4-" + tag_, {"/usr/sbin/mkfs.ext4", "-q", "-L", "KD_EXT4"}, "");
+  if (!m.ok()) GTEST_SKIP() << m.error();
+  auto info = FM::infoForDiskAtMountpoint(m.point());
+  ASSERT_TRUE(info);
+  EXPECT_EQ(text(*info, "VolumeName"), "KD_EXT4");
+  EXPECT_EQ(text(*info, "FilesystemType"), "ext4");
+  EXPECT_EQ(text(*info, "DeviceNode"), m.device());
+  EXPECT_NE(text(*info, "VolumeUUID"), "<missing>");
+  EXPECT_GT(number(*info, "TotalSize"), 8 << 20);
+  EXPECT_EQ(flag(*info, "Ejectable"), true) << "a disk image";
+  EXPECT_EQ(flag(*info, "Internal"), false);
+  EXPECT_EQ(FM::volumeMountPointForPath(m.point() + "/lost+found"), m.point());
+}
+
+TEST_F(VolumesRoot, ExfatCardImage) {
+  ScopedMount m("exfat-" + tag_, {"/usr/sbin/mkfs.exfat", "-L", "KD_CARD"},
+                "/usr/sbin/mount.exfat-fuse");
+  if (!m.ok()) GTEST_SKIP() << m.error();
+  auto info = FM::infoForDiskAtMountpoint(m.point());
+  ASSERT_TRUE(info);
+  EXPECT_EQ(text(*info, "VolumeName"), "KD_CARD");
+  EXPECT_EQ(text(*info, "FilesystemType"), "exfat") << "the file system, not fuseblk";
+  EXPECT_EQ(text(*info, "FilesystemName"), "ExFAT");
+  EXPECT_EQ(text(*info, "DeviceNode"), m.device());
+  EXPECT_EQ(flag(*info, "WritableVolume"), true);
+
+  // A card keeps neither attributes nor flags: unlocking finds nothing to
+  // undo and says nothing; locking says why it could not.
+  const std::string clip = m.point() + "/CLIP/A001.MOV";
+  fs::create_directories(m.point() + "/CLIP");
+  { std::ofstream(clip) << "footage"; }
+  FM::unlockFolder(m.point());
+  FM::unlockFile(clip);
+  EXPECT_FALSE(FM::isFileLocked(clip));
+  EXPECT_TRUE(logged().empty());
+  FM::lockFile(clip);
+  EXPECT_FALSE(FM::isFileLocked(clip));
+  EXPECT_EQ(logged(), Lines{"Unable to unlock file " + clip + ": Operation not supported"});
+  EXPECT_EQ(FM::fileSize(m.point()), 7u);
+}
+
+bool immutable(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  int flags = 0;
+  bool set = fd >= 0 && ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0 && (flags & FS_IMMUTABLE_FL);
+  if (fd >= 0) ::close(fd);
+  return set;
+}
+
+// Runs "lock" or "unlock" on a folder in a child process.
+int lockChild(const std::vector<std::string>& args) {
+  if (args.at(1) == "lock")
+    KdFileManager::lockFolder(args.at(0));
+  else
+    KdFileManager::unlockFolder(args.at(0));
+  return 0;
+}
+KD_CHILD_MODE("lock-tree", lockChild);
+
+TEST_F(VolumesRoot, LockAsRootAndAsAnOrdinaryUser) {
+  if (::access("/usr/sbin/useradd", X_OK) != 0 || ::access("/usr/bin/setpriv", X_OK) != 0)
+    GTEST_SKIP() << "useradd or setpriv is missing";
+  ScopedMount m("lock-" + tag_, {"/usr/sbin/mkfs.ext4", "-q"}, "");
+  if (!m.ok()) GTEST_SKIP() << m.error();
+  const std::string user = "kdlock" + tag_;
+  ASSERT_EQ(
+      run({"/usr/sbin/useradd", "-M", "-d", "/nonexistent", "-s", "/usr/sbin/nologin", "-U", user}),
+      0);
+  struct Cleanup {
+    std::string user;
+    ~Cleanup() { run({"/usr/sbin/userdel", user}); }
+  } cleanup{user};
+  struct passwd* pw = getpwnam(user.c_str());
+  ASSERT_TRUE(pw);
+  const uid_t uid = pw->pw_uid;
+  const gid_t gid = pw->pw_gid;
+
+  const std::string tree = m.point() + "/card";
+  const std::string files[] = {tree + "/a.mov", tree + "/sub/b.mov", tree + "/sub/deep/c.xml"};
+  fs::create_directories(tree + "/sub/deep");
+  for (const auto& f : files) std::ofstream(f) << "x";
+  ::chmod(files[2].c_str(), 0664);
+  for (const auto& p : fs::recursive_directory_iterator(tree)) ::chown(p.path().c_str(), uid, gid);
+  ::chown(tree.c_str(), uid, gid);
+  ::chmod(m.point().c_str(), 0755);
+
+  // Root sets the immutable flag and leaves the bits alone.
+  FM::lockFolder(tree);
+  for (const auto& f : files) {
+    EXPECT_TRUE(immutable(f)) << f;
+    EXPECT_TRUE(FM::isFileLocked(f)) << f;
+  }
+  EXPECT_FALSE(immutable(tree));
+  FM::unlockFolder(tree);
+  for (const auto& f : files) EXPECT_FALSE(immutable(f)) << f;
+  struct stat st {};
+  ::stat(files[2].c_str(), &st);
+  EXPECT_EQ(st.st_mode & 07777, 0664u);
+
+  // An ordinary user cannot set the flag: the marker and no write bits.
+  auto asUser = [&](const char* op) {
+    return run({"/usr/bin/setpriv", "--reuid=" + std::to_string(uid),
+                "--regid=" + std::to_string(gid), "--clear-groups", selfExecutable(), "--kd-child",
+                "lock-tree", tree, op});
+  };
+  ASSERT_EQ(asUser("lock"), 0);
+  for (const auto& f : files) {
+    EXPECT_FALSE(immutable(f)) << f;
+    EXPECT_TRUE(FM::isFileLocked(f)) << f;
+    ::stat(f.c_str(), &st);
+    EXPECT_EQ(st.st_mode & 0222, 0u) << f;
+  }
+  ASSERT_EQ(asUser("unlock"), 0);
+  for (const auto& f : files) EXPECT_FALSE(FM::isFileLocked(f)) << f;
+  ::stat(files[2].c_str(), &st);
+  EXPECT_EQ(st.st_mode & 07777, 0664u) << "the bits from before, exactly";
+  ::stat(files[0].c_str(), &st);
+  EXPECT_EQ(st.st_mode & 0200, 0200u);
+}
+
+}  // namespace
+}  // namespace kd::test
