@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <thread>
 
+#include "auth/KdAuthorization.h"
 #include "files/KdFileManager.h"
 #include "log/KdLog.h"
 #include "platform/Platform.h"
@@ -42,15 +43,10 @@ bool KdFileManager::touchFile(const std::optional<std::string>& path, bool setCr
       return false;
     }
     if (setCreationDate) metadata.setCreationDate(*path, Clock::now());
-    if (kd::platform().realUserId() == 0) {
-      // Root runs the tool itself.
-      result = KdTaskEx::terminationCodeFromTask(kTouch, {"-c", *path}) == 0;
-    } else {
-      // The administrator-rights session is not available to this library
-      // yet: the privileged path fails as it does without a way to ask.
-      kd::platform().systemLog("Unable to authorize");
-      result = false;
-    }
+    // With administrator rights, waiting for the tool (root runs it itself).
+    // The path comes after "--" so that a name starting with "-" is no option.
+    result = KdAuthorization::sharedController().authExecTask(kTouch, {"-c", "--", *path},
+                                                               /*async=*/false) == 0;
   }
   kd::platform().desktop().noteFileSystemChanged(*path);
   return result;
