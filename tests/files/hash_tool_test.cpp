@@ -83,8 +83,10 @@ TEST_F(KdHashTool, CheckFailsOnAnyDifference) {
   EXPECT_EQ(run(tmp.path(), kd + " hash -c check.list > out"), 1);
   EXPECT_EQ(kd::test::readFile(tmp / "out"), "A001C003.mov: OK\nempty: OK\nA001C003.mov: FAILED\n");
 
-  EXPECT_EQ(run(tmp.path(), kd + " hash gone.mov > out"), 1);
-  EXPECT_EQ(kd::test::readFile(tmp / "out"), "");
+  // Files that can't be opened or read leave standard output to the digests,
+  // although the library prints a read error there.
+  EXPECT_EQ(run(tmp.path(), kd + " hash gone.mov . empty > out"), 1);
+  EXPECT_EQ(kd::test::readFile(tmp / "out"), "d41d8cd98f00b204e9800998ecf8427e  empty\n");
 }
 
 }  // namespace

@@ -203,6 +203,8 @@ class ListOutput {
     if (saved_) ::dup2(STDERR_FILENO, STDOUT_FILENO);
   }
   ~ListOutput() {
+    // The log's writer thread may still print about the lines it was given.
+    KdLog::finishWriting();
     std::fflush(stdout);
     if (saved_) ::dup2(saved_.get(), STDOUT_FILENO);
     if (out_ != stdout) std::fclose(out_);
