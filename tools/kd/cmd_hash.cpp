@@ -31,12 +31,13 @@ constexpr std::uint64_t kProgressFrom = 2 * kProgressStep;
 struct Algorithm {
   KdDigestKind kind;
   const char* flag;
+  const char* label;
   std::size_t hexLength;
 };
-constexpr Algorithm kAlgorithms[] = {{KdDigestKind::MD5, "md5", 32},
-                                     {KdDigestKind::SHA1, "sha1", 40},
-                                     {KdDigestKind::SHA256, "sha256", 64},
-                                     {KdDigestKind::SHA512, "sha512", 128}};
+constexpr Algorithm kAlgorithms[] = {{KdDigestKind::MD5, "md5", "MD5", 32},
+                                     {KdDigestKind::SHA1, "sha1", "SHA-1", 40},
+                                     {KdDigestKind::SHA256, "sha256", "SHA-256", 64},
+                                     {KdDigestKind::SHA512, "sha512", "SHA-512", 128}};
 
 // The progress line on standard error, fed from the hashes' delegate on worker
 // threads. A report for a file that is no longer the current one is dropped,
@@ -343,8 +344,9 @@ void setupHash(CLI::App& app) {
   std::vector<CLI::Option*> options;
   for (std::size_t i = 0; i < 4; ++i) {
     const Algorithm& a = kAlgorithms[i];
-    options.push_back(cmd->add_flag(std::string("--") + a.flag, flags[i],
-                                    std::string("Use ") + a.flag + (i == 0 ? " (default)" : "")));
+    options.push_back(
+        cmd->add_flag(std::string("--") + a.flag, flags[i],
+                      std::string(a.label) + " digests" + (i == 0 ? " (the default)" : "")));
   }
   for (auto* o : options)
     for (auto* other : options)
