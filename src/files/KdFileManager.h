@@ -9,12 +9,15 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "common/PropertyList.h"
+#include "files/KdDelegates.h"
+#include "files/KdDigestContext.h"
 
 class KdFileManager {
  public:
@@ -53,6 +56,41 @@ class KdFileManager {
   // UTF-8 sequence), everything else itself, case-sensitively. Takes time
   // proportional to the product of the lengths at worst, never exponential.
   static bool nameMatchesWildcard(std::string_view name, std::string_view pattern);
+
+  // ===================================================================
+  // Hashing (KdFileManager_Hash.cpp)
+  //
+  // Digest text is lowercase hexadecimal, two digits a byte, no separators.
+  // The whole-file hashes read the file in 64 KiB chunks on the caller's
+  // thread and block it until the end. With a delegate that responds to
+  // checksumShouldContinue, each time the bytes read so far reach an exact
+  // multiple of 50 MiB the delegate is asked, on a kd::WorkQueue thread and
+  // without waiting for the answer, whether to go on; a false answer stops the
+  // hash within a chunk or so. A read shorter than 64 KiB (a pipe) moves the
+  // count off those multiples, usually for good. Failures return nothing:
+  //   can't open    system log "Error: Unable to open destination file <path>.
+  //                 Aborting hash verification..."
+  //   no memory     application log and stdout "Error reading file <path> - out of memory"
+  //   read error    application log and stdout "Error reading file <path> - aborting..."
+  //   stopped       no message
+  // No partial digest is ever returned and the file is closed on every path.
+  // ===================================================================
+
+  // The digest of what `context` was fed, finalised on a copy so that the
+  // caller's context stays usable. Absent only for a failed context.
+  static std::optional<std::string> md5HashWithContext(KdMD5Context context);
+  static std::optional<std::string> sha1HashWithContext(KdSHA1Context context);
+  static std::optional<std::string> sha256HashWithContext(KdSHA256Context context);
+  static std::optional<std::string> sha512HashWithContext(KdSHA512Context context);
+
+  // The digest text of the file at `path`, or nothing on failure or when the
+  // delegate stopped it.
+  static std::optional<std::string> md5HashForFile(
+      const std::string& path, std::shared_ptr<const KdChecksumDelegate> delegate = nullptr);
+  static std::optional<std::string> sha1HashForFile(
+      const std::string& path, std::shared_ptr<const KdChecksumDelegate> delegate = nullptr);
+  static std::optional<std::string> sha512HashForFile(
+      const std::string& path, std::shared_ptr<const KdChecksumDelegate> delegate = nullptr);
 
   // ===================================================================
   // File state, volumes and waiting (KdFileManager_State*.cpp)

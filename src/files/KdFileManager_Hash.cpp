@@ -1,0 +1,147 @@
+// Hashing of KdFileManager: digest text from running contexts, and whole-file
+// hashes with an optional delegate.
+#include <fcntl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <exception>
+#include <memory>
+
+#include "common/ReadAhead.h"
+#include "common/UniqueFd.h"
+#include "common/WorkQueue.h"
+#include "files/KdFileManager.h"
+#include "log/KdException.h"
+#include "log/KdLog.h"
+#include "platform/Platform.h"
+
+namespace {
+
+// The delegate is asked each time the bytes read reach a multiple of this
+// (800 reads of kd::ReadAhead::kReadSize, 64 KiB).
+constexpr std::uint64_t kQuestionInterval = 52428800;
+
+std::optional<std::string> hexText(const KdDigestContext& context) {
+  const std::optional<KdDigestContext::Digest> digest = context.digest();
+  if (!digest) return std::nullopt;
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string text(2 * digest->length, '\0');
+  for (std::size_t i = 0; i < digest->length; ++i) {
+    text[2 * i] = kHex[digest->bytes[i] >> 4];
+    text[2 * i + 1] = kHex[digest->bytes[i] & 0x0f];
+  }
+  return text;
+}
+
+// Asks the delegate on the work queue, without waiting, and sets the cell on
+// a false answer. The task holds the delegate, the path and the cell.
+void askToContinue(std::shared_ptr<const KdChecksumDelegate> delegate, std::string path,
+                   std::shared_ptr<KdCancellation> cancellation) {
+  kd::WorkQueue::shared().async([delegate = std::move(delegate), path = std::move(path),
+                                 cancellation = std::move(cancellation)] {
+    try {
+      if (!delegate->checksumShouldContinue(path)) cancellation->cancel();
+    } catch (const std::exception& e) {
+      KdException::logException(e, "checksumShouldContinue:");
+    } catch (...) {
+      KdException::logException("unknown", "an exception that is not a std::exception",
+                                "checksumShouldContinue:");
+    }
+  });
+}
+
+// Opens for reading; the descriptor is not valid when that fails. A path with
+// a NUL in it names no file (it would name a different, shorter one).
+kd::UniqueFd openForReading(const std::string& path) {
+  if (path.find('\0') != std::string::npos) {
+    errno = ENOENT;
+    return kd::UniqueFd();
+  }
+  return kd::UniqueFd(kd::retryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+}
+
+template <class Context>
+std::optional<std::string> hashFile(const std::string& path,
+                                    const std::shared_ptr<const KdChecksumDelegate>& delegate,
+                                    std::optional<std::string> (*text)(Context)) {
+  const kd::UniqueFd fd = openForReading(path);
+  if (!fd) {
+    kd::platform().systemLog(kd::format(
+        "Error: Unable to open destination file %@. Aborting hash verification...", path));
+    return std::nullopt;
+  }
+  Context context;
+  kd::ReadAhead reader(fd.get());
+  if (!reader.ok() || !context.ok()) {
+    KdLog::appendLogAndPrint("Error reading file %@ - out of memory", path);
+    return std::nullopt;
+  }
+  const bool asks = delegate != nullptr && delegate->respondsToChecksumShouldContinue();
+  const std::shared_ptr<KdCancellation> cancellation = asks ? KdCancellation::make() : nullptr;
+  std::uint64_t total = 0;
+  for (;;) {
+    // read() tells the end (0) from a failure (-1) itself, so a read that
+    // returns nothing is always the end; a failure, EAGAIN included, ends the
+    // hash rather than trying again.
+    const kd::ReadAhead::Read chunk = reader.next();
+    if (chunk.length == 0) break;
+    if (chunk.length < 0 || !context.update(chunk.data, static_cast<std::size_t>(chunk.length))) {
+      KdLog::appendLogAndPrint("Error reading file %@ - aborting...", path);
+      return std::nullopt;
+    }
+    total += static_cast<std::uint64_t>(chunk.length);
+    if (asks) {
+      if (total % kQuestionInterval == 0) askToContinue(delegate, path, cancellation);
+      if (cancellation->cancelled()) return std::nullopt;
+    }
+  }
+  return text(std::move(context));
+}
+
+template <class Context>
+std::optional<std::string> guardedHashFile(
+    const char* method, const std::string& path,
+    const std::shared_ptr<const KdChecksumDelegate>& delegate,
+    std::optional<std::string> (*text)(Context)) {
+  try {
+    return hashFile<Context>(path, delegate, text);
+  } catch (const std::exception& e) {
+    KdException::logException(e, method);
+  } catch (...) {
+    KdException::logException("unknown", "an exception that is not a std::exception", method);
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+std::optional<std::string> KdFileManager::md5HashWithContext(KdMD5Context context) {
+  return hexText(context);
+}
+std::optional<std::string> KdFileManager::sha1HashWithContext(KdSHA1Context context) {
+  return hexText(context);
+}
+std::optional<std::string> KdFileManager::sha256HashWithContext(KdSHA256Context context) {
+  return hexText(context);
+}
+std::optional<std::string> KdFileManager::sha512HashWithContext(KdSHA512Context context) {
+  return hexText(context);
+}
+
+std::optional<std::string> KdFileManager::md5HashForFile(
+    const std::string& path, std::shared_ptr<const KdChecksumDelegate> delegate) {
+  return guardedHashFile("+[KdFileManager md5HashForFile:delegate:]", path, delegate,
+                         &KdFileManager::md5HashWithContext);
+}
+std::optional<std::string> KdFileManager::sha1HashForFile(
+    const std::string& path, std::shared_ptr<const KdChecksumDelegate> delegate) {
+  return guardedHashFile("+[KdFileManager sha1HashForFile:delegate:]", path, delegate,
+                         &KdFileManager::sha1HashWithContext);
+}
+std::optional<std::string> KdFileManager::sha512HashForFile(
+    const std::string& path, std::shared_ptr<const KdChecksumDelegate> delegate) {
+  return guardedHashFile("+[KdFileManager sha512HashForFile:delegate:]", path, delegate,
+                         &KdFileManager::sha512HashWithContext);
+}
