@@ -106,7 +106,8 @@ class KdFileManager {
   static bool trashFile(const std::string& path, int timeout);
   static bool removeFile(const std::string& path, int timeout);
   static bool createDirectory(const std::string& path, int timeout);
-  static bool copyFile(const std::string& source, const std::string& toPath, int timeout);
+  static bool copyFile(const std::optional<std::string>& source,
+                       const std::optional<std::string>& toPath, int timeout);
   static bool moveFile(const std::string& source, const std::string& toPath, int timeout);
   // Copies each entry of the folder (not recursive) with the timeout form;
   // stops at the first failure.

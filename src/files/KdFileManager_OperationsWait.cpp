@@ -45,10 +45,10 @@ bool KdFileManager::createDirectory(const std::string& path, int timeout) {
   return createDirectory(path, true) && waitUntil(timeout, [&] { return isDirectoryAtPath(path); });
 }
 
-bool KdFileManager::copyFile(const std::string& source, const std::string& toPath, int timeout) {
+bool KdFileManager::copyFile(const std::optional<std::string>& source,
+                             const std::optional<std::string>& toPath, int timeout) {
   // The copy is complete when it returns: the wait only sees it appear.
-  return copyFile(std::optional(source), std::optional(toPath), true) &&
-         waitUntil(timeout, [&] { return exists(toPath); });
+  return copyFile(source, toPath, true) && waitUntil(timeout, [&] { return exists(*toPath); });
 }
 
 bool KdFileManager::moveFile(const std::string& source, const std::string& toPath, int timeout) {
