@@ -99,6 +99,8 @@ class ThrowawayAdmin {
   const std::string& password() const { return password_; }
   const std::string& work() const { return work_; }
   const std::string& home() const { return home_; }
+  // Where the copies of the programs the user runs lie.
+  const std::string& bin() const { return bin_; }
   uid_t uid() const { return uid_; }
   std::string helper() const { return bin_ + "/kd-privileged"; }
 
@@ -161,6 +163,8 @@ class ThrowawayAdmin {
     if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) return -1;
     const pid_t pid = ::fork();
     if (pid == 0) {
+      // A session of its own: no terminal to ask on, as under a service.
+      ::setsid();
       if (::dup2(in[0], 0) < 0 || ::dup2(out[1], 1) < 0 || ::dup2(out[1], 2) < 0 ||
           ::setgroups(0, nullptr) != 0 || ::setresgid(gid_, gid_, gid_) != 0 ||
           ::setresuid(uid_, effective, effective) != 0 || ::chdir(home_.c_str()) != 0)
