@@ -45,6 +45,16 @@ std::string lowercase(std::string_view text);
 // A name for a temporary item beside `path` that nobody else uses.
 std::string temporarySibling(const std::string& path, std::string_view purpose);
 
+// The path without trailing slashes ("/" stays), so that an operation on
+// "link/" acts on the link and not on where it leads.
+std::string withoutTrailingSlashes(std::string path);
+
+// Whether a destructive operation must not act on the path (the system's and
+// the user's standard folders, "/" and what holds them; see
+// KdAuthorization::isProtectedTarget). Logs `message` with the path to the
+// system log when it refuses.
+bool refusesSystemPath(const std::string& path, const char* message);
+
 // The failure record of the current thread.
 void clearFailure();
 void recordFailure(int error);

@@ -81,7 +81,9 @@ bool exists(const std::string& path) {
 
 class ZipWriter {
  public:
-  ZipWriter(archive* a, std::string* why) : a_(a), why_(why) {}
+  // `output` is the archive being written, which is never put into itself.
+  ZipWriter(archive* a, const struct stat& output, std::string* why)
+      : a_(a), output_(output), why_(why) {}
 
   // Adds the item at `path` (opened relative to `at`) as `name`, and
   // everything below a folder. `follow` follows a link at the item itself.
@@ -90,6 +92,7 @@ class ZipWriter {
     struct stat st {};
     if (::fstatat(at, item.c_str(), &st, follow ? 0 : AT_SYMLINK_NOFOLLOW) != 0)
       return failed(name, std::strerror(errno));
+    if (st.st_dev == output_.st_dev && st.st_ino == output_.st_ino) return true;
     if (S_ISDIR(st.st_mode)) {
       kd::UniqueFd folder(kd::retryOnEintr([&] {
         return ::openat(at, item.c_str(),
@@ -161,6 +164,7 @@ class ZipWriter {
   }
 
   archive* a_;
+  struct stat output_;
   std::string* why_;
 };
 
@@ -377,7 +381,9 @@ bool KdFileManager::compressFile(const std::string& source, const std::string& t
     if (writer && archive_write_set_format_zip(writer.get()) == ARCHIVE_OK &&
         archive_write_set_options(writer.get(), "zip:hdrcharset=UTF-8") >= ARCHIVE_WARN &&
         archive_write_open_fd(writer.get(), out.get()) == ARCHIVE_OK) {
-      ZipWriter zip(writer.get(), &why);
+      struct stat self {};
+      ::fstat(out.get(), &self);
+      ZipWriter zip(writer.get(), self, &why);
       const std::string name = kd::path::lastComponent(source);
       struct stat st {};
       const bool folder = ::stat(source.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
@@ -423,7 +429,11 @@ bool KdFileManager::decompressFile(const std::string& archivePath,
     } else {
       archive_read_support_format_zip(reader.get());
       archive_read_support_format_tar(reader.get());
-      archive_read_support_filter_all(reader.get());
+      // Compression the library decodes itself; never a helper program.
+      archive_read_support_filter_gzip(reader.get());
+      archive_read_support_filter_bzip2(reader.get());
+      archive_read_support_filter_xz(reader.get());
+      archive_read_support_filter_zstd(reader.get());
       if (archive_read_open_filename(reader.get(), archivePath.c_str(), kChunk) != ARCHIVE_OK) {
         why = errorOf(reader.get());
       } else {

@@ -12,6 +12,7 @@
 #include "common/Path.h"
 #include "files/FileOperations.h"
 #include "files/KdFileManager.h"
+#include "log/Format.h"
 #include "log/KdLog.h"
 #include "paths/KdLocalPaths.h"
 #include "platform/Platform.h"
@@ -44,6 +45,21 @@ bool isRightsError(int error) {
   return error == EACCES || error == EPERM;
 }
 
+std::string withoutTrailingSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+bool refusesSystemPath(const std::string& path, const char* message) {
+  // The same rule as the privileged commands: a root process takes the
+  // ordinary way, and must not remove or move the system away either.
+  if (!KdLocalPaths::isPathSystemDirectory(path, true) && !KdAuthorization::isProtectedTarget(path))
+    return false;
+  kd::platform().systemLog(kd::format(message, path));
+  recordFailure("a system folder is never changed", false);
+  return true;
+}
+
 }  // namespace kd::files
 
 namespace {
@@ -74,15 +90,17 @@ bool KdFileManager::lastFailureNeedsRights() {
   return files::tFailure.needsRights;
 }
 
-bool KdFileManager::removeFile(const std::string& path, bool shouldAuth) {
+bool KdFileManager::removeFile(const std::string& givenPath, bool shouldAuth) {
   files::clearFailure();
-  if (path.empty()) return true;
+  if (givenPath.empty()) return true;
+  const std::string path = files::withoutTrailingSlashes(givenPath);
   if (!exists(path)) {
     // Something may be there that this user may not look at.
     if (errno == ENOENT || errno == ENOTDIR) return true;
-  } else {
-    unlockFile(path);
   }
+  if (files::refusesSystemPath(path, "Unable to delete path %@ because it is a system directory."))
+    return false;
+  if (exists(path)) unlockFile(path);
   const int err = files::removeTree(path);
   if (err == 0) return true;
   files::recordFailure(err);
@@ -130,9 +148,12 @@ bool KdFileManager::copyFile(const std::optional<std::string>& source,
   return rights().authCopyFile(source, toPath);
 }
 
-bool KdFileManager::moveFile(const std::string& source, const std::string& toPath,
+bool KdFileManager::moveFile(const std::string& givenSource, const std::string& toPath,
                              bool shouldAuth) {
   files::clearFailure();
+  const std::string source = files::withoutTrailingSlashes(givenSource);
+  if (files::refusesSystemPath(source, "Unable to move path %@ because it is a system directory."))
+    return false;
   if (exists(toPath)) unlockFile(toPath);
   unlockFolder(kd::path::append(toPath, kd::path::lastComponent(source)));
 

@@ -77,13 +77,12 @@ void walk(const std::string& folder, bool top,
 bool KdFileManager::trashFile(const std::string& givenPath, bool shouldAuth) {
   files::clearFailure();
   if (givenPath.empty()) return true;
-  const std::string path = absolute(givenPath);
+  const std::string path = files::withoutTrailingSlashes(absolute(givenPath));
   struct stat st {};
-  if (::lstat(path.c_str(), &st) != 0) {
-    if (errno == ENOENT || errno == ENOTDIR) return true;
-  } else {
-    unlockFile(path);
-  }
+  if (::lstat(path.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR)) return true;
+  if (files::refusesSystemPath(path, "Unable to trash path %@ because it is a system directory."))
+    return false;
+  if (::lstat(path.c_str(), &st) == 0) unlockFile(path);
   int err = 0;
   std::string why;
   if (std::optional<HomeTrash> home = homeTrash()) {

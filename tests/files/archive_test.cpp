@@ -106,6 +106,11 @@ TEST_F(Archives, RoundTripWithAndWithoutTheParent) {
 
   ASSERT_TRUE(FM::decompressFile(work("without.zip"), work("out2")));
   EXPECT_EQ(tree(work("out2")), inside);
+  // An archive written inside its own folder does not hold itself.
+  ASSERT_TRUE(FM::compressFile(work("Clips"), work("Clips/self.zip"), false));
+  ASSERT_TRUE(FM::decompressFile(work("Clips/self.zip"), work("out3")));
+  EXPECT_EQ(tree(work("out3")), inside);
+  ASSERT_EQ(::unlink(work("Clips/self.zip").c_str()), 0);
 
   // An existing archive goes to the trash first; so does an existing folder,
   // and only once the new one is complete.

@@ -58,6 +58,25 @@ TEST_F(Operations, RemoveTakesTreesAndLinksButNothingTheyPointAt) {
   EXPECT_EQ(logged(), Lines());
 }
 
+TEST_F(Operations, SystemAndStandardFoldersAreNeverRemovedMovedOrTrashed) {
+  const std::string home = tmp_ / "Users/bob";
+  dir_.touch("../" + path::lastComponent(tmp_.path()) + "/Users/bob/Library/Preferences/keep", "k");
+  for (const std::string& path : {home, home + "/", home + "/Library", home + "/Library/"}) {
+    EXPECT_FALSE(FM::removeFile(path)) << path;
+    EXPECT_FALSE(FM::trashFile(path)) << path;
+    EXPECT_FALSE(FM::moveFile(path, work("moved"))) << path;
+  }
+  EXPECT_EQ(readFile(home + "/Library/Preferences/keep"), "k");
+  EXPECT_EQ(platform_.systemLogMessages().front(),
+            "Unable to delete path " + home + " because it is a system directory.");
+  // A link named with a trailing slash is the link, not where it leads.
+  dir_.touch("target/file", "t");
+  ASSERT_EQ(::symlink(work("target").c_str(), work("link").c_str()), 0);
+  EXPECT_TRUE(FM::removeFile(work("link") + "/"));
+  EXPECT_FALSE(exists(work("link")));
+  EXPECT_EQ(readFile(work("target/file")), "t");
+}
+
 TEST_F(Operations, CreateDirectoryMakesParentsAndRefusesUnmountedVolumes) {
   EXPECT_TRUE(FM::createDirectory(work("a/b/c")));
   EXPECT_TRUE(FM::isDirectoryAtPath(work("a/b/c")));
