@@ -356,11 +356,6 @@ bool KdFileManager::compressFile(const std::string& source, const std::string& t
   files::clearFailure();
   Utf8Names names;
   const std::string& destination = toDestinationFile;
-  if (exists(destination) && !trashFile(destination)) {
-    KdLog::appendLog("Unable to compress %@: %@ cannot be moved to the trash.", source,
-                     destination);
-    return false;
-  }
   std::string sourceFolder = kd::path::deletingLastComponent(source);
   if (sourceFolder.empty()) sourceFolder = ".";
   kd::UniqueFd at(kd::retryOnEintr(
@@ -399,9 +394,13 @@ bool KdFileManager::compressFile(const std::string& source, const std::string& t
     }
   }
   if (written) {
+    // The archive there before goes to the trash only now that its
+    // replacement is complete.
+    if (exists(destination) && !trashFile(destination))
+      why = destination + ": it cannot be moved to the trash (" + lastFailureReason() + ")";
     const int err = files::renameNoReplace(partial, destination);
     if (err == 0) return true;
-    why = destination + ": " + std::strerror(err);
+    if (why.empty()) why = destination + ": " + std::strerror(err);
   }
   ::unlink(partial.c_str());
   files::recordFailure(why, false);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <functional>
 
 #include "auth/KdAuthorization.h"
@@ -11,6 +12,7 @@
 #include "common/Trash.h"
 #include "files/FileOperations.h"
 #include "files/KdFileManager.h"
+#include "log/Format.h"
 #include "paths/KdLocalPaths.h"
 #include "platform/Platform.h"
 
@@ -98,7 +100,13 @@ bool KdFileManager::trashFile(const std::string& givenPath, bool shouldAuth) {
     err = ENOENT;
   }
   why.empty() ? files::recordFailure(err) : files::recordFailure(why, files::isRightsError(err));
-  if (!shouldAuth || !files::isRightsError(err)) return false;
+  if (!shouldAuth || !files::isRightsError(err)) {
+    // Said where the privileged trash says it: no trash on the item's own
+    // volume, a name that cannot be taken, ...
+    kd::platform().systemLog(kd::format("Unable to trash path %@: %@.", path,
+                                        why.empty() ? std::string(std::strerror(err)) : why));
+    return false;
+  }
   return KdAuthorization::sharedController().authTrashFile(path);
 }
 
