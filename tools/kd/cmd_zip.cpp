@@ -19,8 +19,8 @@ void setupZip(CLI::App& app) {
   cmd->footer(
       "Writes ARCHIVE with UTF-8 names, permissions, modification times and links\n"
       "stored as links. With a folder, its name is the top entry unless --no-parent is\n"
-      "given. An existing ARCHIVE is moved to the trash first. Exits 1 unless the\n"
-      "whole archive was written.");
+      "given. An existing ARCHIVE is moved to the trash once the new one is complete.\n"
+      "Exits 1 unless the whole archive was written.");
   cmd->callback([] {
     kd::tool::openCommandLog();
     const bool done = KdFileManager::compressFile(source, archive, !noParent);
