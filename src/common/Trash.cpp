@@ -167,7 +167,7 @@ std::optional<TrashSlot> claimTrashSlot(const TrashRequest& request, std::string
     std::optional<std::string> folder =
         top ? volumeTrash(*top, request.uid, itemStat.st_uid, request.owner) : std::nullopt;
     if (!folder) {
-      fail(error, errorNumber, "no trash can be made on the item's volume", EACCES);
+      fail(error, errorNumber, "no trash can be made on the item's volume", EXDEV);
       return std::nullopt;
     }
     trash = *folder;

@@ -85,26 +85,26 @@ bool KdFileManager::trashFile(const std::string& givenPath, bool shouldAuth) {
   if (files::refusesSystemPath(path, "Unable to trash path %@ because it is a system directory."))
     return false;
   if (::lstat(path.c_str(), &st) == 0) unlockFile(path);
-  int err = 0;
+  // Only a move that the user's rights refused is tried again with rights:
+  // the privileged trash claims its name as this user too, so a trash that
+  // cannot be used now cannot be used then either.
+  bool rightsWouldHelp = false;
   std::string why;
   if (std::optional<HomeTrash> home = homeTrash()) {
     kd::TrashRequest request{path, home->folder, home->uid, home->owner, kd::TrashNaming::Numbered};
-    if (std::optional<kd::TrashSlot> slot = kd::claimTrashSlot(request, &why, &err)) {
-      err = files::renameNoReplace(path, slot->destination);
+    if (std::optional<kd::TrashSlot> slot = kd::claimTrashSlot(request, &why)) {
+      const int err = files::renameNoReplace(path, slot->destination);
       if (err == 0) return true;
       kd::releaseTrashSlot(*slot);
-      why.clear();
+      why = std::strerror(err);
+      rightsWouldHelp = files::isRightsError(err);
     }
   } else {
     why = "the user has no home trash";
-    err = ENOENT;
   }
-  why.empty() ? files::recordFailure(err) : files::recordFailure(why, files::isRightsError(err));
-  if (!shouldAuth || !files::isRightsError(err)) {
-    // Said where the privileged trash says it: no trash on the item's own
-    // volume, a name that cannot be taken, ...
-    kd::platform().systemLog(kd::format("Unable to trash path %@: %@.", path,
-                                        why.empty() ? std::string(std::strerror(err)) : why));
+  files::recordFailure(why, rightsWouldHelp);
+  if (!shouldAuth || !rightsWouldHelp) {
+    kd::platform().systemLog(kd::format("Unable to trash path %@: %@.", path, why));
     return false;
   }
   return KdAuthorization::sharedController().authTrashFile(path);
