@@ -55,6 +55,7 @@ std::string errorOf(archive* a) {
 // Names travel as UTF-8 whatever the process's locale: libarchive converts
 // names through the thread's locale, which this sets to a UTF-8 one for the
 // scope of an archive operation (uselocale acts on this thread only).
+// Owns nothing but the restoring; lives on one thread's stack.
 class Utf8Names {
  public:
   Utf8Names() {
@@ -79,6 +80,8 @@ bool exists(const std::string& path) {
 
 // --- Writing -------------------------------------------------------------------------
 
+// Adds files, folders and links to an open zip writer. Borrows the writer
+// and the reason text from its caller; one thread, one archive.
 class ZipWriter {
  public:
   // `output` is the archive being written, which is never put into itself.
@@ -211,6 +214,9 @@ bool targetStaysInside(const std::string& target, std::size_t depth) {
   return climbs <= depth;
 }
 
+// Extracts every entry of an open reader below an open folder. Borrows the
+// reader, the folder's descriptor and the reason text; owns the list of
+// folders whose permissions are set at the end. One thread, one archive.
 class Extractor {
  public:
   Extractor(archive* a, int root, std::string* why) : a_(a), root_(root), why_(why) {}

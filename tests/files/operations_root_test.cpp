@@ -40,7 +40,8 @@ std::set<std::string> namesIn(const std::string& folder) {
   return names;
 }
 
-// A tmpfs of our own, unmounted (lazily, should a test leave it busy) at the end.
+// A tmpfs of our own, unmounted (lazily, should a test leave it busy) at the
+// end. Owns the mount; one thread.
 class Volume {
  public:
   Volume(const std::string& mountPoint, const std::string& size) : mountPoint_(mountPoint) {

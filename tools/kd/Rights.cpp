@@ -18,7 +18,7 @@ namespace kd::tool {
 
 namespace {
 
-// A password that is wiped when it goes.
+// A password that is wiped when it goes. Owns its text; one thread.
 class Secret {
  public:
   Secret() = default;
