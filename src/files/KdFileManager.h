@@ -116,7 +116,7 @@ class KdFileManager {
 
   // True for a missing folder and for one that holds nothing but ".DS_Store",
   // "Icon\r" and folders empty by the same rule; false for anything else,
-  // including a folder that cannot be read and a link.
+  // including a folder that cannot be read and a link below it.
   static bool isFolderEmpty(const std::string& path);
   // Removes the folder when isFolderEmpty says so.
   static bool removeFolderIfEmpty(const std::string& path);

@@ -1,8 +1,10 @@
 // Removing, copying and moving trees without ever replacing anything.
 #include <dirent.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <locale.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <wctype.h>
@@ -213,9 +215,10 @@ std::string temporarySibling(const std::string& path, std::string_view purpose) 
 }
 
 int copyTree(const std::string& from, const std::string& to) {
-  struct stat st {};
+  struct stat st {
+  }, there{};
   if (::lstat(from.c_str(), &st) != 0) return errno;
-  if (::lstat(to.c_str(), &st) == 0) return EEXIST;
+  if (::lstat(to.c_str(), &there) == 0) return EEXIST;
   std::string parent = path::deletingLastComponent(to);
   if (parent.empty()) parent = ".";
   std::string fromParent = path::deletingLastComponent(from);
@@ -227,6 +230,14 @@ int copyTree(const std::string& from, const std::string& to) {
   UniqueFd toFolder(
       retryOnEintr([&] { return ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
   if (!toFolder) return errno;
+  // A folder copied into itself would copy its copy for ever.
+  char realFrom[PATH_MAX], realParent[PATH_MAX];
+  if (S_ISDIR(st.st_mode) && ::realpath(from.c_str(), realFrom) &&
+      ::realpath(parent.c_str(), realParent)) {
+    const std::string inside = std::string(realFrom) + "/";
+    if (std::string(realParent) + "/" == inside || std::string(realParent).starts_with(inside))
+      return EINVAL;
+  }
   const std::string partial = path::lastComponent(temporarySibling(to, "kdcopy"));
   const std::string fromName = path::lastComponent(from);
   int err = copyAt(fromFolder.get(), fromName.c_str(), toFolder.get(), partial.c_str());

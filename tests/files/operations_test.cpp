@@ -125,11 +125,14 @@ TEST_F(Operations, CopyKeepsLinksModesAndTimesAndNeverReplaces) {
   EXPECT_FALSE(FM::copyFile(std::nullopt, work("x")));
   EXPECT_FALSE(FM::copyFile(work("src"), std::nullopt));
   EXPECT_FALSE(FM::copyFile(work("missing"), work("x")));
+  EXPECT_FALSE(FM::copyFile(work("src"), work("src/sub/inside")));
+  EXPECT_FALSE(exists(work("src/sub/inside")));
   EXPECT_EQ(logged(), (Lines{"Error copying file: File exists. Authorizing...",
                              "Error copying file: File exists. Authorizing...",
                              "Error copying file: source path is nil",
                              "Error copying file " + work("src") + ": destination path is nil",
-                             "Error copying file: No such file or directory. Authorizing..."}));
+                             "Error copying file: No such file or directory. Authorizing...",
+                             "Error copying file: Invalid argument. Authorizing..."}));
 }
 
 TEST_F(Operations, MoveNeverReplacesAndRenamesCaseThroughAFreeName) {
