@@ -58,6 +58,98 @@ class KdFileManager {
   static bool nameMatchesWildcard(std::string_view name, std::string_view pattern);
 
   // ===================================================================
+  // File operations with privilege fallback (KdFileManager_Operations*.cpp,
+  // KdFileManager_Trash.cpp, KdFileManager_Archive.cpp)
+  //
+  // Each operation first tries the ordinary way, as the process's own user.
+  // Where that fails for lack of rights (a permission error or a locked item)
+  // and `shouldAuth` allows it, the matching privileged command of the shared
+  // KdAuthorization runs instead (which may ask for a password); any other
+  // failure (a destination that exists, a full disk, a missing source) is
+  // final and asks for nothing. Nothing is ever replaced: a copy or move onto
+  // an existing destination fails. Messages go to the application log (see
+  // docs/files.md). The timeout forms poll every 0.3 s until what they waited
+  // for is visible; a timeout of 0 looks once.
+  // ===================================================================
+
+  // Moves the item to the desktop trash: the home trash, or the trash of the
+  // item's own volume; never copied across volumes. A missing path counts as
+  // trashed.
+  static bool trashFile(const std::string& path, bool shouldAuth = true);
+  // Trashes each entry of the folder (not recursive), going on after
+  // failures; true when none failed. A missing folder counts as empty; one
+  // that cannot be listed fails.
+  static bool trashDirectoryContents(const std::string& folder, bool shouldAuth = true);
+  // Trashes every file below `folder` whose extension is `type` (any case),
+  // never following links below the folder; the paths it trashed.
+  static std::vector<std::string> trashFilesOfType(const std::string& type,
+                                                   const std::string& folder);
+  // As above for entries named exactly `name`.
+  static std::vector<std::string> trashFilesNamed(const std::string& name,
+                                                  const std::string& folder);
+
+  // Removes the item and everything below it (links removed, never followed).
+  // A missing path counts as removed.
+  static bool removeFile(const std::string& path, bool shouldAuth = true);
+  // Creates the folder and its missing parents; refused for a path under an
+  // unmounted volume (see isDriveMountedForPath).
+  static bool createDirectory(const std::string& path, bool shouldAuth = true);
+  // Copies a file or a folder (links kept as links, permissions and
+  // modification times kept) to a destination that must not exist. A partly
+  // made copy never carries the destination's name.
+  static bool copyFile(const std::optional<std::string>& source,
+                       const std::optional<std::string>& toPath, bool shouldAuth = true);
+  // Renames, or across file systems copies and then removes the source.
+  // A change of letter case only goes through a free intermediate name.
+  static bool moveFile(const std::string& source, const std::string& toPath,
+                       bool shouldAuth = true);
+
+  // Timeout forms: the operation, then a wait of up to `timeout` seconds for
+  // its result to be visible; true only when both hold.
+  static bool trashFile(const std::string& path, int timeout);
+  static bool removeFile(const std::string& path, int timeout);
+  static bool createDirectory(const std::string& path, int timeout);
+  static bool copyFile(const std::optional<std::string>& source,
+                       const std::optional<std::string>& toPath, int timeout);
+  static bool moveFile(const std::string& source, const std::string& toPath, int timeout);
+  // Copies each entry of the folder (not recursive) with the timeout form;
+  // stops at the first failure.
+  static bool copyContentsOfDirectory(const std::string& folder, const std::string& toPath,
+                                      int timeout);
+
+  // True for a missing folder and for one that holds nothing but ".DS_Store",
+  // "Icon\r" and folders empty by the same rule; false for anything else,
+  // including a folder that cannot be read and a link below it.
+  static bool isFolderEmpty(const std::string& path);
+  // Removes the folder when isFolderEmpty says so.
+  static bool removeFolderIfEmpty(const std::string& path);
+  // The folder below `destination` that mirrors `path` (its folder, or the
+  // path itself for a folder that is no package); created when missing.
+  static std::string createDirectoryStructure(const std::string& path,
+                                              const std::string& destination);
+  // Creates an empty file at the path, which must be free.
+  static bool createEmptyFile(const std::string& path);
+
+  // Writes a zip archive of a file or folder (UTF-8 names, permissions,
+  // modification times, links as links); with `includeParent` the folder
+  // itself is the top entry. An existing archive is trashed first. True only
+  // when the whole archive was written.
+  static bool compressFile(const std::string& source, const std::string& toDestinationFile,
+                           bool includeParent = true);
+  // Extracts a zip or tar archive into `toDestinationFolder`, through a
+  // temporary folder beside it that takes the name only when everything was
+  // extracted. Entries that would land outside (absolute paths, "..", links
+  // leading out, writing through a link) make it fail with nothing written.
+  // An existing folder of that name is trashed first.
+  static bool decompressFile(const std::string& archive, const std::string& toDestinationFolder);
+
+  // Why the last of the operations above failed on this thread (the system's
+  // error text, or a short description), and whether it was for lack of
+  // rights: what a caller needs to decide about asking for a password.
+  static std::string lastFailureReason();
+  static bool lastFailureNeedsRights();
+
+  // ===================================================================
   // Hashing (KdFileManager_Hash.cpp)
   //
   // Digest text is lowercase hexadecimal, two digits a byte, no separators.

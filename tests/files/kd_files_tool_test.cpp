@@ -1,4 +1,4 @@
-// kd size, label and xattr, run as the built tool.
+// kd size, label, xattr and the file operations, run as the built tool.
 #include <sys/xattr.h>
 
 #include "FilesFixture.h"
@@ -20,6 +20,56 @@ Result kd(std::vector<std::string> args) {
   auto bar = out.rfind('|');
   if (bar == std::string::npos) return {out, -1};
   return {out.substr(0, bar), std::atoi(out.c_str() + bar + 1)};
+}
+
+// Runs kd with the arguments; standard output and error together.
+Result kdBoth(std::vector<std::string> args) {
+  std::vector<std::string> sh = {"-c", "\"$0\" \"$@\" 2>&1; echo \"|$?\"", KD_TOOL_PATH};
+  sh.insert(sh.end(), args.begin(), args.end());
+  std::string out = KdTaskEx::stringFromTask("/bin/sh", sh, 10.0);
+  auto bar = out.rfind('|');
+  if (bar == std::string::npos) return {out, -1};
+  return {out.substr(0, bar), std::atoi(out.c_str() + bar + 1)};
+}
+
+TEST(KdFileCommands, CopyMoveCreateRemoveAndArchives) {
+  TempDir d;
+  d.touch("card/clip.mov", "footage");
+  d.touch("taken", "mine");
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string says;  // part of what kd writes; "" for nothing at all
+  } cases[] = {
+      {{"cp", d / "card", d / "copy"}, 0, ""},
+      {{"cp", d / "card/clip.mov", d / "taken"}, 1, "File exists"},
+      {{"cp", "--no-auth", d / "missing", d / "x"}, 1, "No such file or directory"},
+      {{"mv", d / "copy", d / "moved"}, 0, ""},
+      {{"mv", d / "moved/clip.mov", d / "taken"}, 1, "File exists"},
+      {{"mkdir", d / "a/b", d / "c"}, 0, ""},
+      {{"mkdir", d / "taken/sub"}, 1, "Not a directory"},
+      {{"zip", d / "card", d / "card.zip"}, 0, ""},
+      {{"zip", "--no-parent", d / "card", d / "flat.zip"}, 0, ""},
+      {{"unzip", d / "card.zip", d / "out"}, 0, ""},
+      {{"unzip", d / "flat.zip", d / "flat"}, 0, ""},
+      {{"unzip", d / "taken", d / "bad"}, 1, "kd unzip: " + (d / "taken") + ": "},
+      {{"rm", d / "a", d / "missing"}, 0, ""},
+  };
+  for (const auto& c : cases) {
+    Result r = kdBoth(c.args);
+    EXPECT_EQ(r.status, c.status) << c.args[0] << ' ' << c.args[1] << ": " << r.out;
+    if (c.says.empty())
+      EXPECT_EQ(r.out, "") << c.args[0] << ' ' << c.args[1];
+    else
+      EXPECT_NE(r.out.find(c.says), std::string::npos) << r.out;
+  }
+  EXPECT_EQ(readFile(d / "moved/clip.mov"), "footage");
+  EXPECT_EQ(readFile(d / "taken"), "mine");
+  EXPECT_EQ(readFile(d / "out/card/clip.mov"), "footage");
+  EXPECT_EQ(readFile(d / "flat/clip.mov"), "footage");
+  EXPECT_TRUE(KdFileManager::isDirectoryAtPath(d / "c"));
+  EXPECT_FALSE(KdFileManager::fileExistsAtPath(d / "a"));
+  EXPECT_FALSE(KdFileManager::fileExistsAtPath(d / "bad"));
 }
 
 TEST(KdFileCommands, SizeLabelXattr) {

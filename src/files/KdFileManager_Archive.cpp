@@ -1,0 +1,462 @@
+// Zip archives of KdFileManager, written and read with libarchive.
+//
+// Writing streams every file in chunks into a temporary archive beside the
+// destination, which takes its name only when the writer finished. Reading
+// extracts into a temporary folder beside the destination folder. Every
+// folder on the way to an entry is opened without following links, so no
+// entry is ever written through a link; entries with absolute paths or ".."
+// and links that lead out of the folder are refused by name. Memory stays
+// bounded by the chunk size whatever the archive's size.
+#include <archive.h>
+#include <archive_entry.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <locale.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "common/Folders.h"
+#include "common/Path.h"
+#include "common/UniqueFd.h"
+#include "files/FileOperations.h"
+#include "files/KdFileManager.h"
+#include "log/KdLog.h"
+
+namespace {
+
+namespace files = kd::files;
+
+constexpr std::size_t kChunk = 64 * 1024;
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+struct WriterFree {
+  void operator()(archive* a) const { archive_write_free(a); }
+};
+struct ReaderFree {
+  void operator()(archive* a) const { archive_read_free(a); }
+};
+struct EntryFree {
+  void operator()(archive_entry* e) const { archive_entry_free(e); }
+};
+using Writer = std::unique_ptr<archive, WriterFree>;
+using Reader = std::unique_ptr<archive, ReaderFree>;
+using Entry = std::unique_ptr<archive_entry, EntryFree>;
+
+std::string errorOf(archive* a) {
+  const char* text = archive_error_string(a);
+  return text ? text : "the archive cannot be used";
+}
+
+// Names travel as UTF-8 whatever the process's locale: libarchive converts
+// names through the thread's locale, which this sets to a UTF-8 one for the
+// scope of an archive operation (uselocale acts on this thread only).
+// Owns nothing but the restoring; lives on one thread's stack.
+class Utf8Names {
+ public:
+  Utf8Names() {
+    static const locale_t utf8 =
+        ::newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+    if (utf8) previous_ = ::uselocale(utf8);
+  }
+  ~Utf8Names() {
+    if (previous_) ::uselocale(previous_);
+  }
+  Utf8Names(const Utf8Names&) = delete;
+  Utf8Names& operator=(const Utf8Names&) = delete;
+
+ private:
+  locale_t previous_ = static_cast<locale_t>(nullptr);
+};
+
+bool exists(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+// --- Writing -------------------------------------------------------------------------
+
+// Adds files, folders and links to an open zip writer. Borrows the writer
+// and the reason text from its caller; one thread, one archive.
+class ZipWriter {
+ public:
+  // `output` is the archive being written, which is never put into itself.
+  ZipWriter(archive* a, const struct stat& output, std::string* why)
+      : a_(a), output_(output), why_(why) {}
+
+  // Adds the item at `path` (opened relative to `at`) as `name`, and
+  // everything below a folder. `follow` follows a link at the item itself.
+  bool add(int at, const std::string& item, const std::string& name, bool follow,
+           bool withEntry = true) {
+    struct stat st {};
+    if (::fstatat(at, item.c_str(), &st, follow ? 0 : AT_SYMLINK_NOFOLLOW) != 0)
+      return failed(name, std::strerror(errno));
+    if (st.st_dev == output_.st_dev && st.st_ino == output_.st_ino) return true;
+    if (S_ISDIR(st.st_mode)) {
+      kd::UniqueFd folder(kd::retryOnEintr([&] {
+        return ::openat(at, item.c_str(),
+                        O_RDONLY | O_DIRECTORY | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW));
+      }));
+      if (!folder) return failed(name, std::strerror(errno));
+      if (withEntry && !header(st, name + "/", nullptr)) return false;
+      std::optional<std::vector<std::string>> names = files::entryNamesAt(folder.get());
+      if (!names) return failed(name, std::strerror(errno));
+      for (const std::string& child : *names)
+        if (!add(folder.get(), child, name.empty() ? child : name + "/" + child, false))
+          return false;
+      return true;
+    }
+    if (S_ISLNK(st.st_mode)) {
+      std::string target(static_cast<std::size_t>(st.st_size > 0 ? st.st_size : 4096) + 1, '\0');
+      const ssize_t n = ::readlinkat(at, item.c_str(), target.data(), target.size());
+      if (n < 0) return failed(name, std::strerror(errno));
+      target.resize(static_cast<std::size_t>(n));
+      return header(st, name, &target);
+    }
+    if (!S_ISREG(st.st_mode)) return failed(name, "not a file, folder or link");
+    kd::UniqueFd file(kd::retryOnEintr([&] {
+      return ::openat(at, item.c_str(), O_RDONLY | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW));
+    }));
+    if (!file) return failed(name, std::strerror(errno));
+    if (!header(st, name, nullptr)) return false;
+    std::unique_ptr<char[]> buffer(new (std::nothrow) char[kChunk]);
+    if (!buffer) return failed(name, std::strerror(ENOMEM));
+    std::uint64_t total = 0;
+    for (;;) {
+      const ssize_t n = kd::retryOnEintr([&] { return ::read(file.get(), buffer.get(), kChunk); });
+      if (n < 0) return failed(name, std::strerror(errno));
+      if (n == 0) break;
+      if (archive_write_data(a_, buffer.get(), static_cast<std::size_t>(n)) != n)
+        return failed(name, archive_error_string(a_));
+      total += static_cast<std::uint64_t>(n);
+    }
+    // A file that changed size while it was read would be stored wrong.
+    if (total != static_cast<std::uint64_t>(st.st_size))
+      return failed(name, "it changed while read");
+    return true;
+  }
+
+ private:
+  bool header(const struct stat& st, const std::string& name, const std::string* linkTarget) {
+    Entry entry(archive_entry_new());
+    if (!entry) return failed(name, std::strerror(ENOMEM));
+    archive_entry_set_pathname_utf8(entry.get(), name.c_str());
+    archive_entry_set_perm(entry.get(), st.st_mode & 07777);
+    archive_entry_set_mtime(entry.get(), st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
+    if (S_ISDIR(st.st_mode)) {
+      archive_entry_set_filetype(entry.get(), AE_IFDIR);
+    } else if (linkTarget) {
+      archive_entry_set_filetype(entry.get(), AE_IFLNK);
+      archive_entry_set_symlink_utf8(entry.get(), linkTarget->c_str());
+    } else {
+      archive_entry_set_filetype(entry.get(), AE_IFREG);
+      archive_entry_set_size(entry.get(), st.st_size);
+    }
+    if (archive_write_header(a_, entry.get()) < ARCHIVE_WARN)
+      return failed(name, archive_error_string(a_));
+    return true;
+  }
+
+  bool failed(const std::string& name, const char* reason) {
+    *why_ = (name.empty() ? std::string(".") : name) + ": " + (reason ? reason : "write error");
+    return false;
+  }
+
+  archive* a_;
+  struct stat output_;
+  std::string* why_;
+};
+
+// --- Reading -------------------------------------------------------------------------
+
+// The components of an entry's path with "." and empty ones dropped; none
+// when it is absolute or climbs with "..".
+std::optional<std::vector<std::string>> insideComponents(const std::string& path) {
+  if (path.empty() || path[0] == '/') return std::nullopt;
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  while (start <= path.size()) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string::npos) end = path.size();
+    const std::string part = path.substr(start, end - start);
+    if (part == "..") return std::nullopt;
+    if (!part.empty() && part != ".") parts.push_back(part);
+    start = end + 1;
+  }
+  return parts;
+}
+
+// A link target stays inside when it is relative, climbs ("..") only at its
+// start and no higher than the link's own folder, and then only descends.
+// Every link obeying this resolves inside the tree, links through links
+// included.
+bool targetStaysInside(const std::string& target, std::size_t depth) {
+  if (target.empty() || target[0] == '/') return false;
+  std::size_t climbs = 0;
+  bool descending = false;
+  std::size_t start = 0;
+  while (start <= target.size()) {
+    std::size_t end = target.find('/', start);
+    if (end == std::string::npos) end = target.size();
+    const std::string part = target.substr(start, end - start);
+    if (part == "..") {
+      if (descending) return false;
+      ++climbs;
+    } else if (!part.empty() && part != ".") {
+      descending = true;
+    }
+    start = end + 1;
+  }
+  return climbs <= depth;
+}
+
+// Extracts every entry of an open reader below an open folder. Borrows the
+// reader, the folder's descriptor and the reason text; owns the list of
+// folders whose permissions are set at the end. One thread, one archive.
+class Extractor {
+ public:
+  Extractor(archive* a, int root, std::string* why) : a_(a), root_(root), why_(why) {}
+
+  bool extractAll() {
+    archive_entry* entry = nullptr;
+    for (;;) {
+      const int rc = archive_read_next_header(a_, &entry);
+      if (rc == ARCHIVE_EOF) break;
+      if (rc < ARCHIVE_WARN) return failed("", archive_error_string(a_));
+      if (!extract(entry)) return false;
+    }
+    // Folders get their own permissions and dates last, deepest first, once
+    // nothing more is written into them.
+    for (auto it = folders_.rbegin(); it != folders_.rend(); ++it) {
+      kd::UniqueFd folder = open(it->parts, it->parts.size(), false);
+      if (!folder) continue;
+      ::fchmod(folder.get(), it->mode);
+      const struct timespec times[2] = {it->mtime, it->mtime};
+      ::futimens(folder.get(), times);
+    }
+    return true;
+  }
+
+ private:
+  struct Folder {
+    std::vector<std::string> parts;
+    mode_t mode;
+    struct timespec mtime;
+  };
+
+  static const char* nameOf(archive_entry* entry) {
+    const char* utf8 = archive_entry_pathname_utf8(entry);
+    return utf8 ? utf8 : archive_entry_pathname(entry);
+  }
+
+  // Opens the folder made of the first `count` components, creating missing
+  // ones when asked; never through a link.
+  kd::UniqueFd open(const std::vector<std::string>& parts, std::size_t count, bool create) {
+    kd::UniqueFd at(::fcntl(root_, F_DUPFD_CLOEXEC, 0));
+    for (std::size_t i = 0; at && i < count; ++i) {
+      const char* part = parts[i].c_str();
+      if (create && ::mkdirat(at.get(), part, 0700) != 0 && errno != EEXIST) return kd::UniqueFd();
+      at = kd::UniqueFd(kd::retryOnEintr([&] { return ::openat(at.get(), part, kFolderFlags); }));
+    }
+    return at;
+  }
+
+  bool extract(archive_entry* entry) {
+    const std::string name = nameOf(entry) ? nameOf(entry) : "";
+    std::optional<std::vector<std::string>> parts = insideComponents(name);
+    if (!parts) return outside(name);
+    if (parts->empty()) return true;  // the archive's own top folder ("./")
+    kd::UniqueFd parent = open(*parts, parts->size() - 1, true);
+    if (!parent) return errno == ELOOP || errno == ENOTDIR ? outside(name) : failed(name, nullptr);
+    const char* leaf = parts->back().c_str();
+    const mode_t mode = archive_entry_perm(entry) & 0777;  // never set-id bits
+    const struct timespec mtime = {archive_entry_mtime(entry), archive_entry_mtime_is_set(entry)
+                                                                   ? archive_entry_mtime_nsec(entry)
+                                                                   : static_cast<long>(UTIME_OMIT)};
+    const struct timespec times[2] = {mtime, mtime};
+
+    if (const char* hard = archive_entry_hardlink(entry)) {
+      std::optional<std::vector<std::string>> target = insideComponents(hard);
+      if (!target || target->empty()) return outside(name);
+      kd::UniqueFd targetParent = open(*target, target->size() - 1, false);
+      if (!targetParent) return outside(name);
+      if (::linkat(targetParent.get(), target->back().c_str(), parent.get(), leaf, 0) != 0)
+        return failed(name, nullptr);
+      return true;
+    }
+    switch (archive_entry_filetype(entry)) {
+      case AE_IFDIR: {
+        if (::mkdirat(parent.get(), leaf, 0700) != 0 && errno != EEXIST)
+          return failed(name, nullptr);
+        kd::UniqueFd folder(
+            kd::retryOnEintr([&] { return ::openat(parent.get(), leaf, kFolderFlags); }));
+        if (!folder)
+          return errno == ELOOP || errno == ENOTDIR ? outside(name) : failed(name, nullptr);
+        folders_.push_back({*parts, mode ? mode : 0755, mtime});
+        return true;
+      }
+      case AE_IFLNK: {
+        const char* utf8 = archive_entry_symlink_utf8(entry);
+        const char* target = utf8 ? utf8 : archive_entry_symlink(entry);
+        if (!target || !targetStaysInside(target, parts->size() - 1)) return outside(name);
+        if (::symlinkat(target, parent.get(), leaf) != 0) return failed(name, nullptr);
+        ::utimensat(parent.get(), leaf, times, AT_SYMLINK_NOFOLLOW);
+        return true;
+      }
+      case AE_IFREG: {
+        kd::UniqueFd file(kd::retryOnEintr([&] {
+          return ::openat(parent.get(), leaf, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                          0600);
+        }));
+        if (!file) return errno == ELOOP ? outside(name) : failed(name, nullptr);
+        std::unique_ptr<char[]> buffer(new (std::nothrow) char[kChunk]);
+        if (!buffer) return failed(name, std::strerror(ENOMEM));
+        for (;;) {
+          const la_ssize_t n = archive_read_data(a_, buffer.get(), kChunk);
+          if (n < 0) return failed(name, archive_error_string(a_));
+          if (n == 0) break;
+          for (la_ssize_t done = 0; done < n;) {
+            const ssize_t w = kd::retryOnEintr([&] {
+              return ::write(file.get(), buffer.get() + done, static_cast<std::size_t>(n - done));
+            });
+            if (w < 0) return failed(name, nullptr);
+            done += w;
+          }
+        }
+        if (::fchmod(file.get(), mode) != 0 || ::futimens(file.get(), times) != 0 ||
+            ::fsync(file.get()) != 0)
+          return failed(name, nullptr);
+        const int fd = file.release();
+        if (::close(fd) != 0) return failed(name, nullptr);
+        return true;
+      }
+      default:
+        return failed(name, "not a file, folder or link");
+    }
+  }
+
+  bool outside(const std::string& name) {
+    *why_ = "the entry " + name + " would land outside the folder";
+    return false;
+  }
+  bool failed(const std::string& name, const char* reason) {
+    *why_ = (name.empty() ? std::string("the archive") : name) + ": " +
+            (reason ? reason : std::strerror(errno));
+    return false;
+  }
+
+  archive* a_;
+  int root_;
+  std::string* why_;
+  std::vector<Folder> folders_;
+};
+
+}  // namespace
+
+bool KdFileManager::compressFile(const std::string& source, const std::string& toDestinationFile,
+                                 bool includeParent) {
+  files::clearFailure();
+  Utf8Names names;
+  const std::string& destination = toDestinationFile;
+  std::string sourceFolder = kd::path::deletingLastComponent(source);
+  if (sourceFolder.empty()) sourceFolder = ".";
+  kd::UniqueFd at(kd::retryOnEintr(
+      [&] { return ::open(sourceFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  const std::string partial = files::temporarySibling(destination, "kdzip");
+  std::string why;
+  bool written = false;
+  if (!at) {
+    why = source + ": " + std::strerror(errno);
+  } else if (kd::UniqueFd out(kd::retryOnEintr([&] {
+               return ::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                             0666);
+             }));
+             !out) {
+    why = destination + ": " + std::strerror(errno);
+  } else {
+    Writer writer(archive_write_new());
+    if (writer && archive_write_set_format_zip(writer.get()) == ARCHIVE_OK &&
+        archive_write_set_options(writer.get(), "zip:hdrcharset=UTF-8") >= ARCHIVE_WARN &&
+        archive_write_open_fd(writer.get(), out.get()) == ARCHIVE_OK) {
+      struct stat self {};
+      ::fstat(out.get(), &self);
+      ZipWriter zip(writer.get(), self, &why);
+      const std::string name = kd::path::lastComponent(source);
+      struct stat st {};
+      const bool folder = ::stat(source.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+      // Without the parent a folder's contents are the top entries.
+      const bool added = zip.add(at.get(), name, includeParent || !folder ? name : std::string(),
+                                 true, includeParent || !folder);
+      // Only a writer that finished has written the archive's directory.
+      written = added && archive_write_close(writer.get()) == ARCHIVE_OK;
+      if (added && !written) why = errorOf(writer.get());
+      written = written && ::fsync(out.get()) == 0;
+    } else {
+      why = writer ? errorOf(writer.get()) : std::strerror(ENOMEM);
+    }
+  }
+  if (written) {
+    // The archive there before goes to the trash only now that its
+    // replacement is complete.
+    if (exists(destination) && !trashFile(destination))
+      why = destination + ": it cannot be moved to the trash (" + lastFailureReason() + ")";
+    const int err = files::renameNoReplace(partial, destination);
+    if (err == 0) return true;
+    if (why.empty()) why = destination + ": " + std::strerror(err);
+  }
+  ::unlink(partial.c_str());
+  files::recordFailure(why, false);
+  KdLog::appendLog("Unable to compress %@: %@", source, why);
+  return false;
+}
+
+bool KdFileManager::decompressFile(const std::string& archivePath,
+                                   const std::string& toDestinationFolder) {
+  files::clearFailure();
+  Utf8Names names;
+  const std::string& folder = toDestinationFolder;
+  const std::string parent = kd::path::deletingLastComponent(folder);
+  if (!parent.empty() && !exists(parent)) kd::createFolders(parent, 0777, std::nullopt);
+  const std::string partial = files::temporarySibling(folder, "kdunzip");
+  std::string why;
+  bool extracted = false;
+  if (::mkdir(partial.c_str(), 0777) != 0) {
+    why = folder + ": " + std::strerror(errno);
+  } else {
+    kd::UniqueFd root(kd::retryOnEintr([&] { return ::open(partial.c_str(), kFolderFlags); }));
+    Reader reader(archive_read_new());
+    if (!root || !reader) {
+      why = std::strerror(errno ? errno : ENOMEM);
+    } else {
+      archive_read_support_format_zip(reader.get());
+      archive_read_support_format_tar(reader.get());
+      // Compression the library decodes itself; never a helper program.
+      archive_read_support_filter_gzip(reader.get());
+      archive_read_support_filter_bzip2(reader.get());
+      archive_read_support_filter_xz(reader.get());
+      archive_read_support_filter_zstd(reader.get());
+      if (archive_read_open_filename(reader.get(), archivePath.c_str(), kChunk) != ARCHIVE_OK) {
+        why = errorOf(reader.get());
+      } else {
+        Extractor extractor(reader.get(), root.get(), &why);
+        extracted = extractor.extractAll();
+      }
+    }
+  }
+  if (extracted) {
+    // The folder there before goes to the trash only now that its
+    // replacement is complete.
+    if (exists(folder)) trashFile(folder, false);
+    const int err = files::renameNoReplace(partial, folder);
+    if (err == 0) return true;
+    why = folder + ": " + std::strerror(err);
+  }
+  files::removeTree(partial);
+  files::recordFailure(why, false);
+  KdLog::appendLog("Unable to extract %@: %@", archivePath, why);
+  return false;
+}

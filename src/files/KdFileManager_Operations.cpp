@@ -1,0 +1,192 @@
+// Removing, creating, copying and moving, with the fall-back to administrator
+// rights, of KdFileManager.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "auth/KdAuthorization.h"
+#include "common/AtomicFile.h"
+#include "common/Folders.h"
+#include "common/Path.h"
+#include "files/FileOperations.h"
+#include "files/KdFileManager.h"
+#include "log/Format.h"
+#include "log/KdLog.h"
+#include "paths/KdLocalPaths.h"
+#include "platform/Platform.h"
+
+namespace kd::files {
+
+namespace {
+
+struct Failure {
+  std::string reason;
+  bool needsRights = false;
+};
+thread_local Failure tFailure;
+
+}  // namespace
+
+void clearFailure() {
+  tFailure = Failure{};
+}
+
+void recordFailure(int error) {
+  tFailure = Failure{std::strerror(error), isRightsError(error)};
+}
+
+void recordFailure(const std::string& reason, bool needsRights) {
+  tFailure = Failure{reason, needsRights};
+}
+
+bool isRightsError(int error) {
+  return error == EACCES || error == EPERM;
+}
+
+std::string withoutTrailingSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+bool refusesSystemPath(const std::string& path, const char* message) {
+  // The same rule as the privileged commands: a root process takes the
+  // ordinary way, and must not remove or move the system away either.
+  if (!KdLocalPaths::isPathSystemDirectory(path, true) && !KdAuthorization::isProtectedTarget(path))
+    return false;
+  kd::platform().systemLog(kd::format(message, path));
+  recordFailure("a system folder is never changed", false);
+  return true;
+}
+
+}  // namespace kd::files
+
+namespace {
+
+namespace files = kd::files;
+
+bool exists(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+KdAuthorization& rights() {
+  return KdAuthorization::sharedController();
+}
+
+// The fall-back decision: asked for, and needed because rights were missing.
+bool fallsBack(bool shouldAuth, int error) {
+  return shouldAuth && files::isRightsError(error);
+}
+
+}  // namespace
+
+std::string KdFileManager::lastFailureReason() {
+  return files::tFailure.reason;
+}
+
+bool KdFileManager::lastFailureNeedsRights() {
+  return files::tFailure.needsRights;
+}
+
+bool KdFileManager::removeFile(const std::string& givenPath, bool shouldAuth) {
+  files::clearFailure();
+  if (givenPath.empty()) return true;
+  const std::string path = files::withoutTrailingSlashes(givenPath);
+  if (!exists(path)) {
+    // Something may be there that this user may not look at.
+    if (errno == ENOENT || errno == ENOTDIR) return true;
+  }
+  if (files::refusesSystemPath(path, "Unable to delete path %@ because it is a system directory."))
+    return false;
+  if (exists(path)) unlockFile(path);
+  const int err = files::removeTree(path);
+  if (err == 0) return true;
+  files::recordFailure(err);
+  KdLog::appendLog("Error removing file: %@. Authorizing...", std::strerror(err));
+  if (!fallsBack(shouldAuth, err)) return false;
+  return rights().authRemoveFile(path);
+}
+
+bool KdFileManager::createDirectory(const std::string& path, bool shouldAuth) {
+  files::clearFailure();
+  if (!isDriveMountedForPath(path)) {
+    kd::platform().systemLog("Unable to create directory. Drive is not mounted.");
+    files::recordFailure("the drive is not mounted", false);
+    return false;
+  }
+  errno = 0;
+  if (!path.empty() && kd::createFolders(path, 0777, std::nullopt)) return true;
+  const int err = path.empty() ? ENOENT : (errno ? errno : EIO);
+  files::recordFailure(err);
+  KdLog::appendLog("Error creating folder: %@. Authorizing...", std::strerror(err));
+  if (!fallsBack(shouldAuth, err)) return false;
+  return rights().authCreateDir(path);
+}
+
+bool KdFileManager::copyFile(const std::optional<std::string>& source,
+                             const std::optional<std::string>& toPath, bool shouldAuth) {
+  files::clearFailure();
+  if (!source) {
+    KdLog::appendLogAndPrint("Error copying file: source path is nil");
+    files::recordFailure("no source", false);
+    return false;
+  }
+  if (!toPath) {
+    KdLog::appendLogAndPrint("Error copying file %@: destination path is nil", *source);
+    files::recordFailure("no destination", false);
+    return false;
+  }
+  const std::string parent = kd::path::deletingLastComponent(*toPath);
+  if (!parent.empty() && exists(parent)) unlockFile(parent);
+  const int err = files::copyTree(*source, *toPath);
+  if (err == 0) return true;
+  files::recordFailure(err);
+  KdLog::appendLog("Error copying file: %@. Authorizing...", std::strerror(err));
+  if (!fallsBack(shouldAuth, err)) return false;
+  return rights().authCopyFile(source, toPath);
+}
+
+bool KdFileManager::moveFile(const std::string& givenSource, const std::string& toPath,
+                             bool shouldAuth) {
+  files::clearFailure();
+  const std::string source = files::withoutTrailingSlashes(givenSource);
+  if (files::refusesSystemPath(source, "Unable to move path %@ because it is a system directory."))
+    return false;
+  if (exists(toPath)) unlockFile(toPath);
+  unlockFolder(kd::path::append(toPath, kd::path::lastComponent(source)));
+
+  // A change of letter case only, which a volume that ignores case would
+  // take for a move onto itself: through a free intermediate name.
+  if (files::lowercase(source) == files::lowercase(toPath) && source != toPath) {
+    const std::string between = uniqueFilename(toPath);
+    if (files::renameNoReplace(source, between) == 0) {
+      if (between == toPath) return true;  // the volume tells the names apart
+      if (files::renameNoReplace(between, toPath) == 0) return true;
+      // Never leave the item under the intermediate name.
+      files::renameNoReplace(between, source);
+    }
+  }
+
+  const int err = files::moveItem(source, toPath);
+  if (err == 0) return true;
+  files::recordFailure(err);
+  KdLog::appendLog("Error moving file: %@.", std::strerror(err));
+  if (!fallsBack(shouldAuth, err)) return false;
+  KdLog::appendLog("Authorizing...");
+  return rights().authMoveFile(source, toPath);
+}
+
+bool KdFileManager::createEmptyFile(const std::string& path) {
+  files::clearFailure();
+  const std::string temporary = KdLocalPaths::tempFile();
+  std::string why;
+  if (!kd::writeFileAtomically(temporary, "", &why)) {
+    files::recordFailure(why, false);
+    return false;
+  }
+  if (moveFile(temporary, path)) return true;
+  ::unlink(temporary.c_str());
+  return false;
+}

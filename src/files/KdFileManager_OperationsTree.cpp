@@ -1,0 +1,295 @@
+// Removing, copying and moving trees without ever replacing anything.
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <locale.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <wctype.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "common/Path.h"
+#include "common/UniqueFd.h"
+#include "common/Utf8.h"
+#include "files/FileOperations.h"
+#include "paths/KdLocalPaths.h"
+
+namespace kd::files {
+
+namespace {
+
+struct DirCloser {
+  void operator()(DIR* d) const { closedir(d); }
+};
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+std::optional<std::vector<std::string>> namesAt(int folder) {
+  UniqueFd copy(::fcntl(folder, F_DUPFD_CLOEXEC, 0));
+  if (!copy) return std::nullopt;
+  std::unique_ptr<DIR, DirCloser> dir(::fdopendir(copy.get()));
+  if (!dir) return std::nullopt;
+  copy.release();
+  ::rewinddir(dir.get());
+  std::vector<std::string> names;
+  errno = 0;
+  while (const dirent* e = ::readdir(dir.get())) {
+    const std::string_view name(e->d_name);
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  if (errno != 0) return std::nullopt;
+  return names;
+}
+
+int removeEntries(int folder) {
+  std::optional<std::vector<std::string>> names = namesAt(folder);
+  if (!names) return errno;
+  for (const std::string& name : *names) {
+    struct stat st {};
+    if (::fstatat(folder, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno == ENOENT) continue;
+      return errno;
+    }
+    if (S_ISDIR(st.st_mode)) {
+      UniqueFd sub(retryOnEintr([&] { return ::openat(folder, name.c_str(), kFolderFlags); }));
+      if (!sub) return errno;
+      if (int err = removeEntries(sub.get())) return err;
+    }
+    if (::unlinkat(folder, name.c_str(), S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0) != 0 &&
+        errno != ENOENT)
+      return errno;
+  }
+  return 0;
+}
+
+// Copies the data of one open file into another.
+int copyData(int from, int to) {
+  bool ranged = true;
+  for (;;) {
+    if (ranged) {
+      const ssize_t n = ::copy_file_range(from, nullptr, to, nullptr, 1 << 30, 0);
+      if (n > 0) continue;
+      if (n == 0) return 0;
+      if (errno == EINTR) continue;
+      if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP &&
+          errno != EPERM)
+        return errno;
+      ranged = false;  // not between these file systems: plain reads and writes
+    }
+    static constexpr std::size_t kChunk = 256 * 1024;
+    std::unique_ptr<char[]> buffer(new (std::nothrow) char[kChunk]);
+    if (!buffer) return ENOMEM;
+    for (;;) {
+      const ssize_t n = retryOnEintr([&] { return ::read(from, buffer.get(), kChunk); });
+      if (n < 0) return errno;
+      if (n == 0) return 0;
+      for (ssize_t done = 0; done < n;) {
+        const ssize_t w = retryOnEintr([&] { return ::write(to, buffer.get() + done, n - done); });
+        if (w < 0) return errno;
+        done += w;
+      }
+    }
+  }
+}
+
+void keepOwner(int fd, const struct stat& st) {
+  // Only root can give a copy its source's owner; for others it is theirs.
+  if (::geteuid() == 0 && ::fchown(fd, st.st_uid, st.st_gid) != 0) {
+  }
+}
+
+// Copies `name` of the folder `from` to `name` of the folder `to` (which must
+// not exist there).
+int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toName) {
+  struct stat st {};
+  if (::fstatat(fromFolder, fromName, &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+  const struct timespec times[2] = {st.st_atim, st.st_mtim};
+  if (S_ISLNK(st.st_mode)) {
+    std::string target(static_cast<std::size_t>(st.st_size > 0 ? st.st_size : 4096) + 1, '\0');
+    const ssize_t n = ::readlinkat(fromFolder, fromName, target.data(), target.size());
+    if (n < 0) return errno;
+    target.resize(static_cast<std::size_t>(n));
+    if (::symlinkat(target.c_str(), toFolder, toName) != 0) return errno;
+    ::utimensat(toFolder, toName, times, AT_SYMLINK_NOFOLLOW);
+    if (::geteuid() == 0 &&
+        ::fchownat(toFolder, toName, st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW)) {
+    }
+    return 0;
+  }
+  if (S_ISREG(st.st_mode)) {
+    UniqueFd in(retryOnEintr(
+        [&] { return ::openat(fromFolder, fromName, O_RDONLY | O_NOFOLLOW | O_CLOEXEC); }));
+    if (!in) return errno;
+    UniqueFd out(retryOnEintr([&] {
+      return ::openat(toFolder, toName, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    }));
+    if (!out) return errno;
+    if (int err = copyData(in.get(), out.get())) return err;
+    keepOwner(out.get(), st);
+    if (::fchmod(out.get(), st.st_mode & 07777) != 0) return errno;
+    if (::futimens(out.get(), times) != 0) return errno;
+    if (::fsync(out.get()) != 0) return errno;
+    const int fd = out.release();
+    return ::close(fd) == 0 ? 0 : errno;
+  }
+  if (S_ISDIR(st.st_mode)) {
+    UniqueFd in(retryOnEintr([&] { return ::openat(fromFolder, fromName, kFolderFlags); }));
+    if (!in) return errno;
+    if (::mkdirat(toFolder, toName, 0700) != 0) return errno;
+    UniqueFd out(retryOnEintr([&] { return ::openat(toFolder, toName, kFolderFlags); }));
+    if (!out) return errno;
+    std::optional<std::vector<std::string>> names = namesAt(in.get());
+    if (!names) return errno;
+    for (const std::string& name : *names)
+      if (int err = copyAt(in.get(), name.c_str(), out.get(), name.c_str())) return err;
+    keepOwner(out.get(), st);
+    if (::fchmod(out.get(), st.st_mode & 07777) != 0) return errno;
+    if (::futimens(out.get(), times) != 0) return errno;
+    return 0;
+  }
+  if (S_ISFIFO(st.st_mode)) return ::mkfifoat(toFolder, toName, st.st_mode & 07777) ? errno : 0;
+  return ENOTSUP;  // devices and sockets are not copied
+}
+
+locale_t utf8Locale() {
+  static locale_t locale = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+  return locale;
+}
+
+void appendUtf8(std::string& out, char32_t c) {
+  if (c < 0x80) {
+    out.push_back(static_cast<char>(c));
+  } else if (c < 0x800) {
+    out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else if (c < 0x10000) {
+    out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  } else {
+    out.push_back(static_cast<char>(0xF0 | (c >> 18)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+  }
+}
+
+}  // namespace
+
+int removeTree(const std::string& path) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return errno == ENOENT ? 0 : errno;
+  if (S_ISDIR(st.st_mode)) {
+    UniqueFd folder(retryOnEintr([&] { return ::open(path.c_str(), kFolderFlags); }));
+    if (!folder) return errno;
+    if (int err = removeEntries(folder.get())) return err;
+  }
+  if ((S_ISDIR(st.st_mode) ? ::rmdir(path.c_str()) : ::unlink(path.c_str())) != 0 &&
+      errno != ENOENT)
+    return errno;
+  return 0;
+}
+
+int renameNoReplace(const std::string& from, const std::string& to) {
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS) return errno;
+  // A file system that cannot refuse by itself: look first.
+  struct stat st {};
+  if (::lstat(to.c_str(), &st) == 0) return EEXIST;
+  if (::lstat(from.c_str(), &st) != 0) return errno;
+  return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+}
+
+std::string temporarySibling(const std::string& path, std::string_view purpose) {
+  std::string name = path::lastComponent(path);
+  if (name.size() > 120) name.resize(120);
+  std::string unique = KdLocalPaths::uuid();
+  if (unique.size() > 80) unique.resize(80);
+  return path::append(path::deletingLastComponent(path),
+                      "." + name + "." + std::string(purpose) + "-" + unique);
+}
+
+int copyTree(const std::string& from, const std::string& to) {
+  struct stat st {
+  }, there{};
+  if (::lstat(from.c_str(), &st) != 0) return errno;
+  if (::lstat(to.c_str(), &there) == 0) return EEXIST;
+  std::string parent = path::deletingLastComponent(to);
+  if (parent.empty()) parent = ".";
+  std::string fromParent = path::deletingLastComponent(from);
+  if (fromParent.empty()) fromParent = ".";
+  // The source's folder is followed as given; the item itself never is.
+  UniqueFd fromFolder(
+      retryOnEintr([&] { return ::open(fromParent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (!fromFolder) return errno;
+  UniqueFd toFolder(
+      retryOnEintr([&] { return ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (!toFolder) return errno;
+  // A folder copied into itself would copy its copy for ever.
+  char realFrom[PATH_MAX], realParent[PATH_MAX];
+  if (S_ISDIR(st.st_mode) && ::realpath(from.c_str(), realFrom) &&
+      ::realpath(parent.c_str(), realParent)) {
+    const std::string inside = std::string(realFrom) + "/";
+    if (std::string(realParent) + "/" == inside || std::string(realParent).starts_with(inside))
+      return EINVAL;
+  }
+  const std::string partial = path::lastComponent(temporarySibling(to, "kdcopy"));
+  const std::string fromName = path::lastComponent(from);
+  int err = copyAt(fromFolder.get(), fromName.c_str(), toFolder.get(), partial.c_str());
+  const std::string partialPath = path::append(parent, partial);
+  if (err == 0) err = renameNoReplace(partialPath, to);
+  if (err != 0) removeTree(partialPath);
+  return err;
+}
+
+int moveItem(const std::string& from, const std::string& to) {
+  int err = renameNoReplace(from, to);
+  if (err != EXDEV) return err;
+  if ((err = copyTree(from, to)) != 0) return err;
+  // The copy is complete under its name: only now does the source go.
+  return removeTree(from);
+}
+
+std::optional<std::vector<std::string>> entryNames(const std::string& folder, bool followLink) {
+  UniqueFd fd(retryOnEintr([&] {
+    return ::open(folder.c_str(),
+                  O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followLink ? 0 : O_NOFOLLOW));
+  }));
+  if (!fd) return std::nullopt;
+  return namesAt(fd.get());
+}
+
+std::optional<std::vector<std::string>> entryNamesAt(int folder) {
+  return namesAt(folder);
+}
+
+std::string lowercase(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  locale_t locale = utf8Locale();
+  for (std::size_t i = 0; i < text.size();) {
+    const std::size_t len = utf8::validSequenceAt(text, i);
+    if (len <= 1 || !locale) {
+      const char c = text[i];
+      out.push_back(c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c);
+      i += len ? len : 1;
+      continue;
+    }
+    auto b = [&](std::size_t k) { return static_cast<unsigned char>(text[i + k]); };
+    char32_t c = len == 2 ? (char32_t(b(0) & 0x1F) << 6) | (b(1) & 0x3F)
+                 : len == 3
+                     ? (char32_t(b(0) & 0x0F) << 12) | (char32_t(b(1) & 0x3F) << 6) | (b(2) & 0x3F)
+                     : (char32_t(b(0) & 0x07) << 18) | (char32_t(b(1) & 0x3F) << 12) |
+                           (char32_t(b(2) & 0x3F) << 6) | (b(3) & 0x3F);
+    appendUtf8(out, static_cast<char32_t>(::towlower_l(static_cast<wint_t>(c), locale)));
+    i += len;
+  }
+  return out;
+}
+
+}  // namespace kd::files

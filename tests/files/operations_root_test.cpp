@@ -1,0 +1,258 @@
+// File operations that need root to set up: second volumes (tmpfs mounts of
+// our own, one of them full), and the fall-back to administrator rights taken
+// by a throwaway ordinary user on root-owned files, through the library and
+// through kd with the password on a descriptor.
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+#include "FilesFixture.h"
+#include "auth/KdAuthorization.h"
+#include "common/Path.h"
+#include "support/ThrowawayAdmin.h"
+
+namespace fs = std::filesystem;
+
+namespace kd::test {
+namespace {
+
+using FM = KdFileManager;
+
+bool exists(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+uid_t ownerOf(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0 ? st.st_uid : static_cast<uid_t>(-1);
+}
+
+std::set<std::string> namesIn(const std::string& folder) {
+  std::set<std::string> names;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(folder, ec))
+    names.insert(entry.path().filename());
+  return names;
+}
+
+// A tmpfs of our own, unmounted (lazily, should a test leave it busy) at the
+// end. Owns the mount; one thread.
+class Volume {
+ public:
+  Volume(const std::string& mountPoint, const std::string& size) : mountPoint_(mountPoint) {
+    fs::create_directories(mountPoint_);
+    mounted_ = ::mount("kdfiles-test", mountPoint_.c_str(), "tmpfs", 0,
+                       ("size=" + size + ",mode=0755").c_str()) == 0;
+  }
+  ~Volume() {
+    if (mounted_) ::umount2(mountPoint_.c_str(), MNT_DETACH);
+  }
+  bool mounted() const { return mounted_; }
+  std::string operator/(const std::string& relative) const {
+    return path::append(mountPoint_, relative);
+  }
+
+ private:
+  std::string mountPoint_;
+  bool mounted_ = false;
+};
+
+class SecondVolume : public FilesTest {
+ protected:
+  void SetUp() override {
+    if (::getuid() != 0) GTEST_SKIP() << "needs root to mount a tmpfs";
+    FilesTest::SetUp();
+    volume_ = std::make_unique<Volume>(dir_ / ("vol-" + std::to_string(::getpid())), "16m");
+    if (!volume_->mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
+  }
+  void TearDown() override {
+    volume_.reset();
+    FilesTest::TearDown();
+  }
+  std::unique_ptr<Volume> volume_;
+};
+
+TEST_F(SecondVolume, AnItemGoesToItsOwnVolumesTrash) {
+  const std::string uid = std::to_string(platform_.realUserId());
+  std::ofstream(*volume_ / "clip.mov") << "c";
+  fs::create_directories(*volume_ / "DCIM/100");
+  std::ofstream(*volume_ / "DCIM/100/clip.mov") << "d";
+  EXPECT_TRUE(FM::trashFile(*volume_ / "clip.mov"));
+  EXPECT_TRUE(FM::trashFile(*volume_ / "DCIM/100/clip.mov"));
+  const std::string trash = *volume_ / (".Trash-" + uid);
+  EXPECT_EQ(namesIn(trash + "/files"), (std::set<std::string>{"clip.mov", "clip 2.mov"}));
+  EXPECT_EQ(readFile(trash + "/files/clip 2.mov"), "d");
+  // The record names the item from the volume's top.
+  EXPECT_NE(readFile(trash + "/info/clip 2.mov.trashinfo").find("\nPath=DCIM/100/clip.mov\n"),
+            std::string::npos);
+  EXPECT_FALSE(exists(tmp_ / "Users/bob/Library/Trash/files"));
+
+  // A shared sticky ".Trash" holds one folder per user.
+  fs::create_directories(*volume_ / ".Trash");
+  ::chmod((*volume_ / ".Trash").c_str(), 01777);
+  std::ofstream(*volume_ / "b.mov") << "b";
+  EXPECT_TRUE(FM::trashFile(*volume_ / "b.mov"));
+  EXPECT_EQ(readFile(*volume_ / (".Trash/" + uid + "/files/b.mov")), "b");
+  // Without the sticky bit it is not used.
+  ::chmod((*volume_ / ".Trash").c_str(), 0777);
+  std::ofstream(*volume_ / "c.mov") << "c";
+  EXPECT_TRUE(FM::trashFile(*volume_ / "c.mov"));
+  EXPECT_EQ(readFile(trash + "/files/c.mov"), "c");
+}
+
+TEST_F(SecondVolume, MovesAcrossVolumesCopyThenRemove) {
+  fs::create_directories(*volume_ / "card/sub");
+  std::ofstream(*volume_ / "card/sub/clip.mov") << "footage";
+  ::symlink("sub/clip.mov", (*volume_ / "card/link").c_str());
+  std::ofstream(*volume_ / "single") << "s";
+  EXPECT_TRUE(FM::moveFile(*volume_ / "card", dir_ / "card", 0));
+  EXPECT_TRUE(FM::moveFile(*volume_ / "single", dir_ / "single"));
+  EXPECT_FALSE(exists(*volume_ / "card"));
+  EXPECT_EQ(readFile(dir_ / "card/sub/clip.mov"), "footage");
+  EXPECT_EQ(fs::read_symlink(dir_ / "card/link"), "sub/clip.mov");
+  EXPECT_EQ(readFile(dir_ / "single"), "s");
+  // Onto something there: nothing moves, nothing is copied.
+  std::ofstream(*volume_ / "single") << "new";
+  EXPECT_FALSE(FM::moveFile(*volume_ / "single", dir_ / "single"));
+  EXPECT_EQ(readFile(*volume_ / "single"), "new");
+  EXPECT_EQ(readFile(dir_ / "single"), "s");
+}
+
+TEST_F(SecondVolume, AFullVolumeFailsWithoutAskingAndLeavesNothing) {
+  Volume small(dir_ / ("small-" + std::to_string(::getpid())), "256k");
+  ASSERT_TRUE(small.mounted());
+  std::ofstream(dir_ / "big") << std::string(1 << 20, 'x');
+  EXPECT_FALSE(FM::copyFile(dir_ / "big", small / "big"));
+  EXPECT_FALSE(FM::lastFailureNeedsRights());
+  EXPECT_FALSE(FM::moveFile(dir_ / "big", small / "big"));
+  EXPECT_EQ(FM::fileSize(dir_ / "big"), 1u << 20);
+  EXPECT_EQ(namesIn(small / ""), std::set<std::string>());
+  EXPECT_EQ(logged(), (Lines{"Error copying file: No space left on device. Authorizing...",
+                             "Error moving file: No space left on device."}));
+}
+
+// --- The fall-back, taken by an ordinary user -----------------------------------------
+
+class FallBack : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (::getuid() != 0) GTEST_SKIP() << "needs root to make a throwaway user";
+    if (::access("/usr/bin/sudo", X_OK) != 0 || ::access("/usr/sbin/useradd", X_OK) != 0)
+      GTEST_SKIP() << "needs sudo and useradd (scripts/deps.sh)";
+    admin_ = std::make_unique<ThrowawayAdmin>("Kd-" + randomText(20) + "!", "AsFileUser");
+    ASSERT_TRUE(admin_->ready()) << "could not make the throwaway user";
+    // Root-owned files in a root-owned folder: only rights can change them.
+    for (const std::string f :
+         {"victim", "moveme", "trashme", "kd-victim", "kd-keep", "locked/x"}) {
+      fs::create_directories(fs::path(admin_->work() + "/" + f).parent_path());
+      std::ofstream(admin_->work() + "/" + f) << f;
+    }
+    ::chmod((admin_->work() + "/locked").c_str(), 0700);
+  }
+  int run(std::vector<std::string> args, const std::string& input, std::string* text) {
+    UniqueFd output;
+    const pid_t pid = admin_->startProgram(std::move(args), input, &output);
+    if (pid <= 0) return -1;
+    return ThrowawayAdmin::finish(pid, output, text);
+  }
+  std::unique_ptr<ThrowawayAdmin> admin_;
+};
+
+TEST_F(FallBack, OnlyAMissingRightTakesIt) {
+  std::string text;
+  const std::string self = path::append(admin_->bin(), path::lastComponent(selfExecutable()));
+  EXPECT_EQ(run({self, "--gtest_filter=AsFileUser.FallBack"}, admin_->password(), &text), 0)
+      << text;
+  EXPECT_NE(text.find("[  PASSED  ] 1 test"), std::string::npos) << text;
+  EXPECT_FALSE(exists(admin_->work() + "/victim"));
+  EXPECT_TRUE(exists(admin_->work() + "/locked/x"));
+}
+
+TEST_F(FallBack, KdReadsThePasswordFromADescriptorOnly) {
+  const std::string kd = admin_->install(KD_TOOL_PATH);
+  std::string text;
+  EXPECT_EQ(run({kd, "rm", "--password-fd", "0", admin_->work() + "/kd-victim"}, admin_->password(),
+                &text),
+            0)
+      << text;
+  EXPECT_FALSE(exists(admin_->work() + "/kd-victim"));
+  // No terminal and no descriptor: a clear failure, nothing removed.
+  text.clear();
+  EXPECT_EQ(run({kd, "rm", admin_->work() + "/kd-keep"}, admin_->password(), &text), 1);
+  EXPECT_NE(text.find("--password-fd"), std::string::npos) << text;
+  EXPECT_EQ(text.find(admin_->password()), std::string::npos);
+  text.clear();
+  EXPECT_EQ(run({kd, "rm", "--no-auth", "--password-fd", "0", admin_->work() + "/kd-keep"},
+                admin_->password(), &text),
+            1);
+  EXPECT_NE(text.find("Permission denied"), std::string::npos) << text;
+  text.clear();
+  EXPECT_EQ(run({kd, "rm", "--password-fd", "0", admin_->work() + "/kd-keep"}, "wrong", &text), 1);
+  EXPECT_NE(text.find("refused"), std::string::npos) << text;
+  EXPECT_TRUE(exists(admin_->work() + "/kd-keep"));
+}
+
+// The user's side, started by FallBack.OnlyAMissingRightTakesIt.
+class AsFileUser : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!std::getenv(kAsAdmin) || ::getuid() == 0)
+      GTEST_SKIP() << "runs as the throwaway user, started by the FallBack tests";
+    std::getline(std::cin, password_);
+    work_ = std::getenv(kWork);
+    home_ = std::getenv("HOME");
+    user_ = nativePlatform().userName().value_or("");
+  }
+  std::string password_, work_, home_, user_;
+};
+
+TEST_F(AsFileUser, FallBack) {
+  KdLog::createNewLog(std::string("kdfiles-test"));
+  KdAuthorization& auth = KdAuthorization::sharedController(false);
+  std::ofstream(home_ + "/own.txt") << "own";
+  std::ofstream(home_ + "/other.txt") << "other";
+
+  // Nothing that rights would not change asks for them.
+  EXPECT_TRUE(FM::trashFile(work_ + "/missing"));
+  EXPECT_TRUE(FM::removeFile(work_ + "/missing"));
+  EXPECT_FALSE(FM::moveFile(home_ + "/own.txt", home_ + "/other.txt"));
+  EXPECT_FALSE(FM::lastFailureNeedsRights());
+  EXPECT_FALSE(FM::isFolderEmpty(work_ + "/locked"));  // unreadable: may hold anything
+  EXPECT_FALSE(FM::removeFolderIfEmpty(work_ + "/locked"));
+  EXPECT_FALSE(FM::removeFile(work_ + "/victim", false));
+  EXPECT_TRUE(FM::lastFailureNeedsRights());
+  EXPECT_FALSE(FM::createDirectory(work_ + "/made", false));
+  EXPECT_FALSE(auth.isAuthorized());
+
+  ASSERT_TRUE(auth.authStartWithUser(user_, password_));
+  EXPECT_TRUE(FM::removeFile(work_ + "/victim"));
+  EXPECT_FALSE(exists(work_ + "/victim"));
+  EXPECT_TRUE(FM::createDirectory(work_ + "/made/deep", 10));
+  EXPECT_EQ(ownerOf(work_ + "/made/deep"), 0u);
+  EXPECT_TRUE(FM::copyFile(home_ + "/own.txt", work_ + "/copied.txt", 10));
+  EXPECT_EQ(readFile(work_ + "/copied.txt"), "own");
+  EXPECT_FALSE(FM::copyFile(home_ + "/other.txt", work_ + "/copied.txt"));
+  EXPECT_EQ(readFile(work_ + "/copied.txt"), "own");
+  EXPECT_TRUE(FM::moveFile(work_ + "/moveme", home_ + "/moved", 10));
+  EXPECT_EQ(readFile(home_ + "/moved"), "moveme");
+  EXPECT_TRUE(FM::trashFile(work_ + "/trashme", 10));
+  const std::string trash = home_ + "/.local/share/Trash";
+  EXPECT_EQ(readFile(trash + "/files/trashme"), "trashme");
+  EXPECT_EQ(ownerOf(trash + "/info/trashme.trashinfo"), ::getuid());
+
+  KdLog::finishWriting();
+  const std::string log = readFile(KdLog::availableLogs().front());
+  EXPECT_NE(log.find(" - Error removing file: Permission denied. Authorizing...\n"),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find(" - Error moving file: File exists.\n"), std::string::npos) << log;
+  EXPECT_EQ(log.find(password_), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kd::test
