@@ -177,7 +177,7 @@ package)
   deb=$(ls "$tree"/ferrimo_*.deb 2>/dev/null | head -n1)
   [[ -f $deb ]] || { echo "no .deb: $out"; exit 1; }
   depends=$(dpkg-deb -f "$deb" Depends)
-  for lib in libc6 libplist libmount1 libsystemd0; do
+  for lib in libc6 libssl3 libarchive13 libblkid1 libmount1 libsystemd0 libpam0g; do
     [[ $depends == *"$lib"* ]] || fail "the package does not depend on $lib: $depends"
   done
   unpacked=$work/unpacked
