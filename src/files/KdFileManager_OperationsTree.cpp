@@ -161,24 +161,6 @@ locale_t utf8Locale() {
   return locale;
 }
 
-void appendUtf8(std::string& out, char32_t c) {
-  if (c < 0x80) {
-    out.push_back(static_cast<char>(c));
-  } else if (c < 0x800) {
-    out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else if (c < 0x10000) {
-    out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else {
-    out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  }
-}
-
 }  // namespace
 
 int removeTree(const std::string& path) {
@@ -286,7 +268,7 @@ std::string lowercase(std::string_view text) {
                      ? (char32_t(b(0) & 0x0F) << 12) | (char32_t(b(1) & 0x3F) << 6) | (b(2) & 0x3F)
                      : (char32_t(b(0) & 0x07) << 18) | (char32_t(b(1) & 0x3F) << 12) |
                            (char32_t(b(2) & 0x3F) << 6) | (b(3) & 0x3F);
-    appendUtf8(out, static_cast<char32_t>(::towlower_l(static_cast<wint_t>(c), locale)));
+    utf8::appendCodePoint(out, static_cast<char32_t>(::towlower_l(static_cast<wint_t>(c), locale)));
     i += len;
   }
   return out;
