@@ -60,6 +60,8 @@ struct KdChecksumDelegate {
 // Ownership: a plain value. The copying thread owns the copy's own settings
 // and changes them as it goes; every task it queues gets a snapshot of its
 // own, taken when the task is queued, so nothing is shared between threads.
+// The free objects are copied into each snapshot: pass a shared pointer for
+// anything large or anything that must stay one object.
 struct KdFileCopyDelegate;
 struct KdCopySettings {
   std::string source;                                          // "source"
