@@ -1,11 +1,13 @@
 // The verified copy: digests against the coreutils tools, progress steps,
 // the early checks and refusals, cancellation, and the outcome without a
 // delegate.
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <memory>
@@ -304,6 +306,62 @@ TEST_F(Copy, MetadataFollowsTheSource) {
     }
   }
   EXPECT_EQ(console(), Strings{});
+}
+
+}  // namespace
+
+namespace {
+
+// A file-size limit for the process, so that writes past it fail (EFBIG) as
+// on a full disk; restored when it goes.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    ::getrlimit(RLIMIT_FSIZE, &old_);
+    previous_ = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = old_;
+    limit.rlim_cur = bytes;
+    ok_ = ::setrlimit(RLIMIT_FSIZE, &limit) == 0;
+  }
+  ~FileSizeLimit() {
+    ::setrlimit(RLIMIT_FSIZE, &old_);
+    std::signal(SIGXFSZ, previous_);
+  }
+  bool ok() const { return ok_; }
+
+ private:
+  rlimit old_{};
+  void (*previous_)(int) = nullptr;
+  bool ok_ = false;
+};
+
+TEST_F(Copy, ShortWritesAreToldPerChunkAndNeverVerify) {
+  // Zeros, so that a hole or a short file would read back as the source if
+  // the digest were fed what was not written.
+  const std::string source = dir_.touch("zeros", std::string(2 * kMiB, '\0'));
+  const Strings dests = {dir_ / "a", dir_ / "b"};
+  KdFileManager::CopyResult r;
+  {
+    FileSizeLimit limit(kMiB + 1000);
+    if (!limit.ok()) GTEST_SKIP() << "cannot lower the file-size limit";
+    r = KdFileManager::copyFileWithOutcome(source, dests,
+                                           *KdFileManager::copyDigestForVerificationType(1));
+  }
+  EXPECT_TRUE(r.completed);
+  EXPECT_FALSE(r.allGood());
+  EXPECT_EQ(r.settings.failedDestinations, dests);
+  for (const auto& d : r.destinations) {
+    EXPECT_FALSE(d.written);
+    EXPECT_FALSE(d.verified);
+    EXPECT_NE(d.digest, r.sourceDigest);
+    EXPECT_EQ(sizeOf(d.path), kMiB + 1000);
+  }
+  // The chunks from the one that crossed the limit on, for each destination
+  // in turn within each chunk.
+  Strings expected;
+  for (int chunk = 16; chunk < 32; ++chunk)
+    for (const std::string& d : dests) expected.push_back("Error writing file " + d + ": 1");
+  EXPECT_EQ(console(), expected);
 }
 
 }  // namespace
