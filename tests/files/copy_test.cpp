@@ -3,12 +3,14 @@
 // delegate.
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -362,6 +364,36 @@ TEST_F(Copy, ShortWritesAreToldPerChunkAndNeverVerify) {
   for (int chunk = 16; chunk < 32; ++chunk)
     for (const std::string& d : dests) expected.push_back("Error writing file " + d + ": 1");
   EXPECT_EQ(console(), expected);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(Copy, TheToolPrintsEveryDigestAndTellsFailureByItsStatus) {
+  const std::string source = dir_.touch("A001.mov", pattern(1500000));
+  const std::string a = dir_ / "one/A001.mov", b = dir_ / "two/A001.mov";
+  const std::string kd = KD_TOOL_PATH;
+  std::string out;
+  int status = 0;
+  if (FILE* p = ::popen((kd + " copy " + source + " " + a + " " + b + " 2>&1").c_str(), "r")) {
+    char buf[512];
+    while (std::fgets(buf, sizeof buf, p)) out += buf;
+    status = ::pclose(p);
+  }
+  const std::string digest = run("sha256sum " + source);
+  EXPECT_EQ(out,
+            digest + "  " + source + "\n" + digest + "  " + a + "\n" + digest + "  " + b + "\n");
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(readFile(a), readFile(source));
+  // The source as a destination: refused, exit status 1, the source intact.
+  const int refused = std::system(
+      (kd + " copy --verify md5 " + source + " " + b + " " + source + " >/dev/null 2>&1").c_str());
+  EXPECT_EQ(WEXITSTATUS(refused), 1);
+  EXPECT_EQ(readFile(source), pattern(1500000));
+  EXPECT_EQ(WEXITSTATUS(std::system(
+                (kd + " copy --verify crc " + source + " " + b + " >/dev/null 2>&1").c_str())),
+            2);
 }
 
 }  // namespace
