@@ -593,9 +593,8 @@ KdFileManager::CopyResult copy(const std::string& source,
     settings.destChecksums = std::move(texts);
   }
 
-  // Each attribute the source has goes on every destination; as with the
-  // desktop's own file manager, the first error stays and is told again for
-  // every later destination.
+  // Each attribute the source has goes on every destination. An error stays
+  // once it happened and is told again for every later destination.
   std::optional<std::string> metadataError;
   const struct timespec times[2] = {{0, UTIME_OMIT}, sourceStat.st_mtim};
   for (const Destination& d : open) {
