@@ -7,8 +7,11 @@
 // KdFileManager_<Concern>.cpp files.
 #pragma once
 
+#include <any>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -183,6 +186,92 @@ class KdFileManager {
       const std::string& path, std::shared_ptr<const KdChecksumDelegate> delegate = nullptr);
   static std::optional<std::string> sha512HashForFile(
       const std::string& path, std::shared_ptr<const KdChecksumDelegate> delegate = nullptr);
+
+  // ===================================================================
+  // Verified copy to several destinations (KdFileManager_Copy*.cpp)
+  //
+  // One pass over the source writes every destination; with verification on,
+  // what was written is read back from each destination and digested, and
+  // each destination's digest is compared with the source's at the end. The
+  // source is read, the destinations written and read back, and the digests
+  // fed on separate threads through a ring of a few MiB, so memory stays
+  // bounded whatever the file's size; the caller's thread blocks until the
+  // end. Progress is counted in 64 KiB chunks: a step each time the bytes
+  // copied grow by the larger of a thousandth of the source's size and
+  // 20 MiB, and a final report. See docs/copy.md for the messages.
+  //
+  // A destination that is the source itself, or that is named twice, is
+  // refused before anything is opened; a destination that is a symbolic link
+  // or not a regular file is refused too (nothing is written through it). A
+  // named destination that exists is truncated and written in place. Each
+  // destination is flushed to its device and closed, and counts as written
+  // only when every write, the flush and the close succeeded. A destination
+  // counts as verified only when it was written and its digest, fed with the
+  // bytes actually read back, equals the source's.
+  // ===================================================================
+
+  // A running digest that the copy feeds, one per source and destination.
+  // Not thread-safe: each is fed by one thread at a time.
+  class CopyDigester {
+   public:
+    virtual ~CopyDigester() = default;
+    virtual void update(const void* data, std::size_t length) = 0;
+    // The digest text of what was fed; absent when the digest failed.
+    virtual std::optional<std::string> text() const = 0;
+  };
+  // A kind of digest for the copy: a name ("sha256") and a maker of running
+  // digests. An empty maker means no verification.
+  struct CopyDigest {
+    std::string name;
+    std::function<std::unique_ptr<CopyDigester>()> make;
+  };
+  // The digests of verification types 1 to 4 (MD5, SHA-1, SHA-256, SHA-512),
+  // type 0 (none); absent for any other type.
+  static std::optional<CopyDigest> copyDigestForVerificationType(int verificationType);
+
+  // What became of one destination.
+  struct CopyOutcome {
+    std::string path;
+    // Every write, the flush to the device and the close succeeded.
+    bool written = false;
+    // The digest of what was read back; absent without verification.
+    std::optional<std::string> digest;
+    // Written, and with verification its digest equals the source's.
+    bool verified = false;
+    // Why it failed, in words; empty when it did not.
+    std::string failure;
+  };
+  // The whole copy: `completed` is the result of the boolean operations.
+  struct CopyResult {
+    bool completed = false;
+    std::uint64_t bytesCopied = 0;
+    std::optional<std::string> sourceDigest;
+    std::vector<CopyOutcome> destinations;  // in the order given
+    KdCopySettings settings;                // as the delegate last saw them
+    // Completed, and every destination written (and verified, with a digest).
+    bool allGood() const;
+  };
+
+  // Copies `source` to `destination` without verification.
+  static bool copyFileWithProgress(const std::string& source, const std::string& destination,
+                                   std::shared_ptr<const KdFileCopyDelegate> delegate,
+                                   std::any object, std::any object2 = {});
+  // Copies `source` to every destination with verification type 0 to 4 (a
+  // table in docs/copy.md); any other type is refused. True when the whole
+  // source was read and written to every destination without a read error or
+  // cancellation: a failed write or verification does not by itself make it
+  // false. Those are told to the delegate and listed in the settings'
+  // "failedDestinations".
+  static bool copyFileWithProgress(const std::string& source,
+                                   const std::vector<std::string>& destinations,
+                                   int verificationType,
+                                   std::shared_ptr<const KdFileCopyDelegate> delegate,
+                                   std::any object = {}, std::any object2 = {});
+  // The same copy with any digest kind, telling each destination's outcome.
+  static CopyResult copyFileWithOutcome(
+      const std::string& source, const std::vector<std::string>& destinations,
+      const CopyDigest& digest, std::shared_ptr<const KdFileCopyDelegate> delegate = nullptr,
+      std::any object = {}, std::any object2 = {});
 
   // ===================================================================
   // File state, volumes and waiting (KdFileManager_State*.cpp)

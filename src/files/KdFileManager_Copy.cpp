@@ -1,0 +1,653 @@
+// The verified copy of KdFileManager: one source to several destinations in
+// one pass, with read-back verification, progress and cancellation.
+//
+// The caller's thread reads the source into a ring of slots; each
+// destination has a thread that writes every slot, reads it back and feeds
+// the destination's digest, and one more thread digests the source. A slot is
+// used again only when every one of them is done with it, and it is then
+// accounted, on the caller's thread, in 64 KiB chunks: the messages of its
+// short writes and failed read-backs, the running total and the progress
+// steps, all in the order a chunk-by-chunk copy would give. Small files are
+// copied without threads, each slot handed to every stage in turn.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <mutex>
+#include <new>
+#include <system_error>
+#include <thread>
+
+#include "common/Path.h"
+#include "common/UniqueFd.h"
+#include "common/WorkQueue.h"
+#include "files/KdFileManager.h"
+#include "log/Format.h"
+#include "log/KdException.h"
+#include "log/KdLog.h"
+#include "platform/Platform.h"
+
+namespace {
+
+// The unit of accounting: progress, totals and messages go by chunks of this.
+constexpr std::size_t kChunk = 65536;
+constexpr std::size_t kChunksPerSlot = 8;
+constexpr std::size_t kSlotSize = kChunk * kChunksPerSlot;  // 512 KiB
+constexpr std::size_t kSlots = 8;                           // a ring of 4 MiB
+constexpr std::uint64_t kMinProgressStep = 20971520;        // 20 MiB
+constexpr char kMethod[] =
+    "+[KdFileManager copyFileWithProgress:destinations:verificationType:delegate:object:object:]";
+
+template <class... Args>
+void console(std::string_view format, const Args&... args) {
+  kd::platform().systemLog(kd::format(format, args...));
+}
+
+// Runs a delegate method, reporting what it throws.
+template <class F>
+void guarded(const char* method, F&& f) {
+  try {
+    f();
+  } catch (const std::exception& e) {
+    KdException::logException(e, method);
+  } catch (...) {
+    KdException::logException("unknown", "an exception that is not a std::exception", method);
+  }
+}
+
+// Reads until `length` bytes or the end; the bytes read, and errno of a
+// failure in `error`.
+std::size_t readFully(int fd, unsigned char* into, std::size_t length, off_t at, bool positioned,
+                      int& error) {
+  std::size_t done = 0;
+  error = 0;
+  while (done < length) {
+    const ssize_t n = kd::retryOnEintr([&] {
+      return positioned ? ::pread(fd, into + done, length - done, at + static_cast<off_t>(done))
+                        : ::read(fd, into + done, length - done);
+    });
+    if (n < 0) {
+      error = errno;
+      break;
+    }
+    if (n == 0) break;
+    done += static_cast<std::size_t>(n);
+  }
+  return done;
+}
+
+// Writes `length` bytes at `at`, going on after partial writes; the bytes
+// written, and errno of a failure in `error`.
+std::size_t writeFully(int fd, const unsigned char* from, std::size_t length, off_t at,
+                       int& error) {
+  std::size_t done = 0;
+  error = 0;
+  while (done < length) {
+    const ssize_t n = kd::retryOnEintr(
+        [&] { return ::pwrite(fd, from + done, length - done, at + static_cast<off_t>(done)); });
+    if (n <= 0) {
+      error = n < 0 ? errno : ENOSPC;
+      break;
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  return done;
+}
+
+bool sameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// The destination's folder, "." for a bare name.
+std::string parentFolder(const std::string& path) {
+  std::string parent = kd::path::deletingLastComponent(path);
+  return parent.empty() ? "." : parent;
+}
+
+// The destination's name with its folder resolved, so that two spellings of
+// one path compare equal; the path itself when the folder cannot be resolved.
+std::string resolvedDestination(const std::string& path) {
+  char* real = ::realpath(parentFolder(path).c_str(), nullptr);
+  if (real == nullptr) return path;
+  std::string resolved = kd::path::append(std::string(real), kd::path::lastComponent(path));
+  std::free(real);
+  return resolved;
+}
+
+// One destination of a copy. Its writer thread alone touches it while the
+// copy runs; the caller's thread reads it after that thread has been joined.
+struct Destination {
+  std::string path;
+  kd::UniqueFd fd;
+  std::unique_ptr<KdFileManager::CopyDigester> digest;
+  std::unique_ptr<unsigned char[]> readBack;
+  int writeError = 0;  // errno of the first failed write
+  int flushError = 0;  // errno of a failed flush or close
+};
+
+// What one destination did with one slot, read when the slot is accounted.
+struct SlotRecord {
+  std::array<std::size_t, kChunksPerSlot> written{};  // bytes of each chunk written
+  int readBackError = 0;                              // errno of a failed read-back
+};
+
+// One slot of the ring: the producer fills it, every stage reads it, and the
+// caller's thread accounts it once all stages are done.
+struct Slot {
+  std::unique_ptr<unsigned char[]> data;
+  std::size_t length = 0;
+  std::uint64_t offset = 0;
+  std::vector<SlotRecord> records;  // one per destination
+};
+
+// One copy's pipeline. Owned by the copying call; its threads are joined
+// before it goes. Stages 0 to n-1 are the destinations, stage n (with a
+// digest) the source's digest.
+class Pipeline {
+ public:
+  Pipeline(int source, std::vector<Destination>& destinations,
+           KdFileManager::CopyDigester* sourceDigest, std::shared_ptr<KdCancellation> cancellation)
+      : source_(source),
+        destinations_(destinations),
+        sourceDigest_(sourceDigest),
+        stages_(destinations.size() + (sourceDigest ? 1 : 0)),
+        cancellation_(std::move(cancellation)),
+        consumed_(stages_, 0) {}
+  ~Pipeline() { stopThreads(); }
+  Pipeline(const Pipeline&) = delete;
+  Pipeline& operator=(const Pipeline&) = delete;
+
+  // False when the memory could not be had.
+  bool allocate() {
+    for (std::size_t i = 0; i < kSlots; ++i) {
+      Slot& slot = slots_[i];
+      slot.data.reset(new (std::nothrow) unsigned char[kSlotSize]);
+      if (!slot.data) return false;
+      slot.records.resize(destinations_.size());
+    }
+    if (sourceDigest_ != nullptr) {
+      for (Destination& d : destinations_) {
+        d.readBack.reset(new (std::nothrow) unsigned char[kSlotSize]);
+        if (!d.readBack) return false;
+      }
+    }
+    return true;
+  }
+
+  // Accounts one chunk: called on the caller's thread, in order, for every
+  // chunk every stage has finished with. False stops the copy.
+  using Account = std::function<bool(const Slot& slot, std::size_t chunk)>;
+
+  // Runs the copy to the end of the source, a read error or cancellation.
+  // Returns errno of a read error, 0 otherwise.
+  int run(bool threaded, const Account& account) {
+    if (threaded) startThreads();
+    std::uint64_t seq = 0, accounted = 0;
+    int readError = 0;
+    bool stopAccounting = false;
+    auto accountUpTo = [&](std::uint64_t upTo) {
+      for (; accounted < upTo; ++accounted) {
+        waitConsumed(accounted + 1);
+        const Slot& slot = slots_[accounted % kSlots];
+        const std::size_t chunks = (slot.length + kChunk - 1) / kChunk;
+        for (std::size_t c = 0; c < chunks && !stopAccounting; ++c)
+          if (!account(slot, c)) stopAccounting = true;
+      }
+    };
+    for (;;) {
+      if (cancellation_->cancelled() || stopAccounting) break;
+      if (seq >= kSlots) accountUpTo(seq - kSlots + 1);
+      if (cancellation_->cancelled() || stopAccounting) break;
+      Slot& slot = slots_[seq % kSlots];
+      slot.offset = seq * kSlotSize;
+      slot.length = readFully(source_, slot.data.get(), kSlotSize, 0, false, readError);
+      if (slot.length == 0) break;
+      publish(seq, threaded);
+      ++seq;
+      if (slot.length < kSlotSize) break;
+    }
+    closeRing();
+    accountUpTo(seq);
+    stopThreads();
+    if (!threaded || inlineAfterFailure_) {
+      for (std::size_t d = 0; d < destinations_.size(); ++d) finishDestination(d);
+    }
+    return readError;
+  }
+
+ private:
+  void startThreads() {
+    try {
+      for (std::size_t stage = 0; stage < stages_; ++stage)
+        threads_.emplace_back([this, stage] { work(stage); });
+    } catch (const std::system_error&) {
+      // Too few threads: run inline. The ones started end on the closed ring
+      // and leave their destinations to the caller's thread.
+      inlineAfterFailure_ = true;
+      stopThreads();
+    }
+  }
+
+  void stopThreads() {
+    closeRing();
+    for (std::thread& t : threads_)
+      if (t.joinable()) t.join();
+    threads_.clear();
+  }
+
+  void closeRing() {
+    {
+      std::lock_guard lock(mu_);
+      closed_ = true;
+    }
+    published_cv_.notify_all();
+  }
+
+  void publish(std::uint64_t seq, bool threaded) {
+    if (!threaded || inlineAfterFailure_) {
+      for (std::size_t stage = 0; stage < stages_; ++stage) process(stage, slots_[seq % kSlots]);
+      std::lock_guard lock(mu_);
+      for (std::uint64_t& c : consumed_) c = seq + 1;
+      published_ = seq + 1;
+      return;
+    }
+    {
+      std::lock_guard lock(mu_);
+      published_ = seq + 1;
+    }
+    published_cv_.notify_all();
+  }
+
+  // Waits until every stage has finished `count` slots.
+  void waitConsumed(std::uint64_t count) {
+    std::unique_lock lock(mu_);
+    consumed_cv_.wait(lock, [&] {
+      return std::all_of(consumed_.begin(), consumed_.end(),
+                         [&](std::uint64_t c) { return c >= count; });
+    });
+  }
+
+  void work(std::size_t stage) {
+    for (std::uint64_t seq = 0;; ++seq) {
+      {
+        std::unique_lock lock(mu_);
+        published_cv_.wait(lock, [&] { return published_ > seq || closed_; });
+        if (published_ <= seq) break;
+      }
+      process(stage, slots_[seq % kSlots]);
+      {
+        std::lock_guard lock(mu_);
+        consumed_[stage] = seq + 1;
+      }
+      consumed_cv_.notify_all();
+    }
+    if (stage < destinations_.size() && !inlineAfterFailure_) finishDestination(stage);
+  }
+
+  void process(std::size_t stage, Slot& slot) {
+    if (stage == destinations_.size()) {
+      sourceDigest_->update(slot.data.get(), slot.length);
+      return;
+    }
+    Destination& d = destinations_[stage];
+    SlotRecord& record = slot.records[stage];
+    record = SlotRecord();
+    // A stop answer holds back every later write.
+    if (cancellation_->cancelled()) return;
+    const off_t at = static_cast<off_t>(slot.offset);
+    int error = 0;
+    std::size_t written = writeFully(d.fd.get(), slot.data.get(), slot.length, at, error);
+    bool shortWrite = written < slot.length;
+    if (!shortWrite) {
+      for (std::size_t c = 0; c * kChunk < slot.length; ++c)
+        record.written[c] = std::min(kChunk, slot.length - c * kChunk);
+    } else {
+      if (d.writeError == 0) d.writeError = error;
+      // Chunks before the failure are whole; the failing one is short; each
+      // later chunk is tried on its own, as the chunk-by-chunk copy would.
+      const std::size_t failed = written / kChunk;
+      for (std::size_t c = 0; c < failed; ++c) record.written[c] = kChunk;
+      record.written[failed] = written - failed * kChunk;
+      for (std::size_t c = failed + 1; c * kChunk < slot.length; ++c) {
+        const std::size_t length = std::min(kChunk, slot.length - c * kChunk);
+        record.written[c] = writeFully(d.fd.get(), slot.data.get() + c * kChunk, length,
+                                       at + static_cast<off_t>(c * kChunk), error);
+      }
+    }
+    if (!d.digest) return;
+    // The digest gets only what was read back, and of a short chunk no more
+    // than was written, so that a hole or a short file never verifies.
+    const std::size_t got =
+        readFully(d.fd.get(), d.readBack.get(), slot.length, at, true, record.readBackError);
+    if (!shortWrite) {
+      d.digest->update(d.readBack.get(), got);
+      return;
+    }
+    for (std::size_t c = 0; c * kChunk < slot.length; ++c) {
+      const std::size_t start = c * kChunk;
+      const std::size_t available = got > start ? std::min(kChunk, got - start) : 0;
+      d.digest->update(d.readBack.get() + start, std::min(available, record.written[c]));
+    }
+  }
+
+  // Flushes the destination to its device and closes it, unless the copy
+  // was stopped (then it is only closed).
+  void finishDestination(std::size_t index) {
+    Destination& d = destinations_[index];
+    if (!d.fd) return;
+    if (!cancellation_->cancelled() && ::fdatasync(d.fd.get()) != 0) d.flushError = errno;
+    if (::close(d.fd.release()) != 0 && d.flushError == 0) d.flushError = errno;
+  }
+
+  const int source_;
+  std::vector<Destination>& destinations_;
+  KdFileManager::CopyDigester* const sourceDigest_;
+  const std::size_t stages_;
+  const std::shared_ptr<KdCancellation> cancellation_;
+  std::array<Slot, kSlots> slots_;
+  std::vector<std::thread> threads_;
+  // Set before the ring closes, read by the stages after: the lock on mu_
+  // orders the two.
+  bool inlineAfterFailure_ = false;
+
+  std::mutex mu_;
+  std::condition_variable published_cv_;  // a slot was published, or the ring closed
+  std::condition_variable consumed_cv_;   // a stage finished a slot
+  std::uint64_t published_ = 0;           // guarded by mu_
+  bool closed_ = false;                   // guarded by mu_
+  std::vector<std::uint64_t> consumed_;   // per stage; guarded by mu_
+};
+
+// Sends the progress step and the question, each on the work queue with its
+// own snapshot of the settings, without waiting for either.
+void reportStep(const std::shared_ptr<const KdFileCopyDelegate>& delegate,
+                const KdCopySettings& settings, std::uint64_t total,
+                const std::shared_ptr<KdCancellation>& cancellation) {
+  const bool reports = static_cast<bool>(delegate->fileCopyBytesWritten);
+  const bool asks = static_cast<bool>(delegate->fileCopyShouldContinue);
+  if (!reports && !asks) return;
+  auto snapshot = std::make_shared<const KdCopySettings>(settings);
+  if (reports) {
+    kd::WorkQueue::shared().async([delegate, snapshot, total] {
+      guarded("fileCopyBytesWritten:settings:",
+              [&] { delegate->fileCopyBytesWritten(total, *snapshot); });
+    });
+  }
+  if (asks) {
+    kd::WorkQueue::shared().async([delegate, snapshot, cancellation] {
+      guarded("fileCopyShouldContinue:", [&] {
+        if (!delegate->fileCopyShouldContinue(*snapshot)) cancellation->cancel();
+      });
+    });
+  }
+}
+
+// Opens a destination for writing, truncated, refusing anything that is not
+// a regular file of its own: a link, a folder, a device, the source.
+kd::UniqueFd openDestination(const std::string& path, const struct stat& source,
+                             const std::vector<Destination>& opened) {
+  struct stat st {};
+  if (path.find('\0') != std::string::npos) return kd::UniqueFd();
+  if (::lstat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return kd::UniqueFd();
+  kd::UniqueFd fd(kd::retryOnEintr(
+      [&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666); }));
+  if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || sameFile(st, source))
+    return kd::UniqueFd();
+  for (const Destination& d : opened) {
+    struct stat other {};
+    if (::fstat(d.fd.get(), &other) == 0 && sameFile(st, other)) return kd::UniqueFd();
+  }
+  if (kd::retryOnEintr([&] { return ::ftruncate(fd.get(), 0); }) != 0) return kd::UniqueFd();
+  return fd;
+}
+
+// The first destination that is the source or repeats an earlier one.
+std::optional<std::string> refusedDestination(const std::string& source,
+                                              const std::vector<std::string>& destinations) {
+  struct stat src {};
+  const bool haveSource = ::stat(source.c_str(), &src) == 0;
+  std::vector<std::string> seen;
+  std::vector<struct stat> seenFiles;
+  for (const std::string& path : destinations) {
+    const std::string resolved = resolvedDestination(path);
+    if (std::find(seen.begin(), seen.end(), resolved) != seen.end()) return path;
+    seen.push_back(resolved);
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) continue;
+    if (haveSource && sameFile(st, src)) return path;
+    for (const struct stat& other : seenFiles)
+      if (sameFile(st, other)) return path;
+    seenFiles.push_back(st);
+  }
+  return std::nullopt;
+}
+
+std::string errorText(int error) {
+  return std::strerror(error);
+}
+
+KdFileManager::CopyResult copy(const std::string& source,
+                               const std::vector<std::string>& destinations,
+                               const KdFileManager::CopyDigest& digest,
+                               std::shared_ptr<const KdFileCopyDelegate> delegate, std::any object,
+                               std::any object2) {
+  KdFileManager::CopyResult result;
+  if (!KdFileManager::fileExistsAtPath(source)) {
+    console("Error: File %@ doesn't exist. Aborting copy process...", source);
+    return result;
+  }
+  if (destinations.empty()) {
+    console("Error: You must have at least one destination. Aborting copy process...");
+    return result;
+  }
+  for (const std::string& path : destinations) {
+    const std::string parent = parentFolder(path);
+    if (!KdFileManager::fileExistsAtPath(parent) && !KdFileManager::createDirectory(parent, 10)) {
+      console(
+          "Unable to copy file %@ - destination directory %@ doesn't exist. Aborting copy "
+          "process...",
+          source, parent);
+      return result;
+    }
+  }
+  if (std::optional<std::string> refused = refusedDestination(source, destinations)) {
+    console("Error: Unable to open destination file %@. Aborting copy process...", *refused);
+    return result;
+  }
+
+  const auto cancellation = KdCancellation::make();
+  KdCopySettings& settings = result.settings;
+  settings.source = source;
+  settings.destinations = destinations;
+  settings.delegate = delegate;
+  settings.object = std::move(object);
+  settings.object2 = std::move(object2);
+
+  kd::UniqueFd sourceFd;
+  if (source.find('\0') == std::string::npos)
+    sourceFd.reset(kd::retryOnEintr([&] { return ::open(source.c_str(), O_RDONLY | O_CLOEXEC); }));
+  struct stat sourceStat {};
+  if (!sourceFd || ::fstat(sourceFd.get(), &sourceStat) != 0) {
+    console("Error: Unable to read source file %@. Aborting copy process...", source);
+    return result;
+  }
+  ::posix_fadvise(sourceFd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+  const std::uint64_t size = static_cast<std::uint64_t>(sourceStat.st_size);
+  const std::uint64_t step = std::max(size / 1000, kMinProgressStep);
+  const std::optional<KdFileManager::Date> creationDate =
+      kd::platform().fileMetadata().creationDate(source);
+
+  const bool verifying = static_cast<bool>(digest.make);
+  std::vector<Destination> open;
+  open.reserve(destinations.size());
+  for (const std::string& path : destinations) {
+    kd::UniqueFd fd = openDestination(path, sourceStat, open);
+    if (!fd) {
+      console("Error: Unable to open destination file %@. Aborting copy process...", path);
+      return result;
+    }
+    Destination& d = open.emplace_back();
+    d.path = path;
+    d.fd = std::move(fd);
+    if (verifying) d.digest = digest.make();
+  }
+  std::unique_ptr<KdFileManager::CopyDigester> sourceDigest;
+  if (verifying) sourceDigest = digest.make();
+
+  std::uint64_t total = 0, lastReported = 0;
+  int readError = 0;
+  {
+    Pipeline pipeline(sourceFd.get(), open, sourceDigest.get(), cancellation);
+    if (!pipeline.allocate()) {
+      KdLog::appendLogAndPrint("Error copying file %@ - out of memory", source);
+      return result;
+    }
+    auto account = [&](const Slot& slot, std::size_t chunk) {
+      // After a stop answer the writers skip what is left: nothing more to tell.
+      if (cancellation->cancelled()) return false;
+      const std::size_t length = std::min(kChunk, slot.length - chunk * kChunk);
+      for (std::size_t i = 0; i < open.size(); ++i) {
+        const SlotRecord& r = slot.records[i];
+        if (r.written[chunk] < length) console("Error writing file %@: %i", open[i].path, 1);
+        if (verifying && r.readBackError != 0) {
+          console("Error: unable to seek within file %@", open[i].path);
+          console("cur pos: %llu", total);
+          console("read size: %zu", length);
+          console("errno: %i", r.readBackError);
+          console("err: %i", 1);
+        }
+      }
+      total += length;
+      if (total - lastReported >= step) {
+        lastReported = total;
+        if (delegate) reportStep(delegate, settings, total, cancellation);
+      }
+      return !cancellation->cancelled();
+    };
+    readError = pipeline.run(size > kSlotSize, account);
+  }
+  sourceFd.reset();
+
+  if (readError != 0) {
+    KdLog::appendLogAndPrint("Error reading file %@ - aborting...", source);
+    return result;
+  }
+  if (cancellation->cancelled()) return result;
+  if (total < size) {
+    console("Error: copied file size does not match original source %@", source);
+    return result;
+  }
+  result.completed = true;
+  result.bytesCopied = total;
+
+  std::vector<std::string> failed;
+  for (const Destination& d : open) {
+    KdFileManager::CopyOutcome& outcome = result.destinations.emplace_back();
+    outcome.path = d.path;
+    outcome.written = d.writeError == 0 && d.flushError == 0;
+    if (d.writeError != 0) {
+      outcome.failure = "a write failed: " + errorText(d.writeError);
+    } else if (d.flushError != 0) {
+      outcome.failure = "flushing to the device failed: " + errorText(d.flushError);
+      console("Error writing file %@: %i", d.path, d.flushError);
+    }
+    outcome.verified = outcome.written;
+    if (!outcome.written) failed.push_back(d.path);
+  }
+  settings.failedDestinations = failed;
+
+  if (delegate && delegate->fileCopyBytesWritten)
+    guarded("fileCopyBytesWritten:settings:",
+            [&] { delegate->fileCopyBytesWritten(total, settings); });
+
+  if (verifying) {
+    result.sourceDigest = sourceDigest->text();
+    settings.sourceChecksum = result.sourceDigest;
+    std::vector<std::string> texts;
+    for (std::size_t i = 0; i < open.size(); ++i) {
+      KdFileManager::CopyOutcome& outcome = result.destinations[i];
+      outcome.digest = open[i].digest->text();
+      texts.push_back(outcome.digest.value_or(""));
+      const bool matches = result.sourceDigest && outcome.digest == result.sourceDigest;
+      if (!matches && outcome.failure.empty())
+        outcome.failure = "what was read back differs from the source";
+      outcome.verified = outcome.written && matches;
+      if (outcome.verified) continue;
+      if (std::find(failed.begin(), failed.end(), outcome.path) == failed.end())
+        failed.push_back(outcome.path);
+      settings.failedDestinations = failed;
+      if (delegate && delegate->fileCopyVerificationFailed) {
+        settings.destChecksum = texts.back();
+        guarded("fileCopyVerificationFailed:file:",
+                [&] { delegate->fileCopyVerificationFailed(settings, outcome.path); });
+      }
+    }
+    settings.destChecksums = std::move(texts);
+  }
+
+  // Each attribute the source has goes on every destination. An error stays
+  // once it happened and is told again for every later destination.
+  std::optional<std::string> metadataError;
+  const struct timespec times[2] = {{0, UTIME_OMIT}, sourceStat.st_mtim};
+  for (const Destination& d : open) {
+    if (creationDate) {
+      std::string why;
+      if (!kd::platform().fileMetadata().setCreationDate(d.path, *creationDate, &why))
+        metadataError = why;
+    }
+    if (::utimensat(AT_FDCWD, d.path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+      metadataError = errorText(errno);
+    if (metadataError) console("Error setting metadata for file %@ - %@", d.path, *metadataError);
+  }
+
+  if (delegate && delegate->fileCopyFinished)
+    guarded("fileCopyFinished:", [&] { delegate->fileCopyFinished(settings); });
+  return result;
+}
+
+}  // namespace
+
+KdFileManager::CopyResult KdFileManager::copyFileWithOutcome(
+    const std::string& source, const std::vector<std::string>& destinations,
+    const CopyDigest& digest, std::shared_ptr<const KdFileCopyDelegate> delegate, std::any object,
+    std::any object2) {
+  try {
+    return copy(source, destinations, digest, std::move(delegate), std::move(object),
+                std::move(object2));
+  } catch (const std::exception& e) {
+    KdException::logException(e, kMethod);
+  } catch (...) {
+    KdException::logException("unknown", "an exception that is not a std::exception", kMethod);
+  }
+  return CopyResult();
+}
+
+bool KdFileManager::copyFileWithProgress(const std::string& source,
+                                         const std::vector<std::string>& destinations,
+                                         int verificationType,
+                                         std::shared_ptr<const KdFileCopyDelegate> delegate,
+                                         std::any object, std::any object2) {
+  const std::optional<CopyDigest> digest = copyDigestForVerificationType(verificationType);
+  if (!digest) {
+    console("Error: Unknown verification type %i. Aborting copy process...", verificationType);
+    return false;
+  }
+  return copyFileWithOutcome(source, destinations, *digest, std::move(delegate), std::move(object),
+                             std::move(object2))
+      .completed;
+}
+
+bool KdFileManager::copyFileWithProgress(const std::string& source, const std::string& destination,
+                                         std::shared_ptr<const KdFileCopyDelegate> delegate,
+                                         std::any object, std::any object2) {
+  return copyFileWithProgress(source, std::vector<std::string>{destination}, 0, std::move(delegate),
+                              std::move(object), std::move(object2));
+}

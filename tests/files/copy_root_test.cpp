@@ -1,0 +1,101 @@
+// The verified copy onto a destination that fills up: a small tmpfs of our
+// own, mounted for the test.
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "common/WorkQueue.h"
+#include "files/FilesFixture.h"
+#include "files/KdFileManager.h"
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+// A tmpfs of `size` mounted below `folder`, unmounted when it goes.
+class SmallTmpfs {
+ public:
+  SmallTmpfs(const std::string& folder, const char* size)
+      : path_(folder + "/full-" + std::to_string(::getpid())) {
+    ::mkdir(path_.c_str(), 0755);
+    mounted_ =
+        ::mount("tmpfs", path_.c_str(), "tmpfs", 0, (std::string("size=") + size).c_str()) == 0;
+  }
+  ~SmallTmpfs() {
+    if (mounted_) ::umount2(path_.c_str(), MNT_DETACH);
+  }
+  bool mounted() const { return mounted_; }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+  bool mounted_ = false;
+};
+
+class CopyRoot : public kd::test::FilesTest {};
+
+TEST_F(CopyRoot, AFullDestinationFailsVerificationWhileTheOtherVerifies) {
+  if (::geteuid() != 0) GTEST_SKIP() << "mounting a tmpfs needs root";
+  SmallTmpfs full(dir_.path(), "1m");
+  if (!full.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
+  // Zeros: a hole or a short file must not read back as the source.
+  const std::string source = dir_.touch("zeros", std::string(3 << 20, '\0'));
+  const std::string good = dir_ / "good/zeros", bad = full.path() + "/zeros";
+
+  struct Heard {
+    std::mutex mu;
+    Strings failed, checksums;
+    int finished = 0;
+  };
+  auto heard = std::make_shared<Heard>();
+  auto delegate = std::make_shared<KdFileCopyDelegate>();
+  delegate->fileCopyVerificationFailed = [heard](const KdCopySettings& s, const std::string& f) {
+    std::lock_guard lock(heard->mu);
+    heard->failed.push_back(f);
+    heard->checksums.push_back(s.destChecksum.value_or(""));
+  };
+  delegate->fileCopyFinished = [heard](const KdCopySettings&) { ++heard->finished; };
+
+  const KdFileManager::CopyResult r = KdFileManager::copyFileWithOutcome(
+      source, {good, bad}, *KdFileManager::copyDigestForVerificationType(3), delegate);
+  kd::WorkQueue::shared().waitUntilIdle();
+  EXPECT_TRUE(r.completed);
+  EXPECT_FALSE(r.allGood());
+  ASSERT_EQ(r.destinations.size(), 2u);
+  EXPECT_TRUE(r.destinations[0].verified);
+  EXPECT_FALSE(r.destinations[1].written);
+  EXPECT_FALSE(r.destinations[1].verified);
+  EXPECT_NE(r.destinations[1].digest, r.sourceDigest);
+  EXPECT_EQ(r.settings.failedDestinations, Strings{bad});
+  EXPECT_EQ(heard->failed, Strings{bad});
+  EXPECT_EQ(heard->checksums, Strings{*r.destinations[1].digest});
+  EXPECT_EQ(heard->finished, 1);
+  // One line per chunk that did not fit.
+  const Strings console = platform_.systemLogMessages();
+  ASSERT_FALSE(console.empty());
+  EXPECT_GE(console.size(), 2u * 16u - 1);  // about 2 of the 3 MiB
+  for (const std::string& line : console) EXPECT_EQ(line, "Error writing file " + bad + ": 1");
+
+  // The tool tells it by its exit status.
+  ::unlink(bad.c_str());
+  const std::string command = std::string(KD_TOOL_PATH) + " copy " + source + " " + dir_.path() +
+                              "/other " + bad + " >/dev/null 2>&1";
+  const int status = std::system(command.c_str());
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  const std::string none = std::string(KD_TOOL_PATH) + " copy --verify none " + source + " " +
+                           dir_.path() + "/third " + bad + " >/dev/null 2>&1";
+  const int noneStatus = std::system(none.c_str());
+  EXPECT_EQ(WEXITSTATUS(noneStatus), 1);
+}
+
+}  // namespace
