@@ -202,6 +202,9 @@ struct KdLog::Impl {
   std::vector<LogOp> local;  // lines the writer queued itself (header, roll-over)
   std::string pending;       // bytes of this batch not yet written
   std::uint64_t pendingUnits = 0;
+  // A failed write (a full disk) may leave the file ending inside a line; the
+  // next write starts a line of its own.
+  bool lineTorn = false;
   std::time_t dateSecond = -1;
   std::string dateText;
   std::function<void(const std::string&)> beforeRemovingOldest;  // tests only
@@ -364,6 +367,7 @@ void KdLog::Impl::writeLine(const std::string& text, std::size_t units) {
 
 void KdLog::Impl::writePending() {
   if (pending.empty()) return;
+  if (lineTorn && fd) pending.insert(0, 1, '\n');
   std::string_view rest = pending;
   while (!rest.empty()) {
     ssize_t n = fd ? ::write(fd.get(), rest.data(), rest.size()) : (errno = EBADF, -1);
@@ -372,12 +376,15 @@ void KdLog::Impl::writePending() {
       // The lines of this chunk are lost; they stay counted as queued.
       if (!disabled.load())
         printToStdout(kd::format("Exception writing to log: %s\n", std::strerror(errno)));
+      const std::size_t written = pending.size() - rest.size();
+      if (written > 0) lineTorn = pending[written - 1] != '\n';
       pending.clear();
       pendingUnits = 0;
       return;
     }
     rest.remove_prefix(static_cast<std::size_t>(n));
   }
+  lineTorn = false;
   pending.clear();
   bytesInQueue.fetch_sub(pendingUnits);
   pendingUnits = 0;
@@ -449,6 +456,7 @@ void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
       [&] { return ::open(current->c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY); });
   if (f < 0) return;
   fd.reset(f);
+  lineTorn = false;  // a new, empty file
 
   kd::Platform& os = kd::platform();
   kd::BundleInfo bundle = os.mainBundle();
@@ -683,6 +691,7 @@ void KdLogTestAccess::reset() {
   impl.postAndWait([&impl] {
     impl.writePending();
     impl.fd.reset();
+    impl.lineTorn = false;
     impl.cancelRunningBatch.store(false);
     impl.disabled.store(false);
     impl.bytesWritten.store(0);

@@ -94,6 +94,29 @@ TEST(PrivilegedChannel, ACoProcessThatDiedIsNoChannel) {
   EXPECT_FALSE(opening.channel->alive());
 }
 
+// The co-process killed while a command runs through it: the command fails at
+// once instead of waiting for a reply that never comes.
+TEST(PrivilegedChannel, ACoProcessKilledMidCommandFailsTheCommand) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to end the co-process from outside";
+  LinuxPrivilege service;
+  PrivilegeOpening opening = service.openInherited(helperPath());
+  ASSERT_TRUE(opening.channel);
+  const int pid = opening.channel->coProcessId();
+  std::thread killer([pid] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ::kill(pid, SIGKILL);
+  });
+  const auto start = std::chrono::steady_clock::now();
+  const PrivilegedRun run = opening.channel->run("/bin/sleep", {"20"}, true);
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  killer.join();
+  EXPECT_EQ(run.status, -1);
+  EXPECT_LT(seconds, 10.0) << "the command waited for its own end";
+  EXPECT_FALSE(opening.channel->alive());
+  EXPECT_EQ(opening.channel->run("/bin/true", {}, true).status, -1);
+}
+
 // A start that is not root's is refused where rights are required.
 TEST(PrivilegedChannel, TheCoProcessMustHaveRootsRights) {
   TempDir tmp;

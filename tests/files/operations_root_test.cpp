@@ -136,6 +136,32 @@ TEST_F(SecondVolume, AFullVolumeFailsWithoutAskingAndLeavesNothing) {
                              "Error moving file: No space left on device."}));
 }
 
+// A folder that fills the volume part way through: the copy and the move
+// fail, the source keeps every byte, and no half folder is left behind.
+TEST_F(SecondVolume, AFolderThatFillsTheVolumeMidwayLeavesTheSourceWhole) {
+  Volume small(dir_ / ("small-" + std::to_string(::getpid())), "256k");
+  ASSERT_TRUE(small.mounted());
+  fs::create_directories(dir_ / "card/DCIM/100");
+  const std::string clip(100 * 1024, 'c');
+  for (const char* name : {"A001.MOV", "A002.MOV", "A003.MOV", "A004.MOV"})
+    std::ofstream(dir_ / (std::string("card/DCIM/100/") + name)) << clip;
+  auto sourceWhole = [&] {
+    for (const char* name : {"A001.MOV", "A002.MOV", "A003.MOV", "A004.MOV"})
+      if (readFile(dir_ / (std::string("card/DCIM/100/") + name)) != clip) return false;
+    return true;
+  };
+  EXPECT_FALSE(FM::copyFile(dir_ / "card", small / "card"));
+  EXPECT_FALSE(FM::lastFailureNeedsRights());
+  EXPECT_TRUE(sourceWhole());
+  EXPECT_EQ(namesIn(small / ""), std::set<std::string>());
+  EXPECT_FALSE(FM::moveFile(dir_ / "card", small / "card"));
+  EXPECT_TRUE(sourceWhole());
+  EXPECT_EQ(namesIn(small / ""), std::set<std::string>());
+  // The volume is usable afterwards: what fits is copied.
+  EXPECT_TRUE(FM::copyFile(dir_ / "card/DCIM/100/A001.MOV", small / "A001.MOV"));
+  EXPECT_EQ(readFile(small / "A001.MOV"), clip);
+}
+
 // --- The fall-back, taken by an ordinary user -----------------------------------------
 
 class FallBack : public ::testing::Test {

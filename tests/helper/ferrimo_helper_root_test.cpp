@@ -366,6 +366,44 @@ TEST_F(FerrimoHelperRoot, RootRunsGiveTheUserNothingButItsOwnFiles) {
 // exactly as it was, a damaged one is kept aside before a fresh one is
 // written, values the helper does not use survive untouched, and hostile
 // global preferences (deep nesting, a named pipe) neither crash nor stall it.
+// A settings file replaced behind the program's back: 50 MB of random bytes
+// are damaged settings, kept aside byte for byte; a folder in its place is
+// left as it is, contents and all, and the run still ends normally.
+TEST_F(FerrimoHelperRoot, SettingsReplacedByGarbageOrAFolder) {
+  const std::string settings = settingsPath();
+  std::string garbage(50u << 20, '\0');
+  std::uint32_t x = 2463534242u;  // xorshift: the same bytes every run
+  for (char& c : garbage) {
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    c = static_cast<char>(x);
+  }
+  fs::remove(settings);
+  std::ofstream(settings, std::ios::binary) << garbage;
+  chown(settings.c_str(), uid_, gid_);
+  runHelper({"-setup"});
+  EXPECT_NE(log().find(" is damaged ("), std::string::npos) << log();
+  bool kept = false;
+  for (const auto& e : fs::directory_iterator(home_ + "/.config"))
+    if (e.path().filename().string().starts_with("com.quillfen.Ferrimo.plist.damaged-"))
+      kept = readFile(e.path().string()) == garbage;
+  EXPECT_TRUE(kept) << "the damaged file is not kept aside whole";
+  EXPECT_TRUE(kd::plistDate(kd::readPlistDictionaryOrEmpty(settings), "lastStartup"));
+
+  fs::remove(settings);
+  fs::create_directories(settings + "/inside");
+  std::ofstream(settings + "/inside/note") << "mine";
+  chown(settings.c_str(), uid_, gid_);
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"-setup"}, {}}) {
+    runHelper(args);
+    EXPECT_TRUE(fs::is_directory(settings));
+    EXPECT_EQ(readFile(settings + "/inside/note"), "mine");
+  }
+  EXPECT_NE(log().find(settings), std::string::npos) << "the run says what it could not use:\n"
+                                                     << log();
+}
+
 TEST_F(FerrimoHelperRoot, SettingsAreNeverLost) {
   const std::string settings = settingsPath();
   auto put = [&](const std::string& path, const std::string& bytes) {

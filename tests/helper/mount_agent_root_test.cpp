@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <sstream>
 #include <thread>
@@ -54,20 +55,23 @@ bool waitForText(const std::string& path, const std::string& text, int ms) {
 // unmounted and removed again by its owner.
 class MediaMount {
  public:
-  MediaMount() : dir_("/media/kd-agent-test-" + std::to_string(getpid())) {
-    std::filesystem::create_directories(dir_ + "/CARD");
+  explicit MediaMount(const std::string& name = "CARD")
+      : dir_("/media/kd-agent-test-" + std::to_string(getpid()) +
+             (name == "CARD" ? "" : "-" + name)),
+        name_(name) {
+    std::filesystem::create_directories(dir_ + "/" + name_);
   }
   ~MediaMount() {
     if (mounted_) umount2(target().c_str(), MNT_DETACH);
     std::error_code ignored;
     std::filesystem::remove_all(dir_, ignored);
   }
-  std::string target() const { return dir_ + "/CARD"; }
+  std::string target() const { return dir_ + "/" + name_; }
   bool mount() { return mounted_ = ::mount("tmpfs", target().c_str(), "tmpfs", 0, "size=1m") == 0; }
   bool unmount() { return !(mounted_ = ::umount(target().c_str()) != 0); }
 
  private:
-  std::string dir_;
+  std::string dir_, name_;
   bool mounted_ = false;
 };
 
@@ -236,4 +240,114 @@ TEST(MountAgentRoot, LockFolderBelowTmpMustBeTheUsersOwn) {
   EXPECT_EQ(st.st_mode & 0777, 0700u);
   unlink(lock.c_str());
   rmdir(folder.c_str());
+}
+
+namespace {
+
+int countIn(const std::string& text, const std::string& what) {
+  int n = 0;
+  for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+// Waits until the file holds `text` at least `n` times or the time is up.
+bool waitForCount(const std::string& path, const std::string& text, int n, int ms) {
+  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+  while (countIn(kd::test::readFile(path), text) < n) {
+    if (std::chrono::steady_clock::now() >= until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+}  // namespace
+
+// Fifty mounts in quick succession, two card slots taking turns, each
+// unmounted as soon as the agent has started its helper run (the run still
+// going): one run per mount, none for the unmounts; then a burst of mounts and
+// unmounts faster than the agent can look, after which it still answers the
+// next mount. Nothing hangs, and every run started is reported ended.
+TEST(MountAgentRoot, FiftyQuickMountsStartOneRunEach) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting a tmpfs needs root";
+  TempDir dir;
+  const std::string record = dir / "runs";
+  const std::string appDir = dir.mkdir("Ferrimo.app");
+  // A helper slower than the unmount that follows its start.
+  const std::string helper =
+      dir.touch("FerrimoHelper", "#!/bin/sh\necho \"$*\" >> '" + record + "'\nsleep 0.05\n");
+  chmod(helper.c_str(), 0755);
+  MediaMount slots[2] = {MediaMount("A"), MediaMount("B")};
+  const std::string errPath = dir / "stderr";
+  Agent agent(dir, helper, appDir, {}, {"--verbose"});
+  ASSERT_TRUE(agent.started());
+  ASSERT_GE(waitForLines(record, 1, 5000).size(), 1u);
+  auto startedFor = [](const MediaMount& m) {
+    return "new removable volume " + m.target() + ": started the helper";
+  };
+  auto runsFor = [&](const MediaMount& m) {
+    return countIn(kd::test::readFile(errPath), startedFor(m));
+  };
+
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 50; ++i) {
+    MediaMount& card = slots[i % 2];
+    ASSERT_TRUE(card.mount()) << strerror(errno);
+    ASSERT_TRUE(waitForCount(errPath, startedFor(card), i / 2 + 1, 10000))
+        << "mount " << i + 1 << " started no run:\n"
+        << kd::test::readFile(errPath);
+    ASSERT_TRUE(card.unmount()) << strerror(errno);
+  }
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  RecordProperty("seconds_for_50_mounts", std::to_string(seconds));
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_EQ(runsFor(slots[0]), 25) << kd::test::readFile(errPath);
+  EXPECT_EQ(runsFor(slots[1]), 25) << kd::test::readFile(errPath);
+
+  // One slot, remounted the moment its run started: the unmount and the next
+  // mount may come in one reading of the table, with the same mount id and
+  // device; the kernel's never-reused mount id tells them apart.
+  struct statx root {};
+  if (::statx(AT_FDCWD, "/", 0, 0x00004000U /* STATX_MNT_ID_UNIQUE */, &root) == 0 &&
+      (root.stx_mask & 0x00004000U)) {
+    const int first = runsFor(slots[0]);
+    for (int i = 1; i <= 20; ++i) {
+      ASSERT_TRUE(slots[0].mount()) << strerror(errno);
+      ASSERT_TRUE(waitForCount(errPath, startedFor(slots[0]), first + i, 10000))
+          << "remount " << i << " started no run:\n"
+          << kd::test::readFile(errPath);
+      ASSERT_TRUE(slots[0].unmount()) << strerror(errno);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(runsFor(slots[0]), first + 20);
+  } else {
+    std::printf("note: no never-reused mount ids on this kernel; same-slot remounts not tried\n");
+  }
+
+  // A burst: mounts that may be gone before the agent reads the table start
+  // at most one run each.
+  const int beforeBurst = runsFor(slots[0]);
+  for (int i = 0; i < 20; ++i) {
+    ASSERT_TRUE(slots[0].mount()) << strerror(errno);
+    ASSERT_TRUE(slots[0].unmount()) << strerror(errno);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_LE(runsFor(slots[0]), beforeBurst + 20);
+  // And the agent still answers.
+  const int before = runsFor(slots[1]);
+  ASSERT_TRUE(slots[1].mount()) << strerror(errno);
+  EXPECT_TRUE(waitForCount(errPath, startedFor(slots[1]), before + 1, 10000))
+      << kd::test::readFile(errPath);
+  ASSERT_TRUE(slots[1].unmount());
+  // Every run the agent started is one the helper made (nothing lost), and
+  // each has ended by the time the agent stops.
+  std::this_thread::sleep_for(std::chrono::milliseconds(800));
+  const int status = agent.stop();
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "stops cleanly on SIGTERM";
+  const std::string log = kd::test::readFile(errPath);
+  // (Other programs' mounts of removable media count on both sides.)
+  EXPECT_EQ(static_cast<int>(lines(record).size()), countIn(log, ": started the helper")) << log;
+  EXPECT_EQ(countIn(log, ": the helper (pid "), countIn(log, ": started the helper"))
+      << "every run's end is reported:\n"
+      << log;
 }

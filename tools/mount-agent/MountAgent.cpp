@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,8 +21,34 @@ extern char** environ;
 
 namespace kd::agent {
 
+namespace {
+
+// The never-reused id of `mount`, or 0 when the kernel has none or another
+// mount lies on top of it at its mount point. Asked only for removable media,
+// never of network mounts that could stall.
+std::uint64_t uniqueMountId(const MountEntry& mount) {
+#ifndef STATX_MNT_ID_UNIQUE
+  constexpr unsigned kUniqueId = 0x00004000U;  // the kernel's STATX_MNT_ID_UNIQUE
+#else
+  constexpr unsigned kUniqueId = STATX_MNT_ID_UNIQUE;
+#endif
+  constexpr int kFlags = AT_NO_AUTOMOUNT | AT_SYMLINK_NOFOLLOW | AT_STATX_DONT_SYNC;
+  struct statx top {};
+  if (::statx(AT_FDCWD, mount.target.c_str(), kFlags, STATX_MNT_ID, &top) != 0 ||
+      !(top.stx_mask & STATX_MNT_ID) || top.stx_mnt_id != static_cast<std::uint64_t>(mount.id))
+    return 0;
+  struct statx unique {};
+  if (::statx(AT_FDCWD, mount.target.c_str(), kFlags, kUniqueId, &unique) != 0 ||
+      !(unique.stx_mask & kUniqueId))
+    return 0;
+  return unique.stx_mnt_id;
+}
+
+}  // namespace
+
 MountKey keyOf(const MountEntry& mount) {
-  return {mount.id, mount.device, mount.target, mount.fsType};
+  return {mount.id, mount.device, mount.target, mount.fsType,
+          isRemovableMedia(mount) ? uniqueMountId(mount) : 0};
 }
 
 std::vector<MountEntry> newMounts(const std::set<MountKey>& before,

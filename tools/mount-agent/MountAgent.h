@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <optional>
@@ -34,8 +35,11 @@ struct Options {
 
 // How the agent tells mounts apart. The kernel hands a freed mount id to the
 // next mount at once, so an unmount quickly followed by another mount may
-// reuse the id: the mount point, device and type set them apart.
-using MountKey = std::tuple<int, dev_t, std::string, std::string>;
+// reuse the id: the mount point, device and type set them apart, and for
+// removable media the kernel's never-reused 64-bit mount id (Linux 6.8 and
+// later; 0 elsewhere) tells a card remounted at the same place with the same
+// device from the one before, even when both changes come in one reading.
+using MountKey = std::tuple<int, dev_t, std::string, std::string, std::uint64_t>;
 MountKey keyOf(const MountEntry& mount);
 
 // The entries of `now` whose keys are not in `before`, in table order.

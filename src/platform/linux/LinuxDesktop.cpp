@@ -13,6 +13,7 @@
 #include "common/AtomicFile.h"
 #include "common/Path.h"
 #include "common/UniqueFd.h"
+#include "platform/linux/DesktopEntry.h"
 #include "platform/linux/LinuxPlatform.h"
 
 extern char** environ;
@@ -43,17 +44,6 @@ void runQuietly(const std::vector<std::string>& argv) {
   retryOnEintr([&] { return static_cast<int>(::waitpid(pid, &status, 0)); });
 }
 
-// A value of the Exec key: the program quoted, field codes escaped.
-std::string quotedExec(const std::string& program) {
-  std::string out = "\"";
-  for (char c : program) {
-    if (c == '"' || c == '`' || c == '$' || c == '\\') out += '\\';
-    if (c == '%') out += '%';
-    out += c;
-  }
-  return out + "\"";
-}
-
 }  // namespace
 
 class LinuxDesktop final : public Desktop {
@@ -79,10 +69,9 @@ class LinuxDesktop final : public Desktop {
       entryName = path::lastComponent(path);
     } else if (isExecutableFile(path)) {
       // A program: an entry that opens files with it.
-      std::string name = path::lastComponent(path);
-      entryName = name + ".desktop";
-      entry = "[Desktop Entry]\nType=Application\nName=" + name + "\nExec=" + quotedExec(path) +
-              " %F\nTerminal=false\nNoDisplay=true\n";
+      entryName = path::lastComponent(path) + ".desktop";
+      entry = programDesktopEntry(path);
+      if (entry.empty()) return false;
     } else {
       return false;
     }

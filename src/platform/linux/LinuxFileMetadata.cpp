@@ -17,9 +17,11 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <sstream>
 
 #include "common/UniqueFd.h"
 #include "platform/linux/LinuxPlatform.h"
+#include "platform/linux/ProcText.h"
 
 namespace kd {
 
@@ -105,13 +107,9 @@ bool processWritesInode(const std::string& pidDir, dev_t dev, ino_t ino) {
     if (::fstatat(::dirfd(fds.get()), e->d_name, &st, 0) != 0) continue;  // follows the fd
     if (st.st_dev != dev || st.st_ino != ino) continue;
     std::ifstream info(pidDir + "/fdinfo/" + e->d_name);
-    for (std::string line; std::getline(info, line);) {
-      if (line.rfind("flags:", 0) != 0) continue;
-      unsigned long flags = std::strtoul(line.c_str() + 6, nullptr, 8);
-      int mode = static_cast<int>(flags & O_ACCMODE);
-      if (mode == O_WRONLY || mode == O_RDWR) return true;
-      break;
-    }
+    std::stringstream text;
+    text << info.rdbuf();
+    if (fdinfoOpenForWriting(text.str())) return true;
   }
   return false;
 }

@@ -10,6 +10,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kd {
@@ -25,6 +26,10 @@ struct MountEntry {
 
 // The current mounts in table order; empty when the table cannot be read.
 std::vector<MountEntry> readMountTable();
+
+// The mounts of a text in the form of /proc/self/mountinfo, read as
+// readMountTable reads the kernel's; empty when the text is not such a table.
+std::vector<MountEntry> parseMountTable(std::string_view mountinfo);
 
 // Whether a mount counts as removable media (what mountedRemovableMedia
 // lists): a real file system mounted under /media/ or /run/media/, or from a

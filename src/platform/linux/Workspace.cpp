@@ -18,8 +18,10 @@
 #include "common/Path.h"
 #include "common/UniqueFd.h"
 #include "platform/linux/BlockDevices.h"
+#include "platform/linux/DesktopEntry.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/MountTable.h"
+#include "platform/linux/ProcText.h"
 
 extern char** environ;
 
@@ -69,49 +71,6 @@ bool spawnDetached(const std::vector<std::string>& argv) {
 bool isExecutableFile(const std::string& p) {
   struct stat st {};
   return ::stat(p.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(p.c_str(), X_OK) == 0;
-}
-
-// The Exec line of a desktop entry split into words, with field codes for
-// files replaced by `file` and the others dropped.
-std::vector<std::string> execArguments(const std::string& exec, const std::string& file) {
-  std::vector<std::string> words;
-  std::string cur;
-  bool inWord = false, quoted = false, fileGiven = false;
-  for (std::size_t i = 0; i < exec.size(); ++i) {
-    char c = exec[i];
-    if (quoted) {
-      if (c == '\\' && i + 1 < exec.size()) {
-        cur.push_back(exec[++i]);
-      } else if (c == '"') {
-        quoted = false;
-      } else {
-        cur.push_back(c);
-      }
-      continue;
-    }
-    if (c == '"') {
-      quoted = inWord = true;
-    } else if (c == ' ' || c == '\t') {
-      if (inWord) words.push_back(std::move(cur));
-      cur.clear();
-      inWord = false;
-    } else if (c == '%' && i + 1 < exec.size()) {
-      char code = exec[++i];
-      inWord = true;
-      if (code == '%') {
-        cur.push_back('%');
-      } else if (code == 'f' || code == 'F' || code == 'u' || code == 'U') {
-        cur += file;
-        fileGiven = true;
-      }
-    } else {
-      cur.push_back(c);
-      inWord = true;
-    }
-  }
-  if (inWord && !cur.empty()) words.push_back(std::move(cur));
-  if (!fileGiven) words.push_back(file);
-  return words;
 }
 
 // The absolute folders of a colon-separated list such as PATH.
@@ -173,11 +132,7 @@ bool LinuxPlatform::isApplicationRunning(std::string_view bundleIdentifier) {
     ssize_t n = readlink((dir + "/exe").c_str(), buf, sizeof buf - 1);
     std::string name;
     if (n > 0) {
-      buf[n] = '\0';
-      std::string exe(buf);
-      if (exe.size() > 10 && exe.compare(exe.size() - 10, 10, " (deleted)") == 0)
-        exe.resize(exe.size() - 10);
-      name = path::lastComponent(exe);
+      name = executableNameOfLink(std::string_view(buf, static_cast<std::size_t>(n)));
     } else {
       name = readSmallFile(dir + "/comm");  // kernel threads and unreadable links
     }
@@ -215,18 +170,15 @@ bool LinuxPlatform::openFileWithBundleIdentifier(const std::string& file,
   for (const auto& dir : dataDirs) {
     std::ifstream in(path::append(path::append(dir, "applications"), entryName));
     if (!in) continue;
-    bool inMain = false;
-    for (std::string line; std::getline(in, line);) {
-      if (!line.empty() && line[0] == '[') inMain = line == "[Desktop Entry]";
-      if (!inMain || !startsWith(line, "Exec=")) continue;
-      auto words = execArguments(line.substr(5), file);
-      if (words.empty()) return false;
-      auto program = resolveProgram(words[0]);
-      if (!program) return false;
-      words[0] = *program;
-      return spawnDetached(words);
-    }
-    return false;  // the first entry found decides, as the lookup order says
+    // The first entry found decides, as the lookup order says.
+    const std::optional<std::string> exec = desktopEntryExec(in);
+    if (!exec) return false;
+    auto words = execArguments(*exec, file);
+    if (words.empty()) return false;
+    auto program = resolveProgram(words[0]);
+    if (!program) return false;
+    words[0] = *program;
+    return spawnDetached(words);
   }
   return false;
 }
