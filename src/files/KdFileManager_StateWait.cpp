@@ -46,7 +46,7 @@ bool KdFileManager::touchFile(const std::optional<std::string>& path, bool setCr
     // With administrator rights, waiting for the tool (root runs it itself).
     // The path comes after "--" so that a name starting with "-" is no option.
     result = KdAuthorization::sharedController().authExecTask(kTouch, {"-c", "--", *path},
-                                                               /*async=*/false) == 0;
+                                                              /*async=*/false) == 0;
   }
   kd::platform().desktop().noteFileSystemChanged(*path);
   return result;

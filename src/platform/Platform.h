@@ -19,9 +19,9 @@
 #include <vector>
 
 #include "common/FileOwner.h"
-#include "platform/Privilege.h"
 #include "platform/Desktop.h"
 #include "platform/FileMetadata.h"
+#include "platform/Privilege.h"
 #include "platform/Volumes.h"
 
 namespace kd {

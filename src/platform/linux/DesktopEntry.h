@@ -21,8 +21,9 @@ std::string programDesktopEntry(const std::string& program);
 
 // An Exec value split into words, with the field codes for files (%f %F %u
 // %U) replaced by `file` and the others dropped; `file` is added as the last
-// word when no code asked for it. No words when the value names no program. Inside quotes a backslash escapes the next
-// character and "%%" is one percent sign, as programDesktopEntry writes them.
+// word when no code asked for it. No words when the value names no program. Inside quotes a
+// backslash escapes the next character and "%%" is one percent sign, as programDesktopEntry writes
+// them.
 std::vector<std::string> execArguments(const std::string& exec, const std::string& file);
 
 }  // namespace kd
