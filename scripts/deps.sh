@@ -4,13 +4,13 @@
 # checks of the installed files; file and dpkg-dev: the .deb and its
 # dependencies (CPack with dpkg-shlibdeps); dbus-daemon, python3-dbus and
 # python3-gi: the mount agent's scope test (a private user bus). libglib2.0-bin
-# (gio), gvfs (its trash back end) and unzip: the trash and archive tests read
+# (gio), gvfs (its trash back end), unzip and xxhash (xxhsum): the trash and archive tests read
 # what the library writes with the desktop's own tools (not linked).
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
           libplist-dev libssl-dev libarchive-dev libmount-dev libblkid-dev libcli11-dev libsystemd-dev
-          libpam0g-dev libgtest-dev libgmock-dev libbenchmark-dev
-          util-linux passwd sudo procps libxml2-utils exfatprogs exfat-fuse python3
+          libpam0g-dev libxxhash-dev libgtest-dev libgmock-dev libbenchmark-dev
+          util-linux passwd sudo procps libxml2-utils exfatprogs exfat-fuse xxhash python3
           systemd desktop-file-utils man-db file dpkg-dev
           dbus-daemon python3-dbus python3-gi libglib2.0-bin gvfs unzip)
 missing=()

@@ -91,3 +91,13 @@ std::optional<KdDigestContext::Digest> KdDigestContext::digest() const {
   out.length = length;
   return out;
 }
+
+std::string kdDigestText(const unsigned char* bytes, std::size_t length) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string text(2 * length, '\0');
+  for (std::size_t i = 0; i < length; ++i) {
+    text[2 * i] = kHex[bytes[i] >> 4];
+    text[2 * i + 1] = kHex[bytes[i] & 0x0f];
+  }
+  return text;
+}

@@ -12,10 +12,14 @@
 #include <array>
 #include <cstddef>
 #include <optional>
+#include <string>
 
 struct evp_md_ctx_st;
 
 enum class KdDigestKind { MD5, SHA1, SHA256, SHA512 };
+
+// Digest bytes as text: lowercase hexadecimal, two digits a byte.
+std::string kdDigestText(const unsigned char* bytes, std::size_t length);
 
 class KdDigestContext {
  public:

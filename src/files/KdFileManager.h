@@ -228,6 +228,11 @@ class KdFileManager {
   // The digests of verification types 1 to 4 (MD5, SHA-1, SHA-256, SHA-512),
   // type 0 (none); absent for any other type.
   static std::optional<CopyDigest> copyDigestForVerificationType(int verificationType);
+  // A digest kind by name: "none", "md5", "sha1", "sha256", "sha512", and the
+  // xxHash kinds "xxh64", "xxh3" (XXH3, 64 bits) and "xxh128", whose text is
+  // the canonical big-endian value in lowercase hexadecimal (16, 16 and 32
+  // digits). Absent for any other name.
+  static std::optional<CopyDigest> copyDigestNamed(std::string_view name);
 
   // What became of one destination.
   struct CopyOutcome {
@@ -240,6 +245,8 @@ class KdFileManager {
     bool verified = false;
     // Why it failed, in words; empty when it did not.
     std::string failure;
+    // The system's error number of a failed write or flush; 0 otherwise.
+    int error = 0;
   };
   // The whole copy: `completed` is the result of the boolean operations.
   struct CopyResult {

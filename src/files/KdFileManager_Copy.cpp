@@ -553,6 +553,7 @@ KdFileManager::CopyResult copy(const std::string& source,
     KdFileManager::CopyOutcome& outcome = result.destinations.emplace_back();
     outcome.path = d.path;
     outcome.written = d.writeError == 0 && d.flushError == 0;
+    outcome.error = d.writeError != 0 ? d.writeError : d.flushError;
     if (d.writeError != 0) {
       outcome.failure = "a write failed: " + errorText(d.writeError);
     } else if (d.flushError != 0) {

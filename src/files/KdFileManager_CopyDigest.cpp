@@ -1,5 +1,9 @@
 // The digest kinds of the verified copy: verification types 0 to 4 over the
-// library's digest contexts and their digest-to-text operations.
+// library's digest contexts and their digest-to-text operations, and the
+// xxHash kinds over libxxhash.
+#include <xxhash.h>
+
+#include <array>
 #include <memory>
 
 #include "files/KdFileManager.h"
@@ -23,7 +27,77 @@ KdFileManager::CopyDigest kind(const char* name) {
   return {name, [] { return std::make_unique<ContextDigester<Context, Text>>(); }};
 }
 
+// XXH64 with seed 0, told as its canonical (big-endian) bytes.
+class Xxh64Digester final : public KdFileManager::CopyDigester {
+ public:
+  Xxh64Digester() : state_(XXH64_createState(), &XXH64_freeState) {
+    if (state_) XXH64_reset(state_.get(), 0);
+  }
+  void update(const void* data, std::size_t length) override {
+    if (state_) XXH64_update(state_.get(), data, length);
+  }
+  std::optional<std::string> text() const override {
+    if (!state_) return std::nullopt;
+    XXH64_canonical_t canonical;
+    XXH64_canonicalFromHash(&canonical, XXH64_digest(state_.get()));
+    return kdDigestText(canonical.digest, sizeof canonical.digest);
+  }
+
+ private:
+  std::unique_ptr<XXH64_state_t, XXH_errorcode (*)(XXH64_state_t*)> state_;
+};
+
+// XXH3 with seed 0, 64 or 128 bits, told as its canonical bytes.
+template <bool Wide>
+class Xxh3Digester final : public KdFileManager::CopyDigester {
+ public:
+  Xxh3Digester() : state_(XXH3_createState(), &XXH3_freeState) {
+    if (!state_) return;
+    if (Wide)
+      XXH3_128bits_reset(state_.get());
+    else
+      XXH3_64bits_reset(state_.get());
+  }
+  void update(const void* data, std::size_t length) override {
+    if (!state_) return;
+    if (Wide)
+      XXH3_128bits_update(state_.get(), data, length);
+    else
+      XXH3_64bits_update(state_.get(), data, length);
+  }
+  std::optional<std::string> text() const override {
+    if (!state_) return std::nullopt;
+    if (Wide) {
+      XXH128_canonical_t canonical;
+      XXH128_canonicalFromHash(&canonical, XXH3_128bits_digest(state_.get()));
+      return kdDigestText(canonical.digest, sizeof canonical.digest);
+    }
+    XXH64_canonical_t canonical;
+    XXH64_canonicalFromHash(&canonical, XXH3_64bits_digest(state_.get()));
+    return kdDigestText(canonical.digest, sizeof canonical.digest);
+  }
+
+ private:
+  std::unique_ptr<XXH3_state_t, XXH_errorcode (*)(XXH3_state_t*)> state_;
+};
+
+template <class Digester>
+KdFileManager::CopyDigest xxhKind(const char* name) {
+  return {name, [] { return std::make_unique<Digester>(); }};
+}
+
 }  // namespace
+
+std::optional<KdFileManager::CopyDigest> KdFileManager::copyDigestNamed(std::string_view name) {
+  static constexpr std::array<std::string_view, 5> kTypes = {"none", "md5", "sha1", "sha256",
+                                                             "sha512"};
+  for (std::size_t type = 0; type < kTypes.size(); ++type)
+    if (name == kTypes[type]) return copyDigestForVerificationType(static_cast<int>(type));
+  if (name == "xxh64") return xxhKind<Xxh64Digester>("xxh64");
+  if (name == "xxh3") return xxhKind<Xxh3Digester<false>>("xxh3");
+  if (name == "xxh128") return xxhKind<Xxh3Digester<true>>("xxh128");
+  return std::nullopt;
+}
 
 std::optional<KdFileManager::CopyDigest> KdFileManager::copyDigestForVerificationType(
     int verificationType) {

@@ -26,13 +26,7 @@ constexpr std::uint64_t kQuestionInterval = 52428800;
 std::optional<std::string> hexText(const KdDigestContext& context) {
   const std::optional<KdDigestContext::Digest> digest = context.digest();
   if (!digest) return std::nullopt;
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string text(2 * digest->length, '\0');
-  for (std::size_t i = 0; i < digest->length; ++i) {
-    text[2 * i] = kHex[digest->bytes[i] >> 4];
-    text[2 * i + 1] = kHex[digest->bytes[i] & 0x0f];
-  }
-  return text;
+  return kdDigestText(digest->bytes.data(), digest->length);
 }
 
 // Asks the delegate on the work queue, without waiting, and sets the cell on

@@ -138,6 +138,32 @@ TEST_F(Copy, DigestsEqualTheCoreutilsToolsForEveryType) {
   EXPECT_EQ(console(), Strings{});
 }
 
+// The xxHash kinds against xxhsum, which prints the same canonical form, on
+// an empty file, a short one and one across several ring slots.
+TEST_F(Copy, XxhashKindsEqualXxhsum) {
+  if (::system("command -v xxhsum >/dev/null 2>&1") != 0) GTEST_SKIP() << "xxhsum is not installed";
+  const struct {
+    const char* name;
+    const char* tool;
+  } kinds[] = {{"xxh64", "xxhsum -H1"}, {"xxh128", "xxhsum -H2"}, {"xxh3", "xxhsum -H3"}};
+  const std::size_t sizes[] = {0, 5, 9 * kMiB + 3};
+  for (const std::size_t size : sizes) {
+    const std::string source = dir_.touch("src" + std::to_string(size), pattern(size, 3));
+    for (const auto& kind : kinds) {
+      SCOPED_TRACE(std::string(kind.name) + " " + std::to_string(size));
+      const std::string dest = dir_ / ("x/" + std::string(kind.name) + std::to_string(size));
+      const KdFileManager::CopyResult r = KdFileManager::copyFileWithOutcome(
+          source, {dest}, *KdFileManager::copyDigestNamed(kind.name));
+      ASSERT_TRUE(r.allGood());
+      // xxhsum tells XXH3 as "XXH3 (path) = digest": keep the digest, then a space.
+      const std::string expected =
+          run(std::string(kind.tool) + " " + source + " | sed 's/.*= //; s/$/ -/'");
+      EXPECT_EQ(r.sourceDigest, expected);
+    }
+  }
+  EXPECT_FALSE(KdFileManager::copyDigestNamed("crc32"));
+}
+
 TEST_F(Copy, ProgressStepsFollowTheChunks) {
   struct Case {
     std::uint64_t size;

@@ -18,8 +18,6 @@
 
 namespace {
 
-constexpr const char* kVerifyNames[] = {"none", "md5", "sha1", "sha256", "sha512"};
-
 // The progress bar on standard error, fed from the copy's delegate on worker
 // threads; a report that comes after end() is dropped. Shared by shared
 // pointer between the command and the delegate's tasks; thread-safe.
@@ -69,7 +67,8 @@ void setupCopy(CLI::App& app) {
   static std::string verify = "sha256", source;
   static std::vector<std::string> destinations;
   cmd->add_option("--verify", verify, "Digest for the read-back check (default sha256)")
-      ->check(CLI::IsMember({"none", "md5", "sha1", "sha256", "sha512"}));
+      ->check(
+          CLI::IsMember({"none", "md5", "sha1", "sha256", "sha512", "xxh64", "xxh3", "xxh128"}));
   cmd->add_option("SOURCE", source, "File to copy")->required();
   cmd->add_option("DEST", destinations, "Destination file paths")->required();
   cmd->footer(
@@ -84,10 +83,7 @@ void setupCopy(CLI::App& app) {
       "Example: kd copy A001.mov /backup1/A001.mov /backup2/A001.mov");
   cmd->callback([] {
     kd::tool::openCommandLog();
-    int type = 0;
-    for (int i = 0; i < 5; ++i)
-      if (verify == kVerifyNames[i]) type = i;
-    const auto digest = KdFileManager::copyDigestForVerificationType(type);
+    const auto digest = KdFileManager::copyDigestNamed(verify);
     std::shared_ptr<ProgressBar> bar;
     std::shared_ptr<KdFileCopyDelegate> delegate;
     if (::isatty(STDERR_FILENO) == 1) {
