@@ -181,6 +181,13 @@ class ThrowawayAdmin {
     return pid;
   }
 
+  // startProgram, then finish: the exit status, and all the run wrote in `text`.
+  int run(std::vector<std::string> args, const std::string& input, std::string* text) {
+    UniqueFd output;
+    const pid_t pid = startProgram(std::move(args), input, &output);
+    return pid > 0 ? finish(pid, output, text) : -1;
+  }
+
   // Waits for a started run; its exit status (-1 when it did not exit).
   static int finish(pid_t pid, UniqueFd& output, std::string* text) {
     char buf[4096];
