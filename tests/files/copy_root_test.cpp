@@ -2,10 +2,8 @@
 // own, mounted for the test.
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,6 +14,7 @@
 #include "common/WorkQueue.h"
 #include "files/FilesFixture.h"
 #include "files/KdFileManager.h"
+#include "support/Process.h"
 #include "support/ScopedTmpfs.h"
 
 namespace {
@@ -68,15 +67,11 @@ TEST_F(CopyRoot, AFullDestinationFailsVerificationWhileTheOtherVerifies) {
 
   // The tool tells it by its exit status.
   ::unlink(bad.c_str());
-  const std::string command = std::string(KD_TOOL_PATH) + " copy " + source + " " + dir_.path() +
-                              "/other " + bad + " >/dev/null 2>&1";
-  const int status = std::system(command.c_str());
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 1);
-  const std::string none = std::string(KD_TOOL_PATH) + " copy --verify none " + source + " " +
-                           dir_.path() + "/third " + bad + " >/dev/null 2>&1";
-  const int noneStatus = std::system(none.c_str());
-  EXPECT_EQ(WEXITSTATUS(noneStatus), 1);
+  const kd::test::SpawnOptions quiet{.out = "/dev/null", .err = "/dev/null"};
+  EXPECT_EQ(kd::test::run({KD_TOOL_PATH, "copy", source, dir_ / "other", bad}, quiet), 1);
+  EXPECT_EQ(
+      kd::test::run({KD_TOOL_PATH, "copy", "--verify", "none", source, dir_ / "third", bad}, quiet),
+      1);
 }
 
 }  // namespace

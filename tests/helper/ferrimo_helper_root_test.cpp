@@ -29,15 +29,6 @@ using kd::test::TempDir;
 
 namespace {
 
-void setModificationAge(const std::string& path, double secondsAgo) {
-  auto now = std::chrono::system_clock::now().time_since_epoch();
-  double t = std::chrono::duration<double>(now).count() - secondsAgo;
-  timespec times[2];
-  times[0].tv_sec = times[1].tv_sec = static_cast<time_t>(t);
-  times[0].tv_nsec = times[1].tv_nsec = static_cast<long>((t - static_cast<time_t>(t)) * 1e9);
-  utimensat(AT_FDCWD, path.c_str(), times, 0);
-}
-
 // A run as root with the given user at the console ("--kd-child root-run USER
 // ARGS..."): the helper then writes into that user's home.
 class ConsoleUserPlatform : public kd::ForwardingPlatform {
@@ -130,7 +121,9 @@ class FerrimoHelperRoot : public ::testing::Test {
       fs::create_directories(fs::path(card + "/" + f).parent_path());
       std::ofstream(card + "/" + f) << "x";
     }
-    setModificationAge(card, ageSeconds);
+    fs::last_write_time(card, fs::file_time_type::clock::now() -
+                                  std::chrono::duration_cast<fs::file_time_type::duration>(
+                                      std::chrono::duration<double>(ageSeconds)));
     return card;
   }
 
