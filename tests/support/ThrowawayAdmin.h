@@ -79,12 +79,8 @@ class ThrowawayAdmin {
     std::filesystem::create_directories(home_);
     if (::chown(home_.c_str(), uid_, gid_) != 0 || ::chmod(home_.c_str(), 0700) != 0) return;
     const std::string self = selfExecutable();
-    for (const std::string& program :
-         {self, path::append(path::deletingLastComponent(self), "kd-privileged")}) {
-      const std::string copy = path::append(bin_, path::lastComponent(program));
-      std::filesystem::copy_file(program, copy);
-      ::chmod(copy.c_str(), 0755);
-    }
+    install(self);
+    install(path::append(path::deletingLastComponent(self), "kd-privileged"));
     ready_ = setRule(false);
   }
 
