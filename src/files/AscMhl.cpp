@@ -643,8 +643,11 @@ class ManifestReader {
   }
 
   bool processInfo() {
-    return children([&](std::string_view name) {
+    bool process = false;
+    const bool ok = children([&](std::string_view name) {
       if (name == "process") {
+        if (process) return fail("a second <process>");
+        process = true;
         if (!x_.readText(out_.process)) return false;
         out_.process = std::string(trimmed(out_.process));
         if (out_.process != "in-place" && out_.process != "transfer" && out_.process != "flatten")
@@ -662,6 +665,7 @@ class ManifestReader {
       }
       return x_.skipElement();
     });
+    return ok && (process || fail("no <process> in <processinfo>"));
   }
 
   bool hashes() {

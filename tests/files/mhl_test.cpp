@@ -462,6 +462,11 @@ TEST(AscMhl, ManifestReaderTable) {
        "<hashlist version=\"2.0\" xmlns=\"urn:ASC:MHL:v2.0\"><processinfo><process>transfer"
        "</process></processinfo></hashlist>",
        "no <creatorinfo>"},
+      // Found by the fuzz target: the writer refused what the reader had read.
+      {"no process",
+       "<hashlist version=\"2.0\" xmlns=\"urn:ASC:MHL:v2.0\"><creatorinfo><creationdate>"
+       "2020-01-17T14:30:00Z</creationdate></creatorinfo><processinfo>x</processinfo></hashlist>",
+       "no <process>"},
       {"a document type", "<!DOCTYPE hashlist [<!ENTITY x \"y\">]>" + withHash(path + xxh),
        "document type"},
       {"an entity", withHash("<path size=\"5\">&x;</path>"), "unknown entity"},
