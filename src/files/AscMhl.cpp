@@ -27,12 +27,13 @@ constexpr std::string_view kChainNs = "urn:ASC:MHL:DIRECTORY:v2.0";
 
 // Bounds on what is read: a manifest of a million files is about 300 MB.
 constexpr std::size_t kMaxManifestBytes = std::size_t{512} << 20;
-constexpr std::size_t kMaxChainBytes = std::size_t{16} << 20;
+constexpr std::size_t kMaxChainBytes = std::size_t{32} << 20;
 constexpr std::size_t kMaxGenerations = 100000;
 constexpr std::size_t kMaxDepth = 64;
 constexpr std::size_t kMaxAttributes = 64;
 constexpr std::size_t kMaxText = std::size_t{64} << 10;  // one path, name or digest
 constexpr std::size_t kMaxFileName = 255;
+constexpr std::size_t kMaxPath = 16384;
 
 // The formats in the order a <hash> element holds them.
 constexpr std::array<std::string_view, 6> kFormats = {"c4",     "md5",  "sha1",
@@ -95,7 +96,7 @@ std::optional<std::string> normalDigest(std::string_view format, std::string_vie
 // A path relative to the tracked folder: no leading '/', no empty, "." or ".."
 // part.
 bool isRelativePath(std::string_view path) {
-  if (path.empty() || path.size() > 4 * kMaxFileName * 16) return false;
+  if (path.empty() || path.size() > kMaxPath) return false;
   std::size_t start = 0;
   for (;;) {
     const std::size_t slash = path.find('/', start);
@@ -196,7 +197,9 @@ std::string fileNameDate(std::chrono::system_clock::time_point t) {
 
 // ---- Reading: a small pull reader ------------------------------------------
 
-// Reads a document one start or end tag at a time. The open elements and their
+// Reads a document one start or end tag at a time. (The property-list reader
+// knows only its own fixed elements and skips attributes; hash lists need
+// attributes and namespaces, hence a reader of their own.) The open elements and their
 // namespace declarations are kept on stacks of its own, bounded by kMaxDepth;
 // every scan moves forward, so the work is linear in the input. A document
 // type is refused (no entity is ever defined), as are characters XML 1.0
