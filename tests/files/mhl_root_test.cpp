@@ -1,0 +1,110 @@
+// The ASC MHL history on an exFAT destination (a loop image mounted through
+// exfat-fuse), where a manifest can be neither renamed without replacing nor
+// linked into place: it is created there exclusively, and a taken name is
+// still never overwritten.
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "files/AscMhl.h"
+#include "support/TempDir.h"
+#include "tasks/KdTaskEx.h"
+
+namespace {
+
+using kd::MhlHash;
+using kd::MhlHistory;
+using kd::test::readFile;
+using kd::test::TempDir;
+using Clock = std::chrono::system_clock;
+
+int run(const std::string& program, const std::vector<std::string>& args) {
+  return KdTaskEx::terminationCodeFromTask(program, args);
+}
+
+// A 16 MiB exFAT image of our own mounted at <tmp>/card; undone when the
+// owner goes away.
+class ExfatMount {
+ public:
+  ExfatMount() {
+    point_ = tmp_.mkdir("card");
+    const std::string image = tmp_ / "card.img";
+    std::ofstream(image, std::ios::binary).close();
+    std::filesystem::resize_file(image, 16u << 20);
+    if (::access("/usr/sbin/mkfs.exfat", X_OK) != 0 ||
+        ::access("/usr/sbin/mount.exfat-fuse", X_OK) != 0) {
+      error_ = "exfatprogs or exfat-fuse is missing";
+      return;
+    }
+    if (run("/usr/sbin/mkfs.exfat", {image}) != 0) {
+      error_ = "mkfs.exfat failed";
+      return;
+    }
+    loop_ = KdTaskEx::stringFromTask("/usr/sbin/losetup", {"-f", "--show", image}, 10.0);
+    while (!loop_.empty() && loop_.back() == '\n') loop_.pop_back();
+    if (loop_.rfind("/dev/loop", 0) != 0) {
+      error_ = "no loop device";
+      loop_.clear();
+      return;
+    }
+    if (run("/usr/sbin/mount.exfat-fuse", {loop_, point_}) != 0) {
+      error_ = "mounting " + loop_ + " with exfat-fuse failed";
+      return;
+    }
+    mounted_ = true;
+  }
+  ~ExfatMount() {
+    if (mounted_ && ::umount(point_.c_str()) != 0) ::umount2(point_.c_str(), MNT_DETACH);
+    if (!loop_.empty()) run("/usr/sbin/losetup", {"-d", loop_});
+  }
+  bool ok() const { return mounted_; }
+  const std::string& error() const { return error_; }
+  const std::string& point() const { return point_; }
+
+ private:
+  TempDir tmp_;
+  std::string point_, loop_, error_;
+  bool mounted_ = false;
+};
+
+Clock::time_point at(long long s) {
+  return Clock::time_point(std::chrono::seconds(s));
+}
+
+TEST(AscMhlRoot, GenerationsOnExfatAndATakenNameIsKept) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root for the loop device and mount";
+  ExfatMount card;
+  if (!card.ok()) GTEST_SKIP() << card.error();
+  const std::string tracked = card.point() + "/CARD";
+  std::filesystem::create_directory(tracked);
+  const MhlHash hash{"Clips/A.mov",      5,          at(1700000000), "xxh64",
+                     "0ea03b369a463d9d", "original", at(1700000100)};
+  std::string error;
+  for (long long day = 0; day < 2; ++day) {
+    MhlHistory history;
+    ASSERT_TRUE(MhlHistory::load(tracked, history, error)) << error;
+    ASSERT_TRUE(history.addGeneration({at(1700000200 + day * 86400), "h", "kd", "1"}, "CARD", {},
+                                      {hash}, error))
+        << error;
+  }
+  MhlHistory history;
+  ASSERT_TRUE(MhlHistory::load(tracked, history, error)) << error;
+  EXPECT_EQ(history.generations(), 2);
+  const std::string folder = tracked + "/ascmhl";
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 3)
+      << "no temporary file left";
+
+  const std::string taken = folder + "/0003_CARD_2023-11-17_221640Z.mhl";
+  std::ofstream(taken) << "someone else's";
+  const std::string chain = readFile(folder + "/ascmhl_chain.xml");
+  EXPECT_FALSE(history.addGeneration({at(1700259400), "h", "kd", "1"}, "CARD", {}, {hash}, error));
+  EXPECT_EQ(readFile(taken), "someone else's");
+  EXPECT_EQ(readFile(folder + "/ascmhl_chain.xml"), chain);
+}
+
+}  // namespace
