@@ -12,8 +12,8 @@
 #include <gtest/gtest.h>
 
 #include "files/AscMhl.h"
+#include "ScopedMount.h"
 #include "support/TempDir.h"
-#include "tasks/KdTaskEx.h"
 
 namespace {
 
@@ -23,62 +23,14 @@ using kd::test::readFile;
 using kd::test::TempDir;
 using Clock = std::chrono::system_clock;
 
-int run(const std::string& program, const std::vector<std::string>& args) {
-  return KdTaskEx::terminationCodeFromTask(program, args);
-}
-
-// A 16 MiB exFAT image of our own mounted at <tmp>/card; undone when the
-// owner goes away.
-class ExfatMount {
- public:
-  ExfatMount() {
-    point_ = tmp_.mkdir("card");
-    const std::string image = tmp_ / "card.img";
-    std::ofstream(image, std::ios::binary).close();
-    std::filesystem::resize_file(image, 16u << 20);
-    if (::access("/usr/sbin/mkfs.exfat", X_OK) != 0 ||
-        ::access("/usr/sbin/mount.exfat-fuse", X_OK) != 0) {
-      error_ = "exfatprogs or exfat-fuse is missing";
-      return;
-    }
-    if (run("/usr/sbin/mkfs.exfat", {image}) != 0) {
-      error_ = "mkfs.exfat failed";
-      return;
-    }
-    loop_ = KdTaskEx::stringFromTask("/usr/sbin/losetup", {"-f", "--show", image}, 10.0);
-    while (!loop_.empty() && loop_.back() == '\n') loop_.pop_back();
-    if (loop_.rfind("/dev/loop", 0) != 0) {
-      error_ = "no loop device";
-      loop_.clear();
-      return;
-    }
-    if (run("/usr/sbin/mount.exfat-fuse", {loop_, point_}) != 0) {
-      error_ = "mounting " + loop_ + " with exfat-fuse failed";
-      return;
-    }
-    mounted_ = true;
-  }
-  ~ExfatMount() {
-    if (mounted_ && ::umount(point_.c_str()) != 0) ::umount2(point_.c_str(), MNT_DETACH);
-    if (!loop_.empty()) run("/usr/sbin/losetup", {"-d", loop_});
-  }
-  bool ok() const { return mounted_; }
-  const std::string& error() const { return error_; }
-  const std::string& point() const { return point_; }
-
- private:
-  TempDir tmp_;
-  std::string point_, loop_, error_;
-  bool mounted_ = false;
-};
-
 Clock::time_point at(long long s) {
   return Clock::time_point(std::chrono::seconds(s));
 }
 
 TEST(AscMhlRoot, GenerationsOnExfatAndATakenNameIsKept) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root for the loop device and mount";
-  ExfatMount card;
+  kd::test::ScopedMount card("card" + std::to_string(::getpid()),
+                            {"/usr/sbin/mkfs.exfat", "-L", "CARD"}, "/usr/sbin/mount.exfat-fuse");
   if (!card.ok()) GTEST_SKIP() << card.error();
   const std::string tracked = card.point() + "/CARD";
   std::filesystem::create_directory(tracked);
