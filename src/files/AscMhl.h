@@ -103,7 +103,8 @@ class MhlHistory {
   // The chain as loaded and extended: the manifests' names and C4 IDs.
   const std::vector<MhlChainEntry>& chain() const { return chain_; }
   // The latest recorded hash of `path` in `format` (from the newest generation
-  // that lists it), if any.
+  // that lists it), if any. Its action may be "failed": check it before
+  // trusting the digest.
   std::optional<MhlHash> latest(std::string_view path, std::string_view format) const;
 
   // Writes the next generation's manifest "NNNN_<name>_<YYYY-MM-DD_HHMMSSZ>.mhl"
