@@ -377,6 +377,7 @@ class Run {
     std::string error;
     std::optional<MhlHash> recorded;
     if (t.historyUsable) recorded = t.history.latest(file.path, options_.hash);
+    if (recorded && recorded->action == "failed") recorded.reset();  // a digest not to trust
     if (recorded && recorded->size == file.size && !options_.reverify)
       found = recorded->digest;
     else
