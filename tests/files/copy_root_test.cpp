@@ -5,7 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "common/WorkQueue.h"
+#include "files/DuringCopy.h"
 #include "files/FilesFixture.h"
 #include "files/KdFileManager.h"
 
@@ -24,8 +27,8 @@ using Strings = std::vector<std::string>;
 // A tmpfs of `size` mounted below `folder`, unmounted when it goes.
 class SmallTmpfs {
  public:
-  SmallTmpfs(const std::string& folder, const char* size)
-      : path_(folder + "/full-" + std::to_string(::getpid())) {
+  SmallTmpfs(const std::string& folder, const char* size, const char* name = "full")
+      : path_(folder + "/" + name + "-" + std::to_string(::getpid())) {
     ::mkdir(path_.c_str(), 0755);
     mounted_ =
         ::mount("tmpfs", path_.c_str(), "tmpfs", 0, (std::string("size=") + size).c_str()) == 0;
@@ -34,11 +37,13 @@ class SmallTmpfs {
     if (mounted_) ::umount2(path_.c_str(), MNT_DETACH);
   }
   bool mounted() const { return mounted_; }
+  // Unmounts lazily: what is open on it stays readable. Any thread.
+  bool detach() { return mounted_.exchange(false) && ::umount2(path_.c_str(), MNT_DETACH) == 0; }
   const std::string& path() const { return path_; }
 
  private:
   std::string path_;
-  bool mounted_ = false;
+  std::atomic<bool> mounted_{false};
 };
 
 class CopyRoot : public kd::test::FilesTest {};
@@ -96,6 +101,31 @@ TEST_F(CopyRoot, AFullDestinationFailsVerificationWhileTheOtherVerifies) {
                            dir_.path() + "/third " + bad + " >/dev/null 2>&1";
   const int noneStatus = std::system(none.c_str());
   EXPECT_EQ(WEXITSTATUS(noneStatus), 1);
+}
+
+TEST_F(CopyRoot, ASourceOnAVolumeUnmountedMidCopyIsCopiedWhole) {
+  if (::geteuid() != 0) GTEST_SKIP() << "mounting a tmpfs needs root";
+  SmallTmpfs card(dir_.path(), "48m", "card");
+  if (!card.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
+  std::string contents(40 << 20, '\0');
+  for (std::size_t i = 0; i < contents.size(); i += 4096) contents[i] = static_cast<char>(i >> 12);
+  const std::string source = card.path() + "/A001.mov";
+  { std::ofstream(source, std::ios::binary) << contents; }
+  const std::string a = dir_ / "one/A001.mov", b = dir_ / "two/A001.mov";
+  bool detached = false;
+  kd::test::DuringCopy during(a, 4 << 20, [&] { detached = card.detach(); });
+  const KdFileManager::CopyResult r = KdFileManager::copyFileWithOutcome(
+      source, {a, b}, *KdFileManager::copyDigestForVerificationType(3));
+  const long long at = during.end();
+  if (at < 0 || at + (8 << 20) > static_cast<long long>(contents.size()))
+    GTEST_SKIP() << "the copy ended before the unmount";
+  // The volume went from the mount table while the open source still read.
+  ASSERT_TRUE(detached);
+  EXPECT_EQ(kd::test::readFile("/proc/self/mounts").find(card.path()), std::string::npos);
+  EXPECT_TRUE(r.allGood());
+  EXPECT_EQ(kd::test::readFile(a), contents);
+  EXPECT_EQ(kd::test::readFile(b), contents);
+  EXPECT_EQ(platform_.systemLogMessages(), Strings{});
 }
 
 }  // namespace
