@@ -129,9 +129,10 @@ struct Destination {
   kd::UniqueFd fd;
   std::unique_ptr<KdFileManager::CopyDigester> digest;
   std::unique_ptr<unsigned char[]> readBack;
-  int writeError = 0;  // errno of the first failed write
-  int flushError = 0;  // errno of a failed flush or close
-  bool gone = false;   // its name no longer leads to the file written
+  int writeError = 0;     // errno of the first failed write
+  int flushError = 0;     // errno of a failed flush or close
+  bool gone = false;      // its name no longer leads to the file written
+  int readBackError = 0;  // errno of the first failed read-back
 };
 
 // What one destination did with one slot, read when the slot is accounted.
@@ -328,6 +329,7 @@ class Pipeline {
     // than was written, so that a hole or a short file never verifies.
     const std::size_t got =
         readFully(d.fd.get(), d.readBack.get(), slot.length, at, true, record.readBackError);
+    if (d.readBackError == 0) d.readBackError = record.readBackError;
     if (!shortWrite) {
       d.digest->update(d.readBack.get(), got);
       return;
@@ -572,7 +574,7 @@ KdFileManager::CopyResult copy(const std::string& source,
       outcome.failure = "the file was removed or replaced while it was written";
       console("Error writing file %@: %i", d.path, d.flushError);
     } else if (d.flushError != 0) {
-      outcome.failure = "flushing to the device failed: " + errorText(d.flushError);
+      outcome.failure = "flushing to the device or closing failed: " + errorText(d.flushError);
       console("Error writing file %@: %i", d.path, d.flushError);
     }
     outcome.verified = outcome.written;
@@ -593,8 +595,11 @@ KdFileManager::CopyResult copy(const std::string& source,
       outcome.digest = open[i].digest->text();
       texts.push_back(outcome.digest.value_or(""));
       const bool matches = result.sourceDigest && outcome.digest == result.sourceDigest;
-      if (!matches && outcome.failure.empty())
-        outcome.failure = "what was read back differs from the source";
+      if (!matches && outcome.failure.empty()) {
+        outcome.failure = open[i].readBackError != 0
+                              ? "reading it back failed: " + errorText(open[i].readBackError)
+                              : "what was read back differs from the source";
+      }
       outcome.verified = outcome.written && matches;
       if (outcome.verified) continue;
       if (std::find(failed.begin(), failed.end(), outcome.path) == failed.end())
