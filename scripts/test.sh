@@ -6,8 +6,9 @@
 #   1. default:  the whole build and every test;
 #   2. fuzz:     each libFuzzer target for KD_FUZZ_SECONDS (30) from its seeds,
 #                when clang is installed;
-#   3. tsan:     the concurrent parts (log, runner, work queue, hashes and the
-#                other file tests) under the thread sanitizer;
+#   3. tsan:     the concurrent parts (log, runner, work queue, hashes, the
+#                verified copy and the offload with their fault and root
+#                tests, and the other file tests) under the thread sanitizer;
 #   4. sanitize: the whole suite under the address and undefined-behaviour
 #                sanitizers (the packaging tests stay in the default pass).
 # Each pass builds only the targets its tests need and ends with ctest's
@@ -23,7 +24,7 @@ for arg in "$@"; do
   case "$arg" in
     --all) all=true ;;
     -h | --help)
-      sed -n '2,14p' "$0" | sed 's/^# \{0,1\}//'
+      sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'
       exit 0
       ;;
     *) preset="$arg" ;;
@@ -62,8 +63,12 @@ run_tsan() {
   pass "tsan: the concurrent parts"
   cmake --preset tsan >/dev/null
   cmake --build --preset tsan -j "$jobs" --target kd_log_tests kd_tasks_tests kd_common_tests \
-    kd_files_tests
-  ctest --preset tsan -j "$jobs" --timeout 300 -E "$not_built|^install\.|^mount_agent\."
+    kd_files_tests kd_files_root_tests
+  # Of the root tests only the verified copy's and the offload's (full
+  # volumes, cards and destinations unmounted mid-run): the others mount and
+  # watch, with nothing concurrent.
+  ctest --preset tsan -j "$jobs" --timeout 300 -L root -R '^(CopyRoot|OffloadRoot)\.'
+  ctest --preset tsan -j "$jobs" --timeout 300 -LE root -E "$not_built|^install\.|^mount_agent\."
 }
 
 run_sanitize() {

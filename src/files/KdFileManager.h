@@ -237,7 +237,8 @@ class KdFileManager {
   // What became of one destination.
   struct CopyOutcome {
     std::string path;
-    // Every write, the flush to the device and the close succeeded.
+    // Every write, the flush to the device and the close succeeded, and the
+    // path still led to the file written when it was closed.
     bool written = false;
     // The digest of what was read back; absent without verification.
     std::optional<std::string> digest;

@@ -175,8 +175,10 @@ struct Destination {
   kd::UniqueFd fd;
   std::unique_ptr<KdFileManager::CopyDigester> digest;
   SlotBuffers::Buffer readBack;
-  int writeError = 0;  // errno of the first failed write
-  int flushError = 0;  // errno of a failed flush or close
+  int writeError = 0;     // errno of the first failed write
+  int flushError = 0;     // errno of a failed flush or close
+  bool gone = false;      // its name no longer leads to the file written
+  int readBackError = 0;  // errno of the first failed read-back
 };
 
 // What one destination did with one slot, read when the slot is accounted.
@@ -373,6 +375,7 @@ class Pipeline {
     // than was written, so that a hole or a short file never verifies.
     const std::size_t got =
         readFully(d.fd.get(), d.readBack.get(), slot.length, at, true, record.readBackError);
+    if (d.readBackError == 0) d.readBackError = record.readBackError;
     if (!shortWrite) {
       d.digest->update(d.readBack.get(), got);
       return;
@@ -385,11 +388,22 @@ class Pipeline {
   }
 
   // Flushes the destination to its device and closes it, unless the copy
-  // was stopped (then it is only closed).
+  // was stopped (then it is only closed). A destination whose name no longer
+  // leads to the file written (removed or replaced meanwhile) has failed: what
+  // was written is no longer where it was asked for.
   void finishDestination(std::size_t index) {
     Destination& d = destinations_[index];
     if (!d.fd) return;
-    if (!cancellation_->cancelled() && ::fdatasync(d.fd.get()) != 0) d.flushError = errno;
+    if (!cancellation_->cancelled()) {
+      if (::fdatasync(d.fd.get()) != 0) d.flushError = errno;
+      struct stat written {
+      }, named{};
+      if (::fstat(d.fd.get(), &written) == 0 &&
+          (::lstat(d.path.c_str(), &named) != 0 || !sameFile(written, named))) {
+        d.gone = true;
+        if (d.flushError == 0) d.flushError = ENOENT;
+      }
+    }
     if (::close(d.fd.release()) != 0 && d.flushError == 0) d.flushError = errno;
   }
 
@@ -602,8 +616,11 @@ KdFileManager::CopyResult copy(const std::string& source,
     outcome.error = d.writeError != 0 ? d.writeError : d.flushError;
     if (d.writeError != 0) {
       outcome.failure = "a write failed: " + errorText(d.writeError);
+    } else if (d.gone) {
+      outcome.failure = "the file was removed or replaced while it was written";
+      console("Error writing file %@: %i", d.path, d.flushError);
     } else if (d.flushError != 0) {
-      outcome.failure = "flushing to the device failed: " + errorText(d.flushError);
+      outcome.failure = "flushing to the device or closing failed: " + errorText(d.flushError);
       console("Error writing file %@: %i", d.path, d.flushError);
     }
     outcome.verified = outcome.written;
@@ -624,8 +641,11 @@ KdFileManager::CopyResult copy(const std::string& source,
       outcome.digest = open[i].digest->text();
       texts.push_back(outcome.digest.value_or(""));
       const bool matches = result.sourceDigest && outcome.digest == result.sourceDigest;
-      if (!matches && outcome.failure.empty())
-        outcome.failure = "what was read back differs from the source";
+      if (!matches && outcome.failure.empty()) {
+        outcome.failure = open[i].readBackError != 0
+                              ? "reading it back failed: " + errorText(open[i].readBackError)
+                              : "what was read back differs from the source";
+      }
       outcome.verified = outcome.written && matches;
       if (outcome.verified) continue;
       if (std::find(failed.begin(), failed.end(), outcome.path) == failed.end())
@@ -645,6 +665,8 @@ KdFileManager::CopyResult copy(const std::string& source,
   std::optional<std::string> metadataError;
   const struct timespec times[2] = {{0, UTIME_OMIT}, sourceStat.st_mtim};
   for (const Destination& d : open) {
+    // Whatever now has the name of a destination that went is not ours.
+    if (d.gone) continue;
     if (creationDate) {
       std::string why;
       if (!kd::platform().fileMetadata().setCreationDate(d.path, *creationDate, &why))

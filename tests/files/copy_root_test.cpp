@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -12,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "common/WorkQueue.h"
+#include "files/DuringCopy.h"
 #include "files/FilesFixture.h"
 #include "files/KdFileManager.h"
 #include "support/Process.h"
@@ -72,6 +76,32 @@ TEST_F(CopyRoot, AFullDestinationFailsVerificationWhileTheOtherVerifies) {
   EXPECT_EQ(
       kd::test::run({KD_TOOL_PATH, "copy", "--verify", "none", source, dir_ / "third", bad}, quiet),
       1);
+}
+
+TEST_F(CopyRoot, ASourceOnAVolumeUnmountedMidCopyIsCopiedWhole) {
+  if (::geteuid() != 0) GTEST_SKIP() << "mounting a tmpfs needs root";
+  const kd::test::ScopedTmpfs card(dir_.path() + "/card-" + std::to_string(::getpid()), "size=48m");
+  if (!card.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
+  std::string contents(40 << 20, '\0');
+  for (std::size_t i = 0; i < contents.size(); i += 4096) contents[i] = static_cast<char>(i >> 12);
+  const std::string source = card.path() + "/A001.mov";
+  { std::ofstream(source, std::ios::binary) << contents; }
+  const std::string a = dir_ / "one/A001.mov", b = dir_ / "two/A001.mov";
+  bool detached = false;
+  kd::test::DuringCopy during(a, 4 << 20,
+                              [&] { detached = ::umount2(card.path().c_str(), MNT_DETACH) == 0; });
+  const KdFileManager::CopyResult r = KdFileManager::copyFileWithOutcome(
+      source, {a, b}, *KdFileManager::copyDigestForVerificationType(3));
+  const long long at = during.end();
+  if (at < 0 || at + (8 << 20) > static_cast<long long>(contents.size()))
+    GTEST_SKIP() << "the copy ended before the unmount";
+  // The volume went from the mount table while the open source still read.
+  ASSERT_TRUE(detached);
+  EXPECT_EQ(kd::test::readFile("/proc/self/mounts").find(card.path()), std::string::npos);
+  EXPECT_TRUE(r.allGood());
+  EXPECT_EQ(kd::test::readFile(a), contents);
+  EXPECT_EQ(kd::test::readFile(b), contents);
+  EXPECT_EQ(platform_.systemLogMessages(), Strings{});
 }
 
 }  // namespace
