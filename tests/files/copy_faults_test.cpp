@@ -26,6 +26,7 @@
 
 #include "common/WorkQueue.h"
 #include "files/DuringCopy.h"
+#include "files/FaultShim.h"
 #include "files/FilesFixture.h"
 #include "files/KdFileManager.h"
 #include "log/KdLog.h"
@@ -146,30 +147,8 @@ Strings logLines(const std::string& text) {
   return lines;
 }
 
-// A fault for the preloaded library: `call` on `path` from `after` bytes on.
-struct Fault {
-  std::string call, kind, path;
-  std::size_t after = 0;
-};
-
-std::string faultEnvironment(const Fault& f) {
-  return "ASAN_OPTIONS=verify_asan_link_order=0 LD_PRELOAD='" KD_READ_FAULT_SHIM
-         "' KD_FAULT_CALL=" +
-         f.call + " KD_FAULT=" + f.kind + " KD_FAULT_PATH='" + f.path +
-         "' KD_FAULT_AFTER=" + std::to_string(f.after);
-}
-
-// Runs `program` with the fault in `tmp`, its home there too; the exit status
-// (-1 when killed or timed out), standard output and error.
-int runWithFault(const kd::test::TempDir& tmp, const Fault& fault, const std::string& program,
-                 std::string& out, std::string& err) {
-  const std::string command = "cd '" + tmp.path() + "' && HOME='" + tmp.path() + "/home' " +
-                              faultEnvironment(fault) + " timeout 60 " + program + " >out 2>err";
-  const int status = std::system(command.c_str());
-  out = readFile(tmp / "out");
-  err = readFile(tmp / "err");
-  return WIFEXITED(status) && WEXITSTATUS(status) != 124 ? WEXITSTATUS(status) : -1;
-}
+using kd::test::Fault;
+using kd::test::runWithFault;
 
 std::string words(const Strings& args) {
   std::string s;

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "FaultShim.h"
 #include "FilesFixture.h"
 #include "OffloadSupport.h"
 #include "files/AscMhl.h"
@@ -256,6 +257,60 @@ TEST_F(Offload, TheToolFindsAChangedByteByReadingAgain) {
 
   kd("offload --hash sha256 '" + card + "' '" + (dir_ / "d1") + "'", status);
   EXPECT_EQ(status, 2);
+}
+
+// Through kd with I/O faults: a card that returns a read error stops the run
+// naming its file; a destination that reads back other bytes, or whose flush
+// fails, loses that file while the other destination completes. Nothing that
+// failed gets its real name.
+TEST_F(Offload, FaultsFailTheRightFileAndNothingFailedIsNamed) {
+  const SampleCard& sample = sampleCards()[1];
+  const std::string clip = "DCIM/100EOS5D/MVI_0002.MOV", photo = "DCIM/100EOS5D/IMG_0001.CR2";
+  const std::string part = "DCIM/100EOS5D/.MVI_0002.MOV.kdpart";
+  const struct {
+    const char* what;
+    std::string call, kind, at;  // `at`: "card", "d1" or "d2" and the file
+    std::string file;
+    std::size_t after;     // bytes before the fault
+    std::string says;      // in the summary
+    const char* failedIn;  // the destination that lost the file; null: the card
+  } cases[] = {
+      {"card read error", "read", "eio", "card", clip, 1u << 20, "from the card failed", nullptr},
+      {"read-back differs", "pread", "flip", "d2", part, 1u << 20, "what was read back differs",
+       "d2"},
+      {"flush fails", "fdatasync", "eio", "d1", part, 0, "flushing to the device", "d1"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    removeTree(dir_ / "cards");
+    removeTree(dir_ / "d1");
+    removeTree(dir_ / "d2");
+    const std::string card = makeCard(sample);
+    const std::string faulty =
+        c.at == "card" ? card + "/" + c.file : dir_ / (c.at + "/EOS_DIGITAL/" + c.file);
+    std::string out, err;
+    const int status = runWithFault(dir_, Fault{c.call, c.kind, faulty, c.after},
+                                    std::string(KD_TOOL_PATH) + " offload '" + card + "' '" +
+                                        (dir_ / "d1") + "' '" + (dir_ / "d2") + "'",
+                                    out, err);
+    EXPECT_EQ(status, 1) << out << err;
+    EXPECT_NE(out.find(c.says), std::string::npos) << out;
+    for (const char* d : {"d1", "d2"}) {
+      const std::string folder = dir_ / (std::string(d) + "/EOS_DIGITAL/");
+      EXPECT_EQ(readFile(folder + photo), readFile(card + "/" + photo)) << d;
+      const bool lost = !c.failedIn || std::string(c.failedIn) == d;
+      EXPECT_EQ(fs::exists(folder + clip), !lost) << d;
+      if (lost && c.failedIn) {
+        EXPECT_NE(out.find("Failed:    " + folder + clip), std::string::npos) << out;
+        EXPECT_FALSE(fs::exists(folder + part)) << d;
+      }
+    }
+    if (!c.failedIn) {
+      EXPECT_NE(err.find("Reading " + card + "/" + clip + " from the card failed"),
+                std::string::npos)
+          << err;
+    }
+  }
 }
 
 }  // namespace
