@@ -158,9 +158,13 @@ class Run {
       std::string error;
       char real[PATH_MAX];
       if (!createFolders(t.folder, 0755, std::nullopt, &error) ||
-          ::stat(t.folder.c_str(), &st) != 0 || !::realpath(t.folder.c_str(), real)) {
+          ::lstat(t.folder.c_str(), &st) != 0 || !::realpath(t.folder.c_str(), real)) {
         report_.error = "Cannot make the folder " + t.folder + ": " +
                         (error.empty() ? std::strerror(errno) : error);
+        return false;
+      }
+      if (!S_ISDIR(st.st_mode)) {  // a link would take the copies elsewhere
+        report_.error = "The destination " + t.folder + " is a link, not a folder";
         return false;
       }
       const std::string folderPath = real;

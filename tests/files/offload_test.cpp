@@ -171,7 +171,9 @@ TEST_F(Offload, RefusalsTouchNothing) {
       {"card in the destination", {dir_ / "cards"}, "xxh64", true, "", "overlap"},
       {"destination twice", {d1, d1 + "/."}, "xxh64", true, "", "named twice"},
       {"name with a slash", {d1}, "xxh64", true, "a/b", "cannot be a folder's name"},
+      {"card folder a link at the destination", {d1}, "xxh64", true, "linked", "is a link"},
   };
+  ASSERT_EQ(::symlink(dir_.mkdir("elsewhere").c_str(), (d1 + "/linked").c_str()), 0);
   const std::vector<std::string> before = listing(dir_.path());
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
