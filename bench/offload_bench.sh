@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # A whole card offloaded to 2 destinations, everything on a tmpfs so that the
 # card is in memory and every side does the same work:
-#   kd offload --hash xxh64 and --hash sha256 (the copy engine's own
+#   kd offload --hash xxh64 and --hash sha256 --no-mhl (the copy engine's own
 #   verification), and once kd offload --hash xxh64 --reverify for the record;
 #   against cp -r to each destination without any verification,
 #   and against cp -r to each, then xxhsum -H1 (or sha256sum) of the card into
@@ -92,7 +92,8 @@ seconds() {
 best() { printf '%s\n' "$@" | sort -g | head -1; }
 
 kd_xxh64() { "$kd" offload "$card" "$work/a" "$work/b" --hash xxh64; }
-kd_sha256() { "$kd" offload "$card" "$work/a" "$work/b" --hash sha256; }
+# The hash list has no sha256 kind: that run keeps none.
+kd_sha256() { "$kd" offload "$card" "$work/a" "$work/b" --hash sha256 --no-mhl; }
 kd_reverify() { "$kd" offload "$card" "$work/a" "$work/b" --hash xxh64 --reverify; }
 cp_two() { cp -r "$card" "$work/a/" && cp -r "$card" "$work/b/"; }
 # The usual by-hand workflow: copy, make a list of the card, check each copy
@@ -137,7 +138,7 @@ row() {
 }
 ratio() { printf '%.2fx' "$(echo "${t[$1]} / ${t[kd_xxh64]}" | bc -l)"; }
 row "kd offload --hash xxh64" kd_xxh64 "1.00x"
-row "kd offload --hash sha256" kd_sha256 "$(ratio kd_sha256)"
+row "kd offload --hash sha256 --no-mhl" kd_sha256 "$(ratio kd_sha256)"
 row "kd offload --hash xxh64 --reverify" kd_reverify "$(ratio kd_reverify)"
 row "cp -r to each, no verification" cp_two "$(ratio cp_two)"
 row "cp -r to each, xxhsum -H1 of the card, xxhsum -c in both copies" cp_xxh64 "$(ratio cp_xxh64)"
@@ -146,5 +147,9 @@ echo
 goal() { if (($(echo "$1" | bc -l))); then echo "met"; else echo "MISSED"; fi; }
 printf 'Goal: kd offload --hash xxh64 at most 1.1x the two cp -r: %.2fx (%s).\n' \
   "$(echo "${t[kd_xxh64]} / ${t[cp_two]}" | bc -l)" "$(goal "${t[kd_xxh64]} <= 1.1 * ${t[cp_two]}")"
-printf 'Goal: kd offload --hash xxh64 at most a third of cp -r + xxhsum: %.2f (%s).\n' \
+printf 'Goal: kd offload --hash xxh64 at most a third of cp -r + xxhsum: %.2f of it (%s).\n' \
   "$(echo "${t[kd_xxh64]} / ${t[cp_xxh64]}" | bc -l)" "$(goal "${t[kd_xxh64]} <= ${t[cp_xxh64]} / 3")"
+printf 'Goal: kd offload --hash xxh64 at most a third of cp -r + sha256sum: %.2f of it (%s).\n' \
+  "$(echo "${t[kd_xxh64]} / ${t[cp_sha256]}" | bc -l)" "$(goal "${t[kd_xxh64]} <= ${t[cp_sha256]} / 3")"
+printf 'Like for like: kd offload --hash sha256 takes %.2f of cp -r + sha256sum.\n' \
+  "$(echo "${t[kd_sha256]} / ${t[cp_sha256]}" | bc -l)"

@@ -155,7 +155,7 @@ if [ "$(id -u)" -eq 0 ] && command -v useradd >/dev/null && command -v setpriv >
   mount -t tmpfs -o size=16m,mode=0755 tmpfs "$card_mount"
   fill_photo_card "$card_mount"
   touch "$card_mount"
-  (cd "$card_mount" && find . -type f -printf '%P\t%s bytes\n' | sort | sed 's/^/    /')
+  (cd "$card_mount" && find . -type f -printf '    %-46P %9s bytes  %TY-%Tm-%Td %TH:%TM\n' | sort -k1,1)
   run_helper() {
     (cd "$app" && env -i HOME="$home" USER="$demo_user" PATH=/usr/bin:/bin \
       setpriv --reuid="$demo_user" --regid="$demo_user" --clear-groups -- "$OLDPWD/$helper" "$@")
@@ -202,8 +202,7 @@ fi
 
 name=$(basename "$card")
 say "What $raid/$name holds (the card's .Trashes and ._ file stay behind)"
-(cd "$raid/$name" && find . -type f -printf '%P\t%s bytes\t%TY-%Tm-%Td %TH:%TM\n' | sort |
-  sed 's/^/    /')
+(cd "$raid/$name" && find . -type f -printf '    %-46P %9s bytes  %TY-%Tm-%Td %TH:%TM\n' | sort -k1,1)
 if diff -r -x ascmhl "$raid/$name" "$shuttle/$name" >/dev/null; then
   echo "    $shuttle/$name holds the same files, and a manifest of its own"
 else
@@ -212,4 +211,4 @@ fi
 
 manifest=$(find "$raid/$name/ascmhl" -name '*.mhl' | sort | tail -n1)
 say "The first file in the manifest $manifest"
-sed -n '/<hash>/,/<\/hash>/{p;/<\/hash>/q}' "$manifest" | sed 's/^/    /'
+sed -n '/<hash>/,/<\/hash>/{p;/<\/hash>/q}' "$manifest"
