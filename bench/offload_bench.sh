@@ -80,14 +80,14 @@ clean() { rm -rf "$work/a" "$work/b" "$work/sums"; mkdir -p "$work/a" "$work/b";
 # failed run is fatal: a figure of a run that did not do its work is no figure.
 seconds() {
   clean
-  local TIMEFORMAT='%R %U %S' t
+  local TIMEFORMAT='%R %U %S' t wall user system
   if ! t=$({ time "$@" >/dev/null 2>"$work/stderr"; } 2>&1); then
     echo "offload_bench: $* failed:" >&2
     cat "$work/stderr" >&2
     exit 1
   fi
-  set -- $t
-  echo "$1 $(echo "$2 + $3" | bc -l)"
+  read -r wall user system <<<"$t"
+  echo "$wall $(echo "$user + $system" | bc -l)"
 }
 best() { printf '%s\n' "$@" | sort -g | head -1; }
 
@@ -99,11 +99,13 @@ cp_two() { cp -r "$card" "$work/a/" && cp -r "$card" "$work/b/"; }
 # The usual by-hand workflow: copy, make a list of the card, check each copy
 # against it.
 cp_sum() {
-  local sum=$1 check=$2
+  local -a sum check
+  read -ra sum <<<"$1"
+  read -ra check <<<"$2"
   cp_two
-  (cd "$card" && find . -type f -print0 | xargs -0 $sum) >"$work/sums"
-  (cd "$work/a/CARD" && $check "$work/sums")
-  (cd "$work/b/CARD" && $check "$work/sums")
+  (cd "$card" && find . -type f -print0 | xargs -0 "${sum[@]}") >"$work/sums"
+  (cd "$work/a/CARD" && "${check[@]}" "$work/sums")
+  (cd "$work/b/CARD" && "${check[@]}" "$work/sums")
 }
 cp_xxh64() { cp_sum "xxhsum -H1" "xxhsum -c --quiet"; }
 cp_sha256() { cp_sum sha256sum "sha256sum -c --quiet"; }
@@ -117,7 +119,7 @@ done
 declare -A t cpu
 for n in "${names[@]}"; do
   IFS=, read -ra list <<<"${runs[$n]}"
-  read -r t[$n] cpu[$n] <<<"$(best "${list[@]}")"
+  read -r "t[$n]" "cpu[$n]" <<<"$(best "${list[@]}")"
 done
 # A check that kd offload did its work: both copies whole.
 clean

@@ -128,12 +128,16 @@ raid="$offload/RAID"
 shuttle="$offload/SHUTTLE"
 mkdir -p "$app/Contents/MacOS" "$raid" "$shuttle"
 {
-  echo '#!/bin/bash'
-  echo '# A stand-in for Ferrimo, written by scripts/demo.sh.'
-  echo '(IFS=$'"'\\t'"'; printf "%s\n" "$*") >>"${0%/*}/launches.log"'
-  echo '[ "$1" = -ferrimoVolume ] || exit 2'
+  cat <<'STANDIN'
+#!/bin/bash
+# A stand-in for Ferrimo, written by scripts/demo.sh.
+(IFS=$'\t'; printf '%s\n' "$*") >>"${0%/*}/launches.log"
+[ "$1" = -ferrimoVolume ] || exit 2
+STANDIN
+  # shellcheck disable=SC2016 # $2 and $? are the stand-in's
   printf '%q offload "$2" %q %q --reverify >%q 2>%q\n' "$PWD/$kd" "$raid" "$shuttle" \
     "$offload/summary.txt" "$offload/progress.txt"
+  # shellcheck disable=SC2016
   printf 'echo $? >%q && mv %q %q\n' "$offload/status.new" "$offload/status.new" "$offload/status"
 } >"$app/Contents/MacOS/Ferrimo"
 chmod 755 "$app/Contents/MacOS/Ferrimo"
