@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <random>
 
@@ -70,7 +71,89 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes, std::s
   return true;
 }
 
+namespace {
+bool writeAndSync(int fd, std::string_view bytes) {
+  return writeAll(fd, bytes) && ::fsync(fd) == 0;
+}
+
+bool unsupported(int e) {
+  return e == EINVAL || e == ENOSYS || e == ENOTSUP || e == EOPNOTSUPP || e == EPERM;
+}
+}  // namespace
+
+bool writeFileAtomicallyAt(int dirFd, const std::string& name, std::string_view bytes,
+                           AtomicReplace how, mode_t mode, std::string* error) {
+  auto failWith = [&](const char* what, const std::string& which) {
+    if (error) *error = errnoText(what, which);
+    return false;
+  };
+  if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
+    if (error) *error = "not a file name: " + name;
+    return false;
+  }
+  thread_local std::mt19937_64 rng{std::random_device{}()};
+  const std::string tmp = "." + name + ".tmp" + std::to_string(rng() % 1000000007);
+  UniqueFd fd(retryOnEintr([&] {
+    return ::openat(dirFd, tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+  }));
+  if (!fd) return failWith("cannot create", tmp);
+  struct stat st {};
+  if (how == AtomicReplace::Replace &&
+      ::fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode))
+    ::fchmod(fd.get(), st.st_mode & 07777);
+  if (!writeAndSync(fd.get(), bytes)) {
+    const int e = errno;
+    ::unlinkat(dirFd, tmp.c_str(), 0);
+    errno = e;
+    return failWith("cannot write", tmp);
+  }
+  fd.reset();
+  auto dropTmp = [&] {
+    const int e = errno;
+    ::unlinkat(dirFd, tmp.c_str(), 0);
+    errno = e;
+  };
+  if (how == AtomicReplace::Replace) {
+    if (::renameat(dirFd, tmp.c_str(), dirFd, name.c_str()) != 0) {
+      dropTmp();
+      return failWith("cannot replace", name);
+    }
+  } else if (::renameat2(dirFd, tmp.c_str(), dirFd, name.c_str(), RENAME_NOREPLACE) != 0) {
+    if (!unsupported(errno)) {
+      dropTmp();
+      return failWith("cannot create", name);
+    }
+    if (::linkat(dirFd, tmp.c_str(), dirFd, name.c_str(), 0) == 0) {
+      ::unlinkat(dirFd, tmp.c_str(), 0);
+    } else {
+      if (!unsupported(errno)) {
+        dropTmp();
+        return failWith("cannot create", name);
+      }
+      ::unlinkat(dirFd, tmp.c_str(), 0);
+      UniqueFd out(retryOnEintr([&] {
+        return ::openat(dirFd, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                        mode);
+      }));
+      if (!out) return failWith("cannot create", name);
+      if (!writeAndSync(out.get(), bytes)) {
+        const int e = errno;
+        ::unlinkat(dirFd, name.c_str(), 0);  // ours: created exclusively just now
+        errno = e;
+        return failWith("cannot write", name);
+      }
+    }
+  }
+  ::fsync(dirFd);
+  return true;
+}
+
 FileReadResult readRegularFile(const std::string& path, std::size_t maxBytes, bool followLinks) {
+  return readRegularFileAt(AT_FDCWD, path, maxBytes, followLinks);
+}
+
+FileReadResult readRegularFileAt(int dirFd, const std::string& path, std::size_t maxBytes,
+                                 bool followLinks) {
   FileReadResult result;
   auto fail = [&](ReadFailure why, std::string reason) {
     result.failure = why;
@@ -78,7 +161,7 @@ FileReadResult readRegularFile(const std::string& path, std::size_t maxBytes, bo
     return std::move(result);
   };
   int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (followLinks ? 0 : O_NOFOLLOW);
-  UniqueFd fd(retryOnEintr([&] { return ::open(path.c_str(), flags); }));
+  UniqueFd fd(retryOnEintr([&] { return ::openat(dirFd, path.c_str(), flags); }));
   if (!fd) {
     int e = errno;
     if (e == ENOENT || e == ENOTDIR) return fail(ReadFailure::Missing, std::strerror(e));

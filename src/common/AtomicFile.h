@@ -23,6 +23,20 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes,
                          std::string* error = nullptr,
                          const std::optional<FileOwner>& owner = std::nullopt);
 
+// Whether writeFileAtomicallyAt may replace a file already at the name.
+enum class AtomicReplace { Replace, NoReplace };
+
+// As writeFileAtomically, for the entry `name` of the folder `dirFd` (so a
+// link swapped in for a folder on the way cannot redirect it). The temporary
+// file is created with `mode` (less the umask) and never follows a link. With
+// NoReplace an existing entry at `name` is never replaced: the file is moved
+// into place with renameat2(RENAME_NOREPLACE), or where the file system lacks
+// that, linked into place, or as a last resort (file systems without either,
+// such as exFAT) created there exclusively and written, so that a crash may
+// leave it partial but nothing is ever overwritten.
+bool writeFileAtomicallyAt(int dirFd, const std::string& name, std::string_view bytes,
+                           AtomicReplace how, mode_t mode = 0644, std::string* error = nullptr);
+
 // Why a whole-file read gave nothing.
 enum class ReadFailure {
   None,
@@ -44,6 +58,11 @@ struct FileReadResult {
 // `followLinks` false a symbolic link at `path` is refused.
 FileReadResult readRegularFile(const std::string& path, std::size_t maxBytes,
                                bool followLinks = true);
+
+// As readRegularFile, for `name` relative to the folder `dirFd` (AT_FDCWD for
+// the working folder).
+FileReadResult readRegularFileAt(int dirFd, const std::string& name, std::size_t maxBytes,
+                                 bool followLinks = true);
 
 // As readRegularFile, the bytes only.
 std::optional<std::string> readWholeFile(const std::string& path,

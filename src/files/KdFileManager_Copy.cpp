@@ -122,13 +122,59 @@ std::string resolvedDestination(const std::string& path) {
   return resolved;
 }
 
+// Buffers of one slot's size kept from one copy to the next, so that copying
+// many files does not map, fault in and unmap fresh memory for each. Holds at
+// most kKept buffers (the ring and the read-backs of a few destinations);
+// more are freed. Thread-safe.
+class SlotBuffers {
+ public:
+  struct Return {
+    void operator()(unsigned char* buffer) const { SlotBuffers::shared().give(buffer); }
+  };
+  using Buffer = std::unique_ptr<unsigned char[], Return>;
+
+  static SlotBuffers& shared() {
+    static SlotBuffers* buffers = new SlotBuffers;  // never destroyed: copies may outlive main
+    return *buffers;
+  }
+  // A buffer of kSlotSize bytes; empty when there is no memory.
+  Buffer take() {
+    {
+      std::lock_guard lock(mu_);
+      if (!free_.empty()) {
+        unsigned char* buffer = free_.back();
+        free_.pop_back();
+        return Buffer(buffer);
+      }
+    }
+    return Buffer(new (std::nothrow) unsigned char[kSlotSize]);
+  }
+
+ private:
+  static constexpr std::size_t kKept = 24;
+
+  void give(unsigned char* buffer) {
+    {
+      std::lock_guard lock(mu_);
+      if (free_.size() < kKept) {
+        free_.push_back(buffer);
+        return;
+      }
+    }
+    delete[] buffer;
+  }
+
+  std::mutex mu_;
+  std::vector<unsigned char*> free_;  // guarded by mu_
+};
+
 // One destination of a copy. Its writer thread alone touches it while the
 // copy runs; the caller's thread reads it after that thread has been joined.
 struct Destination {
   std::string path;
   kd::UniqueFd fd;
   std::unique_ptr<KdFileManager::CopyDigester> digest;
-  std::unique_ptr<unsigned char[]> readBack;
+  SlotBuffers::Buffer readBack;
   int writeError = 0;  // errno of the first failed write
   int flushError = 0;  // errno of a failed flush or close
 };
@@ -142,7 +188,7 @@ struct SlotRecord {
 // One slot of the ring: the producer fills it, every stage reads it, and the
 // caller's thread accounts it once all stages are done.
 struct Slot {
-  std::unique_ptr<unsigned char[]> data;
+  SlotBuffers::Buffer data;
   std::size_t length = 0;
   std::uint64_t offset = 0;
   std::vector<SlotRecord> records;  // one per destination
@@ -169,13 +215,13 @@ class Pipeline {
   bool allocate() {
     for (std::size_t i = 0; i < kSlots; ++i) {
       Slot& slot = slots_[i];
-      slot.data.reset(new (std::nothrow) unsigned char[kSlotSize]);
+      slot.data = SlotBuffers::shared().take();
       if (!slot.data) return false;
       slot.records.resize(destinations_.size());
     }
     if (sourceDigest_ != nullptr) {
       for (Destination& d : destinations_) {
-        d.readBack.reset(new (std::nothrow) unsigned char[kSlotSize]);
+        d.readBack = SlotBuffers::shared().take();
         if (!d.readBack) return false;
       }
     }

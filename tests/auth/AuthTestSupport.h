@@ -2,8 +2,6 @@
 // platform fakes for its privilege service.
 #pragma once
 
-#include <sys/stat.h>
-
 #include <atomic>
 #include <memory>
 #include <string>
@@ -11,6 +9,8 @@
 #include "auth/KdAuthorization.h"
 #include "platform/Privilege.h"
 #include "support/FakeMacPlatform.h"
+#include "support/Process.h"
+#include "support/TempDir.h"
 
 struct KdAuthorizationTestAccess {
   struct Deleter {
@@ -59,10 +59,5 @@ class PrivilegeFakePlatform : public FakeMacPlatform {
  private:
   PrivilegeService& service_;
 };
-
-inline bool exists(const std::string& path) {
-  struct stat st {};
-  return ::lstat(path.c_str(), &st) == 0;
-}
 
 }  // namespace kd::test

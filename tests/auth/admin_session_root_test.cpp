@@ -39,19 +39,6 @@ using Access = KdAuthorizationTestAccess;
 
 constexpr char kInvalid[] = "Authorization failed. Invalid username or password";
 
-bool gone(int pid) {
-  for (int i = 0; i < 500; ++i) {
-    std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-    if (stat.empty() || stat.find(") Z ") != std::string::npos) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
-}
-
-uid_t ownerOf(const std::string& path) {
-  struct stat st {};
-  return ::lstat(path.c_str(), &st) == 0 ? st.st_uid : static_cast<uid_t>(-1);
-}
 // --- The root side ---------------------------------------------------------------
 
 class AdminSession : public ::testing::Test {
@@ -159,7 +146,7 @@ TEST_F(AdminSession, KillingTheProgramEndsTheCoProcess) {
   ::kill(pid, SIGKILL);
   int status = 0;
   ::waitpid(pid, &status, 0);
-  EXPECT_TRUE(gone(helper)) << "the co-process outlived its program";
+  EXPECT_TRUE(processGone(helper)) << "the co-process outlived its program";
 }
 
 // --- The user's side ---------------------------------------------------------------
@@ -242,9 +229,9 @@ TEST_F(AsAdmin, RightPassword) {
   ASSERT_TRUE(auth->authStartWithUser(user_, password_));
   const int second = Access::coProcessId(*auth);
   EXPECT_NE(second, first);
-  EXPECT_TRUE(gone(first));
+  EXPECT_TRUE(processGone(first));
   auth->authEnd();
-  EXPECT_TRUE(gone(second));
+  EXPECT_TRUE(processGone(second));
   EXPECT_FALSE(auth->isAuthorized());
   EXPECT_EQ(auth->authExecTask("/bin/true", {}), -1);
 }
@@ -256,7 +243,7 @@ TEST_F(AsAdmin, RightPasswordWithoutAsking) {
   const int pid = Access::coProcessId(*auth);
   auth->authEnd();
   EXPECT_FALSE(auth->isAuthorized());
-  EXPECT_TRUE(gone(pid));
+  EXPECT_TRUE(processGone(pid));
 }
 
 TEST_F(AsAdmin, WrongPassword) {
@@ -290,7 +277,7 @@ TEST_F(AsAdmin, InheritedRights) {
       path::deletingLastComponent(selfExecutable()) + "/kd-privileged" + std::string(1, '\0'));
   auth->authEnd();
   EXPECT_FALSE(auth->isAuthorized());
-  EXPECT_TRUE(gone(pid));
+  EXPECT_TRUE(processGone(pid));
 }
 
 TEST_F(AsAdmin, HoldSession) {

@@ -263,9 +263,7 @@ TEST_F(RootCommands, TheLauncherWaitsOrNot) {
   EXPECT_EQ(auth_->authExecTask("/bin/false", {}), 0);  // started is all it says
   const std::string made = work_ + "/async";
   EXPECT_EQ(auth_->authExecTask("/usr/bin/touch", {made}), 0);
-  for (int i = 0; i < 500 && !exists(made); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  EXPECT_TRUE(exists(made));
+  EXPECT_TRUE(waitUntil([&] { return exists(made); }));
 }
 
 TEST_F(RootCommands, FileCommandsSucceedOnlyWhenTheirToolDid) {

@@ -20,15 +20,6 @@ std::string helperPath() {
   return KdAuthorization::privilegedHelperPath().value_or("");
 }
 
-bool processGone(int pid) {
-  for (int i = 0; i < 500; ++i) {
-    std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-    if (stat.empty() || stat.find(") Z ") != std::string::npos) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
-}
-
 LinuxPrivilege::Config asWeAre() {
   LinuxPrivilege::Config config;
   config.requireRoot = ::geteuid() == 0;
@@ -73,9 +64,7 @@ TEST(PrivilegedChannel, RunsToolsByArgvWithNothingOfOurs) {
   const std::string made = tmp / "made";
   PrivilegedRun started = channel.run("/usr/bin/touch", {made}, false);
   EXPECT_EQ(started.status, 0);
-  for (int i = 0; i < 500 && !exists(made); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  EXPECT_TRUE(exists(made));
+  EXPECT_TRUE(waitUntil([&] { return exists(made); }));
 
   const int pid = channel.coProcessId();
   ASSERT_GT(pid, 0);

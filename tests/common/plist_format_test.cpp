@@ -186,6 +186,7 @@ TEST(PlistFormat, HostileInputIsDamagedNeverACrashOrAHang) {
     std::string bytes;
   } cases[] = {
       {"empty file", ""},
+      {"neither XML nor binary", "\x01\x02garbage"},
       {"NUL in an XML string", "<plist><dict><key>a</key><string>x\0y</string></dict></plist>"s},
       {"NUL by reference", dictOfK + "<string>&#0;</string></dict></plist>"},
       {"control character by reference", dictOfK + "<string>&#x1;</string></dict></plist>"},

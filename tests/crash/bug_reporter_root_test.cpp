@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -13,11 +12,6 @@
 
 namespace kd::test {
 namespace {
-
-uid_t ownerOf(const std::string& path) {
-  struct stat st {};
-  return ::stat(path.c_str(), &st) == 0 ? st.st_uid : static_cast<uid_t>(-1);
-}
 
 TEST(ChownPlist, FileBelowAHomeGoesToItsUser) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to give files away";

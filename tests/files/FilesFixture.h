@@ -8,6 +8,7 @@
 #include <chrono>
 #include <string>
 
+#include "common/Path.h"
 #include "files/KdFileManager.h"
 #include "log/LogFixture.h"
 
@@ -26,6 +27,12 @@ class FilesTest : public LogTest {
     const std::size_t header = withHeader().size();
     return all.size() > header ? Lines(all.begin() + header, all.end()) : Lines();
   }
+  // A path below the scratch folder (the folder itself for "").
+  std::string work(const std::string& relative = "") const {
+    return path::append(dir_.path(), relative);
+  }
+  // The user's trash.
+  std::string trash() const { return tmp_ / "Users/bob/Library/Trash"; }
 
   TempDir dir_;
 };

@@ -19,20 +19,6 @@ namespace {
 
 using FM = KdFileManager;
 
-bool exists(const std::string& path) {
-  struct stat st {};
-  return ::lstat(path.c_str(), &st) == 0;
-}
-
-// Every path below a folder (links not followed), relative to it.
-std::set<std::string> tree(const std::string& folder) {
-  std::set<std::string> out;
-  std::error_code ec;
-  for (auto it = fs::recursive_directory_iterator(folder, ec); it != fs::end(it); ++it)
-    out.insert(it->path().lexically_relative(folder).string());
-  return out;
-}
-
 // One entry of a hand-made archive: a file with `data`, a folder (name ending
 // in "/"), a symbolic link (`link`) or a hard link (`hard`).
 struct Item {
@@ -71,10 +57,7 @@ bool writeArchive(const std::string& path, const std::vector<Item>& items, bool 
   return ok;
 }
 
-class Archives : public FilesTest {
- protected:
-  std::string work(const std::string& relative) const { return dir_ / relative; }
-};
+using Archives = FilesTest;
 
 TEST_F(Archives, RoundTripWithAndWithoutTheParent) {
   dir_.touch("Clips/Café 1.mov", "one");
@@ -93,7 +76,7 @@ TEST_F(Archives, RoundTripWithAndWithoutTheParent) {
       << ::testing::PrintToString(logged());
   std::set<std::string> withParent = {"Clips"};
   for (const auto& p : inside) withParent.insert("Clips/" + p);
-  EXPECT_EQ(tree(work("out1")), withParent);
+  EXPECT_EQ(namesIn(work("out1"), true), withParent);
   EXPECT_EQ(readFile(work("out1/Clips/Café 1.mov")), "one");
   EXPECT_EQ(readFile(work("out1/Clips/link")), "two");
   EXPECT_EQ(fs::read_symlink(work("out1/Clips/link")), "日本/two.txt");
@@ -105,11 +88,11 @@ TEST_F(Archives, RoundTripWithAndWithoutTheParent) {
             std::chrono::time_point_cast<std::chrono::seconds>(old));
 
   ASSERT_TRUE(FM::decompressFile(work("without.zip"), work("out2")));
-  EXPECT_EQ(tree(work("out2")), inside);
+  EXPECT_EQ(namesIn(work("out2"), true), inside);
   // An archive written inside its own folder does not hold itself.
   ASSERT_TRUE(FM::compressFile(work("Clips"), work("Clips/self.zip"), false));
   ASSERT_TRUE(FM::decompressFile(work("Clips/self.zip"), work("out3")));
-  EXPECT_EQ(tree(work("out3")), inside);
+  EXPECT_EQ(namesIn(work("out3"), true), inside);
   ASSERT_EQ(::unlink(work("Clips/self.zip").c_str()), 0);
 
   // An existing archive goes to the trash first; so does an existing folder,
@@ -117,9 +100,9 @@ TEST_F(Archives, RoundTripWithAndWithoutTheParent) {
   dir_.touch("single.txt", "s");
   ASSERT_TRUE(FM::compressFile(work("single.txt"), work("with.zip"), false));
   ASSERT_TRUE(FM::decompressFile(work("with.zip"), work("out1")));
-  EXPECT_EQ(tree(work("out1")), std::set<std::string>{"single.txt"});
-  EXPECT_TRUE(exists(tmp_ / "Users/bob/Library/Trash/files/with.zip"));
-  EXPECT_TRUE(exists(tmp_ / "Users/bob/Library/Trash/files/out1/Clips/link"));
+  EXPECT_EQ(namesIn(work("out1"), true), std::set<std::string>{"single.txt"});
+  EXPECT_TRUE(exists(trash() + "/files/with.zip"));
+  EXPECT_TRUE(exists(trash() + "/files/out1/Clips/link"));
 
   if (::access("/usr/bin/unzip", X_OK) != 0) GTEST_SKIP() << "needs unzip (scripts/deps.sh)";
   const std::string listing = KdTaskEx::stringFromTask(
@@ -157,9 +140,9 @@ TEST_F(Archives, HostileEntriesAreRefusedAndNothingIsWritten) {
       ::unlink(archive.c_str());
       ASSERT_TRUE(writeArchive(archive, c.items, zip));
       EXPECT_FALSE(FM::decompressFile(archive, work("dest")));
-      EXPECT_EQ(tree(outside), std::set<std::string>{"keep"});
-      EXPECT_EQ(tree(work("dest")), std::set<std::string>{"keep"});
-      EXPECT_EQ(tree(dir_.path()),
+      EXPECT_EQ(namesIn(outside, true), std::set<std::string>{"keep"});
+      EXPECT_EQ(namesIn(work("dest"), true), std::set<std::string>{"keep"});
+      EXPECT_EQ(namesIn(dir_.path(), true),
                 (std::set<std::string>{"outside", "outside/keep", "dest", "dest/keep",
                                        zip ? "hostile.zip" : "hostile.tar"}));
       ::unlink(archive.c_str());
@@ -178,7 +161,7 @@ TEST_F(Archives, DamagedOrMissingArchivesFail) {
   EXPECT_FALSE(exists(work("out")));
   EXPECT_FALSE(FM::compressFile(work("missing"), work("a.zip")));
   EXPECT_FALSE(exists(work("a.zip")));
-  EXPECT_EQ(tree(dir_.path()), std::set<std::string>{"junk.zip"});
+  EXPECT_EQ(namesIn(dir_.path(), true), std::set<std::string>{"junk.zip"});
 }
 
 }  // namespace

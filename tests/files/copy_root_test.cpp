@@ -2,10 +2,8 @@
 // own, mounted for the test.
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -16,36 +14,18 @@
 #include "common/WorkQueue.h"
 #include "files/FilesFixture.h"
 #include "files/KdFileManager.h"
+#include "support/Process.h"
+#include "support/ScopedTmpfs.h"
 
 namespace {
 
 using Strings = std::vector<std::string>;
 
-// A tmpfs of `size` mounted below `folder`, unmounted when it goes.
-class SmallTmpfs {
- public:
-  SmallTmpfs(const std::string& folder, const char* size)
-      : path_(folder + "/full-" + std::to_string(::getpid())) {
-    ::mkdir(path_.c_str(), 0755);
-    mounted_ =
-        ::mount("tmpfs", path_.c_str(), "tmpfs", 0, (std::string("size=") + size).c_str()) == 0;
-  }
-  ~SmallTmpfs() {
-    if (mounted_) ::umount2(path_.c_str(), MNT_DETACH);
-  }
-  bool mounted() const { return mounted_; }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-  bool mounted_ = false;
-};
-
 class CopyRoot : public kd::test::FilesTest {};
 
 TEST_F(CopyRoot, AFullDestinationFailsVerificationWhileTheOtherVerifies) {
   if (::geteuid() != 0) GTEST_SKIP() << "mounting a tmpfs needs root";
-  SmallTmpfs full(dir_.path(), "1m");
+  const kd::test::ScopedTmpfs full(dir_.path() + "/full-" + std::to_string(::getpid()), "size=1m");
   if (!full.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
   // Zeros: a hole or a short file must not read back as the source.
   const std::string source = dir_.touch("zeros", std::string(3 << 20, '\0'));
@@ -87,15 +67,11 @@ TEST_F(CopyRoot, AFullDestinationFailsVerificationWhileTheOtherVerifies) {
 
   // The tool tells it by its exit status.
   ::unlink(bad.c_str());
-  const std::string command = std::string(KD_TOOL_PATH) + " copy " + source + " " + dir_.path() +
-                              "/other " + bad + " >/dev/null 2>&1";
-  const int status = std::system(command.c_str());
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 1);
-  const std::string none = std::string(KD_TOOL_PATH) + " copy --verify none " + source + " " +
-                           dir_.path() + "/third " + bad + " >/dev/null 2>&1";
-  const int noneStatus = std::system(none.c_str());
-  EXPECT_EQ(WEXITSTATUS(noneStatus), 1);
+  const kd::test::SpawnOptions quiet{.out = "/dev/null", .err = "/dev/null"};
+  EXPECT_EQ(kd::test::run({KD_TOOL_PATH, "copy", source, dir_ / "other", bad}, quiet), 1);
+  EXPECT_EQ(
+      kd::test::run({KD_TOOL_PATH, "copy", "--verify", "none", source, dir_ / "third", bad}, quiet),
+      1);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // Digest text and whole-file hashes: known answers, the delegate's questions
 // on regular files and on a pipe fed piece by piece, failures, descriptors.
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -25,10 +24,12 @@
 #include "files/KdFileManager.h"
 #include "log/KdLog.h"
 #include "support/FakeMacPlatform.h"
+#include "support/Process.h"
 #include "support/TempDir.h"
 
 namespace {
 
+using kd::test::varyingBytes;
 using Text = std::optional<std::string>;
 constexpr std::size_t kChunk = 65536;
 constexpr std::size_t kInterval = 52428800;  // 800 chunks
@@ -70,18 +71,6 @@ Text fileHash(KdDigestKind kind, const std::string& path,
 }
 
 constexpr KdDigestKind kFileKinds[] = {KdDigestKind::MD5, KdDigestKind::SHA1, KdDigestKind::SHA512};
-
-// Bytes that differ from chunk to chunk, so that a chunk read twice or
-// skipped changes the digest.
-std::string pattern(std::size_t size, unsigned seed = 1) {
-  std::string s(size, '\0');
-  std::uint32_t x = seed * 2654435761u + 12345;
-  for (char& c : s) {
-    x = x * 1103515245u + 12345;
-    c = static_cast<char>(x >> 24);
-  }
-  return s;
-}
 
 // A delegate that counts its questions and gives one answer.
 struct Asked {
@@ -147,11 +136,11 @@ TEST(HashForFile, KnownAnswersAndEveryReadOfAnySize) {
       {"empty", "", "d41d8cd98f00b204e9800998ecf8427e"},
       {"abc", "abc", "900150983cd24fb0d6963f7d28e17f72"},
       {"million", std::string(1000000, 'a'), "7707d6ae4e027c70eea2a935c2296f21"},
-      {"chunk-1", pattern(kChunk - 1), std::nullopt},
-      {"chunk", pattern(kChunk), std::nullopt},
-      {"chunk+1", pattern(kChunk + 1), std::nullopt},
+      {"chunk-1", varyingBytes(kChunk - 1), std::nullopt},
+      {"chunk", varyingBytes(kChunk), std::nullopt},
+      {"chunk+1", varyingBytes(kChunk + 1), std::nullopt},
       // Larger than one read-ahead slot (1 MiB): read on a thread of its own.
-      {"slots", pattern(3 * 1048576 + 5), std::nullopt},
+      {"slots", varyingBytes(3 * 1048576 + 5), std::nullopt},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -176,7 +165,7 @@ TEST(HashForFile, KnownAnswersAndEveryReadOfAnySize) {
 
 TEST(HashForFile, AFileOfExactly50MiBAsksOnce) {
   kd::test::TempDir tmp;
-  const std::string contents = pattern(kInterval, 7);
+  const std::string contents = varyingBytes(kInterval, 7);
   const std::string path = tmp.touch("50MiB", contents);
   const Text expected = contextText(KdDigestKind::MD5, contents);
 
@@ -212,7 +201,7 @@ class FifoFeeder {
   // Everything that was written, for the expected digest.
   static std::string contents(const std::vector<std::size_t>& pieces) {
     std::string all;
-    for (std::size_t i = 0; i < pieces.size(); ++i) all += pattern(pieces[i], i + 1);
+    for (std::size_t i = 0; i < pieces.size(); ++i) all += varyingBytes(pieces[i], i + 1);
     return all;
   }
 
@@ -222,7 +211,7 @@ class FifoFeeder {
     if (!fd) return;
     std::size_t total = 0;
     for (std::size_t i = 0; i < pieces_.size(); ++i) {
-      const std::string piece = pattern(pieces_[i], i + 1);
+      const std::string piece = varyingBytes(pieces_[i], i + 1);
       if (::write(fd.get(), piece.data(), piece.size()) != static_cast<ssize_t>(piece.size()))
         return;  // the reader has gone
       // Waits until the piece has been read, or the reader has gone (POLLERR).
@@ -316,22 +305,13 @@ TEST(HashForFile, FailuresReturnNothingWithTheirMessages) {
             std::string::npos);
 }
 
-int openDescriptors() {
-  int n = 0;
-  if (DIR* d = ::opendir("/proc/self/fd")) {
-    while (::readdir(d) != nullptr) ++n;
-    ::closedir(d);
-  }
-  return n;
-}
-
 TEST(HashForFile, LeavesNoDescriptorOpen) {
   kd::test::FakeMacPlatform platform;  // takes the open failures' messages
   kd::test::ScopedPlatform scoped(platform);
   kd::test::TempDir tmp;
   const std::string small = tmp.touch("small", "footage"),
-                    large = tmp.touch("large", pattern(3 << 20));
-  const int before = openDescriptors();
+                    large = tmp.touch("large", varyingBytes(3 << 20));
+  const std::size_t before = kd::test::openFds().size();
   for (int i = 0; i < 5000; ++i) {
     const KdDigestKind kind = kFileKinds[i % 3];
     ASSERT_TRUE(fileHash(kind, i % 100 == 0 ? large : small)) << i;
@@ -341,7 +321,7 @@ TEST(HashForFile, LeavesNoDescriptorOpen) {
   for (int i = 0; i < 20; ++i) EXPECT_FALSE(KdFileManager::md5HashForFile(tmp.path()));
   KdLog::finishWriting();
   testing::internal::GetCapturedStdout();
-  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(kd::test::openFds().size(), before);
 }
 
 }  // namespace

@@ -12,19 +12,11 @@ struct Result {
   int status;
 };
 
-// Runs kd with the arguments; standard output only (errors to the null device).
-Result kd(std::vector<std::string> args) {
-  std::vector<std::string> sh = {"-c", "\"$0\" \"$@\" 2>/dev/null; echo \"|$?\"", KD_TOOL_PATH};
-  sh.insert(sh.end(), args.begin(), args.end());
-  std::string out = KdTaskEx::stringFromTask("/bin/sh", sh, 10.0);
-  auto bar = out.rfind('|');
-  if (bar == std::string::npos) return {out, -1};
-  return {out.substr(0, bar), std::atoi(out.c_str() + bar + 1)};
-}
-
-// Runs kd with the arguments; standard output and error together.
-Result kdBoth(std::vector<std::string> args) {
-  std::vector<std::string> sh = {"-c", "\"$0\" \"$@\" 2>&1; echo \"|$?\"", KD_TOOL_PATH};
+// Runs kd with the arguments; standard output, with standard error too when
+// `withErrors` (else errors go to the null device).
+Result kd(std::vector<std::string> args, bool withErrors = false) {
+  const std::string errors = withErrors ? "2>&1" : "2>/dev/null";
+  std::vector<std::string> sh = {"-c", "\"$0\" \"$@\" " + errors + "; echo \"|$?\"", KD_TOOL_PATH};
   sh.insert(sh.end(), args.begin(), args.end());
   std::string out = KdTaskEx::stringFromTask("/bin/sh", sh, 10.0);
   auto bar = out.rfind('|');
@@ -56,7 +48,7 @@ TEST(KdFileCommands, CopyMoveCreateRemoveAndArchives) {
       {{"rm", d / "a", d / "missing"}, 0, ""},
   };
   for (const auto& c : cases) {
-    Result r = kdBoth(c.args);
+    Result r = kd(c.args, true);
     EXPECT_EQ(r.status, c.status) << c.args[0] << ' ' << c.args[1] << ": " << r.out;
     if (c.says.empty())
       EXPECT_EQ(r.out, "") << c.args[0] << ' ' << c.args[1];

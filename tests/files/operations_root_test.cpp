@@ -13,6 +13,7 @@
 #include "FilesFixture.h"
 #include "auth/KdAuthorization.h"
 #include "common/Path.h"
+#include "support/ScopedTmpfs.h"
 #include "support/ThrowawayAdmin.h"
 
 namespace fs = std::filesystem;
@@ -22,59 +23,26 @@ namespace {
 
 using FM = KdFileManager;
 
-bool exists(const std::string& path) {
-  struct stat st {};
-  return ::lstat(path.c_str(), &st) == 0;
+// A tmpfs of our own below the scratch folder.
+std::unique_ptr<ScopedTmpfs> volume(const std::string& folder, const std::string& name,
+                                    const std::string& size) {
+  return std::make_unique<ScopedTmpfs>(folder + "/" + name + "-" + std::to_string(::getpid()),
+                                       "size=" + size + ",mode=0755", "kdfiles-test");
 }
-
-uid_t ownerOf(const std::string& path) {
-  struct stat st {};
-  return ::lstat(path.c_str(), &st) == 0 ? st.st_uid : static_cast<uid_t>(-1);
-}
-
-std::set<std::string> namesIn(const std::string& folder) {
-  std::set<std::string> names;
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(folder, ec))
-    names.insert(entry.path().filename());
-  return names;
-}
-
-// A tmpfs of our own, unmounted (lazily, should a test leave it busy) at the
-// end. Owns the mount; one thread.
-class Volume {
- public:
-  Volume(const std::string& mountPoint, const std::string& size) : mountPoint_(mountPoint) {
-    fs::create_directories(mountPoint_);
-    mounted_ = ::mount("kdfiles-test", mountPoint_.c_str(), "tmpfs", 0,
-                       ("size=" + size + ",mode=0755").c_str()) == 0;
-  }
-  ~Volume() {
-    if (mounted_) ::umount2(mountPoint_.c_str(), MNT_DETACH);
-  }
-  bool mounted() const { return mounted_; }
-  std::string operator/(const std::string& relative) const {
-    return path::append(mountPoint_, relative);
-  }
-
- private:
-  std::string mountPoint_;
-  bool mounted_ = false;
-};
 
 class SecondVolume : public FilesTest {
  protected:
   void SetUp() override {
     if (::getuid() != 0) GTEST_SKIP() << "needs root to mount a tmpfs";
     FilesTest::SetUp();
-    volume_ = std::make_unique<Volume>(dir_ / ("vol-" + std::to_string(::getpid())), "16m");
+    volume_ = volume(dir_.path(), "vol", "16m");
     if (!volume_->mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
   }
   void TearDown() override {
     volume_.reset();
     FilesTest::TearDown();
   }
-  std::unique_ptr<Volume> volume_;
+  std::unique_ptr<ScopedTmpfs> volume_;
 };
 
 TEST_F(SecondVolume, AnItemGoesToItsOwnVolumesTrash) {
@@ -124,14 +92,14 @@ TEST_F(SecondVolume, MovesAcrossVolumesCopyThenRemove) {
 }
 
 TEST_F(SecondVolume, AFullVolumeFailsWithoutAskingAndLeavesNothing) {
-  Volume small(dir_ / ("small-" + std::to_string(::getpid())), "256k");
-  ASSERT_TRUE(small.mounted());
+  const auto small = volume(dir_.path(), "small", "256k");
+  ASSERT_TRUE(small->mounted());
   std::ofstream(dir_ / "big") << std::string(1 << 20, 'x');
-  EXPECT_FALSE(FM::copyFile(dir_ / "big", small / "big"));
+  EXPECT_FALSE(FM::copyFile(dir_ / "big", *small / "big"));
   EXPECT_FALSE(FM::lastFailureNeedsRights());
-  EXPECT_FALSE(FM::moveFile(dir_ / "big", small / "big"));
+  EXPECT_FALSE(FM::moveFile(dir_ / "big", *small / "big"));
   EXPECT_EQ(FM::fileSize(dir_ / "big"), 1u << 20);
-  EXPECT_EQ(namesIn(small / ""), std::set<std::string>());
+  EXPECT_EQ(namesIn(small->path()), std::set<std::string>());
   EXPECT_EQ(logged(), (Lines{"Error copying file: No space left on device. Authorizing...",
                              "Error moving file: No space left on device."}));
 }
@@ -139,8 +107,8 @@ TEST_F(SecondVolume, AFullVolumeFailsWithoutAskingAndLeavesNothing) {
 // A folder that fills the volume part way through: the copy and the move
 // fail, the source keeps every byte, and no half folder is left behind.
 TEST_F(SecondVolume, AFolderThatFillsTheVolumeMidwayLeavesTheSourceWhole) {
-  Volume small(dir_ / ("small-" + std::to_string(::getpid())), "256k");
-  ASSERT_TRUE(small.mounted());
+  const auto small = volume(dir_.path(), "small", "256k");
+  ASSERT_TRUE(small->mounted());
   fs::create_directories(dir_ / "card/DCIM/100");
   const std::string clip(100 * 1024, 'c');
   for (const char* name : {"A001.MOV", "A002.MOV", "A003.MOV", "A004.MOV"})
@@ -150,16 +118,16 @@ TEST_F(SecondVolume, AFolderThatFillsTheVolumeMidwayLeavesTheSourceWhole) {
       if (readFile(dir_ / (std::string("card/DCIM/100/") + name)) != clip) return false;
     return true;
   };
-  EXPECT_FALSE(FM::copyFile(dir_ / "card", small / "card"));
+  EXPECT_FALSE(FM::copyFile(dir_ / "card", *small / "card"));
   EXPECT_FALSE(FM::lastFailureNeedsRights());
   EXPECT_TRUE(sourceWhole());
-  EXPECT_EQ(namesIn(small / ""), std::set<std::string>());
-  EXPECT_FALSE(FM::moveFile(dir_ / "card", small / "card"));
+  EXPECT_EQ(namesIn(small->path()), std::set<std::string>());
+  EXPECT_FALSE(FM::moveFile(dir_ / "card", *small / "card"));
   EXPECT_TRUE(sourceWhole());
-  EXPECT_EQ(namesIn(small / ""), std::set<std::string>());
+  EXPECT_EQ(namesIn(small->path()), std::set<std::string>());
   // The volume is usable afterwards: what fits is copied.
-  EXPECT_TRUE(FM::copyFile(dir_ / "card/DCIM/100/A001.MOV", small / "A001.MOV"));
-  EXPECT_EQ(readFile(small / "A001.MOV"), clip);
+  EXPECT_TRUE(FM::copyFile(dir_ / "card/DCIM/100/A001.MOV", *small / "A001.MOV"));
+  EXPECT_EQ(readFile(*small / "A001.MOV"), clip);
 }
 
 // --- The fall-back, taken by an ordinary user -----------------------------------------
@@ -180,19 +148,13 @@ class FallBack : public ::testing::Test {
     }
     ::chmod((admin_->work() + "/locked").c_str(), 0700);
   }
-  int run(std::vector<std::string> args, const std::string& input, std::string* text) {
-    UniqueFd output;
-    const pid_t pid = admin_->startProgram(std::move(args), input, &output);
-    if (pid <= 0) return -1;
-    return ThrowawayAdmin::finish(pid, output, text);
-  }
   std::unique_ptr<ThrowawayAdmin> admin_;
 };
 
 TEST_F(FallBack, OnlyAMissingRightTakesIt) {
   std::string text;
   const std::string self = path::append(admin_->bin(), path::lastComponent(selfExecutable()));
-  EXPECT_EQ(run({self, "--gtest_filter=AsFileUser.FallBack"}, admin_->password(), &text), 0)
+  EXPECT_EQ(admin_->run({self, "--gtest_filter=AsFileUser.FallBack"}, admin_->password(), &text), 0)
       << text;
   EXPECT_NE(text.find("[  PASSED  ] 1 test"), std::string::npos) << text;
   EXPECT_FALSE(exists(admin_->work() + "/victim"));
@@ -202,23 +164,25 @@ TEST_F(FallBack, OnlyAMissingRightTakesIt) {
 TEST_F(FallBack, KdReadsThePasswordFromADescriptorOnly) {
   const std::string kd = admin_->install(KD_TOOL_PATH);
   std::string text;
-  EXPECT_EQ(run({kd, "rm", "--password-fd", "0", admin_->work() + "/kd-victim"}, admin_->password(),
-                &text),
+  EXPECT_EQ(admin_->run({kd, "rm", "--password-fd", "0", admin_->work() + "/kd-victim"},
+                        admin_->password(), &text),
             0)
       << text;
   EXPECT_FALSE(exists(admin_->work() + "/kd-victim"));
   // No terminal and no descriptor: a clear failure, nothing removed.
   text.clear();
-  EXPECT_EQ(run({kd, "rm", admin_->work() + "/kd-keep"}, admin_->password(), &text), 1);
+  EXPECT_EQ(admin_->run({kd, "rm", admin_->work() + "/kd-keep"}, admin_->password(), &text), 1);
   EXPECT_NE(text.find("--password-fd"), std::string::npos) << text;
   EXPECT_EQ(text.find(admin_->password()), std::string::npos);
   text.clear();
-  EXPECT_EQ(run({kd, "rm", "--no-auth", "--password-fd", "0", admin_->work() + "/kd-keep"},
-                admin_->password(), &text),
+  EXPECT_EQ(admin_->run({kd, "rm", "--no-auth", "--password-fd", "0", admin_->work() + "/kd-keep"},
+                        admin_->password(), &text),
             1);
   EXPECT_NE(text.find("Permission denied"), std::string::npos) << text;
   text.clear();
-  EXPECT_EQ(run({kd, "rm", "--password-fd", "0", admin_->work() + "/kd-keep"}, "wrong", &text), 1);
+  EXPECT_EQ(
+      admin_->run({kd, "rm", "--password-fd", "0", admin_->work() + "/kd-keep"}, "wrong", &text),
+      1);
   EXPECT_NE(text.find("refused"), std::string::npos) << text;
   EXPECT_TRUE(exists(admin_->work() + "/kd-keep"));
 }

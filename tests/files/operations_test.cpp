@@ -22,26 +22,7 @@ namespace {
 
 using FM = KdFileManager;
 
-bool exists(const std::string& path) {
-  struct stat st {};
-  return ::lstat(path.c_str(), &st) == 0;
-}
-
-std::set<std::string> namesIn(const std::string& folder) {
-  std::set<std::string> names;
-  std::error_code ec;
-  for (const auto& entry : fs::directory_iterator(folder, ec))
-    names.insert(entry.path().filename());
-  return names;
-}
-
-class Operations : public FilesTest {
- protected:
-  std::string trash() const { return tmp_ / "Users/bob/Library/Trash"; }
-  std::string work(const std::string& relative = "") const {
-    return path::append(dir_.path(), relative);
-  }
-};
+using Operations = FilesTest;
 
 TEST_F(Operations, RemoveTakesTreesAndLinksButNothingTheyPointAt) {
   const std::string outside = dir_.touch("outside/keep", "k");

@@ -1,17 +1,16 @@
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <limits>
 #include <thread>
 
 #include "FilesFixture.h"
+#include "common/UniqueFd.h"
 #include "support/ChildMode.h"
-
-extern char** environ;
+#include "support/Process.h"
 
 namespace fs = std::filesystem;
 
@@ -184,10 +183,7 @@ TEST(FileState, FileSizeCountsLinksAsThemselves) {
   d.touch("loop/sub/three", "abc");
   fs::create_symlink("..", d / "loop/sub/up");
   fs::create_symlink("/", d / "loop/root");
-  const auto linkSizes = fs::symlink_status(d / "loop/sub/up").type() == fs::file_type::symlink
-                             ? std::string("..").size() + std::string("/").size()
-                             : 0;
-  EXPECT_EQ(FM::fileSize(d / "loop"), 3u + linkSizes);
+  EXPECT_EQ(FM::fileSize(d / "loop"), 3u + 2 + 1);  // "three", then the links ".." and "/"
   // The path given is followed when it is a link to a folder.
   fs::create_symlink(d / "tree", d / "treelink");
   EXPECT_EQ(FM::fileSize(d / "treelink"), 10u);
@@ -279,16 +275,13 @@ TEST_F(FilesTest, WaitForWritesFollowsTheFile) {
   }
 }
 
-// Holds the file open (for writing with "w", else for reading) until its
-// standard input closes.
+// Holds the file args[0] open (for writing with "w", else for reading), says
+// so by making the file args[2], and waits until the file args[3] exists.
 int holdOpen(const std::vector<std::string>& args) {
-  int fd = ::open(args.at(0).c_str(), (args.at(1) == "w" ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
-  if (fd < 0) return 2;
-  if (::write(STDOUT_FILENO, "ready\n", 6) != 6) return 3;
-  char c;
-  while (::read(STDIN_FILENO, &c, 1) > 0) {
-  }
-  return 0;
+  UniqueFd fd(::open(args.at(0).c_str(), (args.at(1) == "w" ? O_WRONLY : O_RDONLY) | O_CLOEXEC));
+  if (!fd) return 2;
+  std::ofstream(args.at(2)) << "ready";
+  return waitUntil([&] { return exists(args.at(3)); }, std::chrono::seconds(20)) ? 0 : 3;
 }
 KD_CHILD_MODE("hold-open", holdOpen);
 
@@ -297,34 +290,16 @@ TEST(FileState, OpenForWritingSeesAnotherProcess) {
   const std::string file = d.touch("clip.mov", "x");
   fs::create_symlink(file, d / "link.mov");
   EXPECT_FALSE(FM::fileIsOpenForWriting(file));
-  for (const char* mode : {"w", "r"}) {
-    int in[2], out[2];
-    ASSERT_EQ(pipe2(in, O_CLOEXEC), 0);
-    ASSERT_EQ(pipe2(out, O_CLOEXEC), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    const std::string self = selfExecutable();
-    std::vector<std::string> args = {self, "--kd-child", "hold-open", file, mode};
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    ASSERT_EQ(posix_spawn(&pid, self.c_str(), &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(in[0]);
-    ::close(out[1]);
-    char ready[6] = {};
-    EXPECT_EQ(::read(out[0], ready, sizeof ready), 6);
-    const bool writing = std::string(mode) == "w";
-    EXPECT_EQ(FM::fileIsOpenForWriting(file), writing) << mode;
-    EXPECT_EQ(FM::fileIsOpenForWriting(d / "link.mov"), writing) << "links followed";
-    ::close(in[1]);
-    ::close(out[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  for (const std::string mode : {"w", "r"}) {
+    const std::string ready = d / ("ready-" + mode), release = d / ("release-" + mode);
+    const pid_t pid =
+        spawn({selfExecutable(), "--kd-child", "hold-open", file, mode, ready, release});
+    ASSERT_GT(pid, 0);
+    EXPECT_TRUE(waitUntil([&] { return exists(ready); }));
+    EXPECT_EQ(FM::fileIsOpenForWriting(file), mode == "w") << mode;
+    EXPECT_EQ(FM::fileIsOpenForWriting(d / "link.mov"), mode == "w") << "links followed";
+    d.touch(path::lastComponent(release));
+    EXPECT_EQ(exitCode(waitFor(pid)), 0);
   }
   EXPECT_FALSE(FM::fileIsOpenForWriting(file));
   EXPECT_FALSE(FM::fileIsOpenForWriting(d / "missing"));

@@ -15,6 +15,7 @@
 #include <fstream>
 
 #include "FilesFixture.h"
+#include "ScopedMount.h"
 #include "support/ChildMode.h"
 #include "tasks/KdTaskEx.h"
 
@@ -27,95 +28,18 @@ using FM = KdFileManager;
 
 constexpr char kPython[] = "/usr/bin/python3";
 
-int run(const std::vector<std::string>& args) {
-  return KdTaskEx::terminationCodeFromTask(args.at(0), {args.begin() + 1, args.end()});
-}
-
-// One mount of our own below a temporary folder: tmpfs, or an image file
-// made with `mkfs` and mounted through a loop device (by `mount -o loop`, or
-// with a helper program such as exfat-fuse). Unmounted, detached and removed
-// when the owner goes away, whatever happened in between.
-class ScopedMount {
- public:
-  static constexpr std::uint64_t kImageBytes = 16u << 20;
-
-  // tmpfs of 4 MiB at <tmp>/<name>.
-  explicit ScopedMount(const std::string& name) {
-    ::chmod(tmp_.path().c_str(), 0755);
-    point_ = tmp_.mkdir(name);
-    if (::mount("tmpfs", point_.c_str(), "tmpfs", 0, "size=4m") != 0)
-      error_ = std::string("mount tmpfs: ") + std::strerror(errno);
-    else
-      mounted_ = true;
-  }
-
-  // An image formatted by `mkfs` (its arguments end with the image path) and
-  // mounted by `mounter` ("" for the kernel's own driver).
-  ScopedMount(const std::string& name, std::vector<std::string> mkfs, const std::string& mounter) {
-    ::chmod(tmp_.path().c_str(), 0755);  // ordinary users may pass
-    point_ = tmp_.mkdir(name);
-    image_ = tmp_ / "card.img";
-    {
-      int fd = ::open(image_.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-      if (fd < 0 || ::ftruncate(fd, kImageBytes) != 0) error_ = "cannot make the image";
-      if (fd >= 0) ::close(fd);
-    }
-    if (!error_.empty()) return;
-    if (::access(mkfs[0].c_str(), X_OK) != 0) {
-      error_ = mkfs[0] + " is missing";
-      return;
-    }
-    mkfs.push_back(image_);
-    if (run(mkfs) != 0) {
-      error_ = mkfs[0] + " failed";
-      return;
-    }
-    loop_ = KdTaskEx::stringFromTask("/usr/sbin/losetup", {"-f", "--show", image_}, 10.0);
-    while (!loop_.empty() && (loop_.back() == '\n' || loop_.back() == '\r')) loop_.pop_back();
-    if (loop_.rfind("/dev/loop", 0) != 0) {
-      error_ = "no loop device";
-      loop_.clear();
-      return;
-    }
-    int rc =
-        mounter.empty() ? run({"/usr/bin/mount", loop_, point_}) : run({mounter, loop_, point_});
-    if (rc != 0) {
-      error_ = "mounting " + loop_ + " failed";
-      return;
-    }
-    mounted_ = true;
-  }
-
-  ~ScopedMount() {
-    if (mounted_ && ::umount(point_.c_str()) != 0) ::umount2(point_.c_str(), MNT_DETACH);
-    if (!loop_.empty()) run({"/usr/sbin/losetup", "-d", loop_});
-  }
-
-  bool ok() const { return mounted_; }
-  const std::string& error() const { return error_; }
-  const std::string& point() const { return point_; }
-  const std::string& device() const { return loop_; }
-
- private:
-  TempDir tmp_;
-  std::string point_, image_, loop_, error_;
-  bool mounted_ = false;
-};
-
-std::string text(const PlistDict& d, const std::string& key) {
+// The value of a key when it is there and of type T.
+template <class T>
+std::optional<T> value(const PlistDict& d, const std::string& key) {
   auto it = d.find(key);
-  const std::string* s = it == d.end() ? nullptr : it->second.get<std::string>();
-  return s ? *s : "<missing>";
+  const T* v = it == d.end() ? nullptr : it->second.get<T>();
+  return v ? std::optional<T>(*v) : std::nullopt;
 }
-std::int64_t number(const PlistDict& d, const std::string& key) {
-  auto it = d.find(key);
-  const std::int64_t* n = it == d.end() ? nullptr : it->second.get<std::int64_t>();
-  return n ? *n : -1;
+std::optional<std::string> text(const PlistDict& d, const std::string& key) {
+  return value<std::string>(d, key);
 }
-std::optional<bool> flag(const PlistDict& d, const std::string& key) {
-  auto it = d.find(key);
-  const bool* b = it == d.end() ? nullptr : it->second.get<bool>();
-  return b ? std::optional(*b) : std::nullopt;
+std::optional<std::int64_t> number(const PlistDict& d, const std::string& key) {
+  return value<std::int64_t>(d, key);
 }
 
 class VolumesRoot : public FilesTest {
@@ -142,8 +66,8 @@ TEST_F(VolumesRoot, TmpfsIsAVolumeWithDiskInformation) {
   EXPECT_GT(number(*info, "FreeSpace"), 0);
   EXPECT_LE(number(*info, "FreeSpace"), number(*info, "TotalSize"));
   EXPECT_GT(number(*info, "BlockSize"), 0);
-  EXPECT_EQ(flag(*info, "WritableVolume"), true);
-  EXPECT_EQ(flag(*info, "Removable"), false);
+  EXPECT_EQ(value<bool>(*info, "WritableVolume"), true);
+  EXPECT_EQ(value<bool>(*info, "Removable"), false);
   EXPECT_EQ(info->count("DeviceNode"), 0u) << "tmpfs has no device";
   EXPECT_FALSE(FM::infoForDiskAtMountpoint(m.point() + "/DCIM"));
   EXPECT_FALSE(FM::infoForDiskAtMountpoint(dir_.path())) << "not a mount point";
@@ -159,10 +83,10 @@ TEST_F(VolumesRoot, TmpfsIsAVolumeWithDiskInformation) {
        kd, m.point(), kPython},
       10.0);
   EXPECT_EQ(plist, "KDCARD" + tag_ + " 4194304\n");
-  EXPECT_EQ(run({"/bin/sh", "-c", "\"$0\" info --json \"$1\" | \"$2\" -m json.tool >/dev/null", kd,
-                 m.point(), kPython}),
+  EXPECT_EQ(runTool({"/bin/sh", "-c", "\"$0\" info --json \"$1\" | \"$2\" -m json.tool >/dev/null",
+                     kd, m.point(), kPython}),
             0);
-  EXPECT_EQ(run({kd, "info", dir_.path()}), 1);
+  EXPECT_EQ(runTool({kd, "info", dir_.path()}), 1);
 }
 
 TEST_F(VolumesRoot, LoopMountedExt4Image) {
@@ -173,10 +97,10 @@ TEST_F(VolumesRoot, LoopMountedExt4Image) {
   EXPECT_EQ(text(*info, "VolumeName"), "KD_EXT4");
   EXPECT_EQ(text(*info, "FilesystemType"), "ext4");
   EXPECT_EQ(text(*info, "DeviceNode"), m.device());
-  EXPECT_NE(text(*info, "VolumeUUID"), "<missing>");
+  EXPECT_TRUE(text(*info, "VolumeUUID"));
   EXPECT_GT(number(*info, "TotalSize"), 8 << 20);
-  EXPECT_EQ(flag(*info, "Ejectable"), true) << "a disk image";
-  EXPECT_EQ(flag(*info, "Internal"), false);
+  EXPECT_EQ(value<bool>(*info, "Ejectable"), true) << "a disk image";
+  EXPECT_EQ(value<bool>(*info, "Internal"), false);
   EXPECT_EQ(FM::volumeMountPointForPath(m.point() + "/lost+found"), m.point());
 }
 
@@ -190,7 +114,7 @@ TEST_F(VolumesRoot, ExfatCardImage) {
   EXPECT_EQ(text(*info, "FilesystemType"), "exfat") << "the file system, not fuseblk";
   EXPECT_EQ(text(*info, "FilesystemName"), "ExFAT");
   EXPECT_EQ(text(*info, "DeviceNode"), m.device());
-  EXPECT_EQ(flag(*info, "WritableVolume"), true);
+  EXPECT_EQ(value<bool>(*info, "WritableVolume"), true);
 
   // A card keeps neither attributes nor flags: unlocking finds nothing to
   // undo and says nothing; locking says why it could not.
@@ -231,12 +155,12 @@ TEST_F(VolumesRoot, LockAsRootAndAsAnOrdinaryUser) {
   ScopedMount m("lock-" + tag_, {"/usr/sbin/mkfs.ext4", "-q"}, "");
   if (!m.ok()) GTEST_SKIP() << m.error();
   const std::string user = "kdlock" + tag_;
-  ASSERT_EQ(
-      run({"/usr/sbin/useradd", "-M", "-d", "/nonexistent", "-s", "/usr/sbin/nologin", "-U", user}),
-      0);
+  ASSERT_EQ(runTool({"/usr/sbin/useradd", "-M", "-d", "/nonexistent", "-s", "/usr/sbin/nologin",
+                     "-U", user}),
+            0);
   struct Cleanup {
     std::string user;
-    ~Cleanup() { run({"/usr/sbin/userdel", user}); }
+    ~Cleanup() { runTool({"/usr/sbin/userdel", user}); }
   } cleanup{user};
   struct passwd* pw = getpwnam(user.c_str());
   ASSERT_TRUE(pw);
@@ -267,9 +191,9 @@ TEST_F(VolumesRoot, LockAsRootAndAsAnOrdinaryUser) {
 
   // An ordinary user cannot set the flag: the marker and no write bits.
   auto asUser = [&](const char* op) {
-    return run({"/usr/bin/setpriv", "--reuid=" + std::to_string(uid),
-                "--regid=" + std::to_string(gid), "--clear-groups", selfExecutable(), "--kd-child",
-                "lock-tree", tree, op});
+    return runTool({"/usr/bin/setpriv", "--reuid=" + std::to_string(uid),
+                    "--regid=" + std::to_string(gid), "--clear-groups", selfExecutable(),
+                    "--kd-child", "lock-tree", tree, op});
   };
   ASSERT_EQ(asUser("lock"), 0);
   for (const auto& f : files) {

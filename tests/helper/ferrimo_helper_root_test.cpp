@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -20,45 +19,15 @@
 #include "helper/FerrimoHelper.h"
 #include "platform/Platform.h"
 #include "support/ChildMode.h"
+#include "support/Process.h"
 #include "support/TempDir.h"
 
 namespace fs = std::filesystem;
 using kd::test::readFile;
+using kd::test::run;
 using kd::test::TempDir;
 
 namespace {
-
-// Runs a program and waits for it; returns its exit status (-1 when it could
-// not be started or did not exit normally).
-int runAndWait(const std::vector<std::string>& args, const std::vector<std::string>& env = {},
-               const std::string& cwd = "") {
-  std::vector<char*> argv, envp;
-  for (auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  for (auto& e : env) envp.push_back(const_cast<char*>(e.c_str()));
-  envp.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (!cwd.empty()) posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
-  pid_t pid = 0;
-  int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(),
-                       env.empty() ? environ : envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) return -1;
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-void setModificationAge(const std::string& path, double secondsAgo) {
-  auto now = std::chrono::system_clock::now().time_since_epoch();
-  double t = std::chrono::duration<double>(now).count() - secondsAgo;
-  timespec times[2];
-  times[0].tv_sec = times[1].tv_sec = static_cast<time_t>(t);
-  times[0].tv_nsec = times[1].tv_nsec = static_cast<long>((t - static_cast<time_t>(t)) * 1e9);
-  utimensat(AT_FDCWD, path.c_str(), times, 0);
-}
 
 // A run as root with the given user at the console ("--kd-child root-run USER
 // ARGS..."): the helper then writes into that user's home.
@@ -100,8 +69,8 @@ class FerrimoHelperRoot : public ::testing::Test {
     user_ = "kdhelper" + std::to_string(getpid() % 100000);
     // A home as the system lays them out: <homes>/<user>.
     home_ = root_->mkdir("home") + "/" + user_;
-    if (runAndWait({"/usr/sbin/useradd", "-M", "-d", home_, "-s", "/usr/sbin/nologin", "-U",
-                    user_}) != 0) {
+    if (run({"/usr/sbin/useradd", "-M", "-d", home_, "-s", "/usr/sbin/nologin", "-U", user_}) !=
+        0) {
       skipReason_ = "useradd failed";
       return;
     }
@@ -111,7 +80,7 @@ class FerrimoHelperRoot : public ::testing::Test {
   }
 
   static void TearDownTestSuite() {
-    if (uid_ != 0) runAndWait({"/usr/sbin/userdel", user_});
+    if (uid_ != 0) run({"/usr/sbin/userdel", user_});
     if (!user_.empty()) fs::remove_all("/media/" + user_);
     delete root_;
     root_ = nullptr;
@@ -152,7 +121,9 @@ class FerrimoHelperRoot : public ::testing::Test {
       fs::create_directories(fs::path(card + "/" + f).parent_path());
       std::ofstream(card + "/" + f) << "x";
     }
-    setModificationAge(card, ageSeconds);
+    fs::last_write_time(card, fs::file_time_type::clock::now() -
+                                  std::chrono::duration_cast<fs::file_time_type::duration>(
+                                      std::chrono::duration<double>(ageSeconds)));
     return card;
   }
 
@@ -165,15 +136,15 @@ class FerrimoHelperRoot : public ::testing::Test {
                                  "--",
                                  KD_HELPER_PATH};
     cmd.insert(cmd.end(), args.begin(), args.end());
-    EXPECT_EQ(runAndWait(cmd, {"HOME=" + home_, "USER=" + user_, "PATH=/usr/bin:/bin"}, appDir_),
-              0);
+    const std::vector<std::string> env{"HOME=" + home_, "USER=" + user_, "PATH=/usr/bin:/bin"};
+    EXPECT_EQ(run(cmd, {.env = env, .cwd = appDir_}), 0);
   }
 
   // Runs the helper as root with the throwaway user at the console.
   void runHelperAsRoot(const std::vector<std::string>& args = {}) {
     std::vector<std::string> cmd{kd::test::selfExecutable(), "--kd-child", "root-run", user_};
     cmd.insert(cmd.end(), args.begin(), args.end());
-    EXPECT_EQ(runAndWait(cmd, {"PATH=/usr/bin:/bin"}, appDir_), 0);
+    EXPECT_EQ(run(cmd, {.env = std::vector<std::string>{"PATH=/usr/bin:/bin"}, .cwd = appDir_}), 0);
   }
 
   std::string settingsPath() const { return home_ + "/.config/com.quillfen.Ferrimo.plist"; }
@@ -182,12 +153,23 @@ class FerrimoHelperRoot : public ::testing::Test {
 
   // The stand-in's launches, after giving a launch in flight time to land.
   std::string launches(bool expectOne) const {
-    for (int i = 0; i < (expectOne ? 300 : 30); ++i) {
-      std::string s = readFile(launchesPath());
-      if (!s.empty()) return s;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    kd::test::waitUntil([&] { return !readFile(launchesPath()).empty(); },
+                        std::chrono::milliseconds(expectOne ? 3000 : 300));
     return readFile(launchesPath());
+  }
+
+  // Puts `bytes` at `path` as the user's file.
+  void put(const std::string& path, const std::string& bytes) {
+    fs::remove(path);
+    std::ofstream(path, std::ios::binary) << bytes;
+    chown(path.c_str(), uid_, gid_);
+  }
+  // What the run kept aside of damaged settings; "(none)" when nothing.
+  std::string keptAside() const {
+    for (const auto& e : fs::directory_iterator(home_ + "/.config"))
+      if (e.path().filename().string().starts_with("com.quillfen.Ferrimo.plist.damaged-"))
+        return readFile(e.path().string());
+    return "(none)";
   }
 
   void writeSettings(const kd::PlistDict& dict) {
@@ -270,24 +252,15 @@ TEST_F(FerrimoHelperRoot, IgnoredVolumesAndARunningFerrimoLaunchNothing) {
   std::string other = root_->mkdir("running");
   chmod(other.c_str(), 0777);
   fs::copy_file(KD_STAND_IN_FERRIMO, other + "/Ferrimo");
-  pid_t pid = 0;
-  std::vector<std::string> cmd{"/usr/bin/setpriv",
-                               "--reuid=" + std::to_string(uid_),
-                               "--regid=" + std::to_string(gid_),
-                               "--clear-groups",
-                               "--",
-                               other + "/Ferrimo"};
-  std::vector<char*> argv;
-  for (auto& a : cmd) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  char stay[] = "FERRIMO_STANDIN_STAY=30";
-  char* envp[] = {stay, nullptr};
-  ASSERT_EQ(posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), envp), 0);
-  for (int i = 0; i < 200 && readFile(other + "/launches.log").empty(); ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  const pid_t pid = kd::test::spawn(
+      {"/usr/bin/setpriv", "--reuid=" + std::to_string(uid_), "--regid=" + std::to_string(gid_),
+       "--clear-groups", "--", other + "/Ferrimo"},
+      {.env = std::vector<std::string>{"FERRIMO_STANDIN_STAY=30"}});
+  ASSERT_GT(pid, 0);
+  kd::test::waitUntil([&] { return !readFile(other + "/launches.log").empty(); });
   runHelper();
   kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
+  kd::test::waitFor(pid);
   EXPECT_NE(log().find(" - Ferrimo is already running.\n"), std::string::npos) << log();
   EXPECT_EQ(launches(false), "");
 }
@@ -379,16 +352,10 @@ TEST_F(FerrimoHelperRoot, SettingsReplacedByGarbageOrAFolder) {
     x ^= x << 5;
     c = static_cast<char>(x);
   }
-  fs::remove(settings);
-  std::ofstream(settings, std::ios::binary) << garbage;
-  chown(settings.c_str(), uid_, gid_);
+  put(settings, garbage);
   runHelper({"-setup"});
   EXPECT_NE(log().find(" is damaged ("), std::string::npos) << log();
-  bool kept = false;
-  for (const auto& e : fs::directory_iterator(home_ + "/.config"))
-    if (e.path().filename().string().starts_with("com.quillfen.Ferrimo.plist.damaged-"))
-      kept = readFile(e.path().string()) == garbage;
-  EXPECT_TRUE(kept) << "the damaged file is not kept aside whole";
+  EXPECT_TRUE(keptAside() == garbage) << "the damaged file is not kept aside whole";
   EXPECT_TRUE(kd::plistDate(kd::readPlistDictionaryOrEmpty(settings), "lastStartup"));
 
   fs::remove(settings);
@@ -406,17 +373,6 @@ TEST_F(FerrimoHelperRoot, SettingsReplacedByGarbageOrAFolder) {
 
 TEST_F(FerrimoHelperRoot, SettingsAreNeverLost) {
   const std::string settings = settingsPath();
-  auto put = [&](const std::string& path, const std::string& bytes) {
-    fs::remove(path);
-    std::ofstream(path, std::ios::binary) << bytes;
-    chown(path.c_str(), uid_, gid_);
-  };
-  auto keptAside = [&]() -> std::string {
-    for (const auto& e : fs::directory_iterator(home_ + "/.config"))
-      if (e.path().filename().string().starts_with("com.quillfen.Ferrimo.plist.damaged-"))
-        return readFile(e.path().string());
-    return "(none)";
-  };
 
   // A NUL byte, which the XML form cannot hold: damaged, kept aside, replaced.
   const std::string withNul =

@@ -1,10 +1,8 @@
 // The mount agent, run for real: it must start the helper once at start with
 // "-setup" and exactly once per new mount of removable media, never for an
 // unmount or for other mounts, and report how each run ended.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,39 +14,35 @@
 #include <filesystem>
 #include <sstream>
 #include <thread>
+#include <utility>
 
+#include "support/Process.h"
 #include "support/TempDir.h"
 
 using kd::test::TempDir;
 
 namespace {
 
+using kd::test::countOf;
+using kd::test::readFile;
+
 std::vector<std::string> lines(const std::string& path) {
   std::vector<std::string> out;
-  std::istringstream in(kd::test::readFile(path));
+  std::istringstream in(readFile(path));
   for (std::string l; std::getline(in, l);) out.push_back(l);
   return out;
 }
 
 // Waits until the file has at least `n` lines or the time is up.
 std::vector<std::string> waitForLines(const std::string& path, std::size_t n, int ms) {
-  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  auto got = lines(path);
-  while (got.size() < n && std::chrono::steady_clock::now() < until) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    got = lines(path);
-  }
-  return got;
+  kd::test::waitUntil([&] { return lines(path).size() >= n; }, std::chrono::milliseconds(ms));
+  return lines(path);
 }
 
-// Waits until the file holds `text` or the time is up.
-bool waitForText(const std::string& path, const std::string& text, int ms) {
-  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (kd::test::readFile(path).find(text) == std::string::npos) {
-    if (std::chrono::steady_clock::now() >= until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return true;
+// Waits until the file holds `text` at least `n` times or the time is up.
+bool waitForText(const std::string& path, const std::string& text, int ms, int n = 1) {
+  return kd::test::waitUntil([&] { return countOf(readFile(path), text) >= n; },
+                             std::chrono::milliseconds(ms));
 }
 
 // A tmpfs mounted where desktops put removable media (/media/<name>/CARD),
@@ -84,36 +78,21 @@ class Agent {
     std::vector<std::string> args{KD_AGENT_PATH, "--helper", helper,      "--app-dir",
                                   appDir,        "--lock",   dir / "lock"};
     args.insert(args.end(), options.begin(), options.end());
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
     for (char** e = environ; *e; ++e) env.emplace_back(*e);
-    std::vector<char*> envp;
-    for (auto& e : env) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, (dir / "stderr").c_str(),
-                                     O_WRONLY | O_CREAT | O_APPEND, 0644);
-    started_ = posix_spawn(&pid_, KD_AGENT_PATH, &actions, nullptr, argv.data(), envp.data()) == 0;
-    posix_spawn_file_actions_destroy(&actions);
+    pid_ = kd::test::spawn(args, {.env = env, .err = dir / "stderr"});
   }
   ~Agent() {
-    if (started_) stop();
+    if (started()) stop();
   }
-  bool started() const { return started_; }
+  bool started() const { return pid_ > 0; }
   // Stops the agent; its wait status.
   int stop() {
-    started_ = false;
     kill(pid_, SIGTERM);
-    int status = -1;
-    waitpid(pid_, &status, 0);
-    return status;
+    return kd::test::waitFor(std::exchange(pid_, -1));
   }
 
  private:
   pid_t pid_ = -1;
-  bool started_ = false;
 };
 
 }  // namespace
@@ -151,7 +130,7 @@ TEST(MountAgentRoot, RunsTheHelperAtStartAndOncePerNewRemovableMount) {
   ASSERT_TRUE(card.mount()) << strerror(errno);
   const std::string started = "new removable volume " + card.target() + ": started the helper";
   const std::string ended = "new removable volume " + card.target() + ": the helper (pid ";
-  EXPECT_TRUE(waitForText(errPath, ended, 5000)) << kd::test::readFile(errPath);
+  EXPECT_TRUE(waitForText(errPath, ended, 5000)) << readFile(errPath);
   runs = lines(record);
   EXPECT_NE(std::find(runs.begin() + 1, runs.end(), appDir + "|"), runs.end())
       << "a mount run has no arguments";
@@ -161,15 +140,10 @@ TEST(MountAgentRoot, RunsTheHelperAtStartAndOncePerNewRemovableMount) {
 
   const int status = agent.stop();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "stops cleanly on SIGTERM";
-  const std::string log = kd::test::readFile(errPath);
-  auto count = [&log](const std::string& text) {
-    int n = 0;
-    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
-    return n;
-  };
-  EXPECT_EQ(count(started), 1) << "one run for the card, none for its unmount:\n" << log;
-  EXPECT_EQ(count(other + ":"), 0) << "nothing for other mounts:\n" << log;
-  EXPECT_EQ(count("login: started the helper"), 1) << log;
+  const std::string log = readFile(errPath);
+  EXPECT_EQ(countOf(log, started), 1) << "one run for the card, none for its unmount:\n" << log;
+  EXPECT_EQ(countOf(log, other + ":"), 0) << "nothing for other mounts:\n" << log;
+  EXPECT_EQ(countOf(log, "login: started the helper"), 1) << log;
   EXPECT_NE(log.find("login: the helper (pid "), std::string::npos) << log;
   EXPECT_EQ(log.find("<"), std::string::npos) << "no priorities outside the journal: " << log;
 }
@@ -193,7 +167,7 @@ TEST(MountAgentRoot, ReportsHowTheHelperEndedWithJournalPriorities) {
   ASSERT_TRUE(agent.started());
   EXPECT_TRUE(waitForText(errPath, "ended with signal SIGTERM", 5000));
   agent.stop();
-  const std::string log = kd::test::readFile(errPath);
+  const std::string log = readFile(errPath);
   EXPECT_NE(log.find("<4>ferrimo-mount-agent: no Ferrimo application at " + appDir),
             std::string::npos)
       << log;
@@ -209,20 +183,13 @@ TEST(MountAgentRoot, LockFolderBelowTmpMustBeTheUsersOwn) {
   const std::string lock = folder + "/agent.lock";
   TempDir dir;
   auto runAgent = [&](bool stopSoon) {
-    std::vector<std::string> args{KD_AGENT_PATH, "--helper", "/bin/true", "--app-dir",
-                                  dir.path(),    "--lock",   lock,        "--no-setup"};
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    if (posix_spawn(&pid, KD_AGENT_PATH, nullptr, nullptr, argv.data(), environ) != 0) return -1;
-    if (stopSoon) {
+    const pid_t pid = kd::test::spawn({KD_AGENT_PATH, "--helper", "/bin/true", "--app-dir",
+                                       dir.path(), "--lock", lock, "--no-setup"});
+    if (pid > 0 && stopSoon) {
       std::this_thread::sleep_for(std::chrono::milliseconds(300));
       kill(pid, SIGTERM);
     }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return pid > 0 ? kd::test::exitCode(kd::test::waitFor(pid)) : -1;
   };
 
   ASSERT_EQ(mkdir(folder.c_str(), 0700), 0);
@@ -241,26 +208,6 @@ TEST(MountAgentRoot, LockFolderBelowTmpMustBeTheUsersOwn) {
   unlink(lock.c_str());
   rmdir(folder.c_str());
 }
-
-namespace {
-
-int countIn(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-  return n;
-}
-
-// Waits until the file holds `text` at least `n` times or the time is up.
-bool waitForCount(const std::string& path, const std::string& text, int n, int ms) {
-  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-  while (countIn(kd::test::readFile(path), text) < n) {
-    if (std::chrono::steady_clock::now() >= until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
-}  // namespace
 
 // Fifty mounts in quick succession, two card slots taking turns, each
 // unmounted as soon as the agent has started its helper run (the run still
@@ -284,25 +231,23 @@ TEST(MountAgentRoot, FiftyQuickMountsStartOneRunEach) {
   auto startedFor = [](const MediaMount& m) {
     return "new removable volume " + m.target() + ": started the helper";
   };
-  auto runsFor = [&](const MediaMount& m) {
-    return countIn(kd::test::readFile(errPath), startedFor(m));
-  };
+  auto runsFor = [&](const MediaMount& m) { return countOf(readFile(errPath), startedFor(m)); };
 
   const auto begin = std::chrono::steady_clock::now();
   for (int i = 0; i < 50; ++i) {
     MediaMount& card = slots[i % 2];
     ASSERT_TRUE(card.mount()) << strerror(errno);
-    ASSERT_TRUE(waitForCount(errPath, startedFor(card), i / 2 + 1, 10000))
+    ASSERT_TRUE(waitForText(errPath, startedFor(card), 10000, i / 2 + 1))
         << "mount " << i + 1 << " started no run:\n"
-        << kd::test::readFile(errPath);
+        << readFile(errPath);
     ASSERT_TRUE(card.unmount()) << strerror(errno);
   }
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
   RecordProperty("seconds_for_50_mounts", std::to_string(seconds));
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  EXPECT_EQ(runsFor(slots[0]), 25) << kd::test::readFile(errPath);
-  EXPECT_EQ(runsFor(slots[1]), 25) << kd::test::readFile(errPath);
+  EXPECT_EQ(runsFor(slots[0]), 25) << readFile(errPath);
+  EXPECT_EQ(runsFor(slots[1]), 25) << readFile(errPath);
 
   // One slot, remounted the moment its run started: the unmount and the next
   // mount may come in one reading of the table, with the same mount id and
@@ -313,9 +258,9 @@ TEST(MountAgentRoot, FiftyQuickMountsStartOneRunEach) {
     const int first = runsFor(slots[0]);
     for (int i = 1; i <= 20; ++i) {
       ASSERT_TRUE(slots[0].mount()) << strerror(errno);
-      ASSERT_TRUE(waitForCount(errPath, startedFor(slots[0]), first + i, 10000))
+      ASSERT_TRUE(waitForText(errPath, startedFor(slots[0]), 10000, first + i))
           << "remount " << i << " started no run:\n"
-          << kd::test::readFile(errPath);
+          << readFile(errPath);
       ASSERT_TRUE(slots[0].unmount()) << strerror(errno);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -336,18 +281,17 @@ TEST(MountAgentRoot, FiftyQuickMountsStartOneRunEach) {
   // And the agent still answers.
   const int before = runsFor(slots[1]);
   ASSERT_TRUE(slots[1].mount()) << strerror(errno);
-  EXPECT_TRUE(waitForCount(errPath, startedFor(slots[1]), before + 1, 10000))
-      << kd::test::readFile(errPath);
+  EXPECT_TRUE(waitForText(errPath, startedFor(slots[1]), 10000, before + 1)) << readFile(errPath);
   ASSERT_TRUE(slots[1].unmount());
   // Every run the agent started is one the helper made (nothing lost), and
   // each has ended by the time the agent stops.
   std::this_thread::sleep_for(std::chrono::milliseconds(800));
   const int status = agent.stop();
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "stops cleanly on SIGTERM";
-  const std::string log = kd::test::readFile(errPath);
+  const std::string log = readFile(errPath);
   // (Other programs' mounts of removable media count on both sides.)
-  EXPECT_EQ(static_cast<int>(lines(record).size()), countIn(log, ": started the helper")) << log;
-  EXPECT_EQ(countIn(log, ": the helper (pid "), countIn(log, ": started the helper"))
+  EXPECT_EQ(static_cast<int>(lines(record).size()), countOf(log, ": started the helper")) << log;
+  EXPECT_EQ(countOf(log, ": the helper (pid "), countOf(log, ": started the helper"))
       << "every run's end is reported:\n"
       << log;
 }

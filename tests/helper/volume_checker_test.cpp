@@ -1,6 +1,4 @@
-#include <grp.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -10,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "helper/FerrimoVolumeChecker.h"
+#include "support/Process.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -104,22 +103,16 @@ TEST(VerifyVolumeType, UnreadableFoldersCountAsEmpty) {
   for (std::size_t i = 0; i < cards.size(); ++i)
     ASSERT_EQ(chmod((volumes[i] + cards[i].locked).c_str(), 0311), 0);
   // A child that has dropped root, which would read every folder; it exits
-  // with a bit set for each wrong code, or 255 when it cannot drop.
-  const pid_t pid = fork();
-  if (pid == 0) {
-    if (geteuid() == 0 && (setgroups(0, nullptr) != 0 || setresgid(65534, 65534, 65534) != 0 ||
-                           setresuid(65534, 65534, 65534) != 0))
-      _exit(255);
+  // with a bit set for each wrong code.
+  const int status = kd::test::runAsNobody([&] {
     int wrong = 0;
     for (std::size_t i = 0; i < cards.size(); ++i)
       wrong |= (FerrimoVolumeChecker::verifyVolumeType(volumes[i]) != cards[i].expected) << i;
-    _exit(wrong);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 255) GTEST_SKIP() << "cannot switch to the nobody user (uid 65534)";
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "bit i set: case i gave the wrong code";
+    return wrong;
+  });
+  if (status == kd::test::kCannotDrop)
+    GTEST_SKIP() << "cannot switch to the nobody user (uid 65534)";
+  EXPECT_EQ(status, 0) << "bit i set: case i gave the wrong code";
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-#include <spawn.h>
 #include <sys/wait.h>
 
 #include <csignal>
@@ -8,8 +7,7 @@
 #include "LogFixture.h"
 #include "log/KdException.h"
 #include "support/ChildMode.h"
-
-extern char** environ;
+#include "support/Process.h"
 
 namespace kd::test {
 namespace {
@@ -65,14 +63,9 @@ KD_CHILD_MODE("log-uncaught", dieOfUncaughtException);
 
 TEST_F(LogTest, UncaughtExceptionReachesTheLog) {
   const std::string out = tmp_ / "stdout", exe = selfExecutable(), homes = tmp_ / "Users";
-  std::vector<const char*> argv{exe.c_str(),   "--kd-child", "log-uncaught",
-                                homes.c_str(), out.c_str(),  nullptr};
-  pid_t pid = -1;
-  ASSERT_EQ(
-      posix_spawn(&pid, exe.c_str(), nullptr, nullptr, const_cast<char**>(argv.data()), environ),
-      0);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  const pid_t pid = spawn({exe, "--kd-child", "log-uncaught", homes, out});
+  ASSERT_GT(pid, 0);
+  const int status = waitFor(pid);
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << "status " << status;
   EXPECT_EQ(readFile(out), "card vanished at 50%%\n");
   EXPECT_EQ(messages(logPath(1)), withHeader({"working", "card vanished at 50%"}));

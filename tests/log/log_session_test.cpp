@@ -77,10 +77,9 @@ TEST_F(LogTest, GlobalPreferenceDisablesLogging) {
     bool disabled;
   };
   const Case cases[] = {
-      {"string 1", PlistValue("1"), true},   {"boolean true", PlistValue(true), true},
-      {"integer 1", PlistValue(1), true},    {"real 1.0", PlistValue(1.0), true},
-      {"string 0", PlistValue("0"), false},  {"string yes", PlistValue("yes"), false},
-      {"integer 0", PlistValue(0), false},   {"integer 2", PlistValue(2), false},
+      // Which values set the flag is the property list tests' matter.
+      {"string 1", PlistValue("1"), true},
+      {"integer 0", PlistValue(0), false},
       {"missing file", std::nullopt, false},
   };
   const std::string prefs =

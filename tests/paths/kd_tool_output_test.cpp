@@ -1,13 +1,12 @@
 // kd's rules for scripts: data on standard output, messages on standard error,
 // a write error fails the command, `kd run` statuses, NUL-terminated records.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <algorithm>
+#include <csignal>
 #include <set>
 
+#include "support/Process.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -26,26 +25,9 @@ Result runKd(const kd::test::TempDir& dir, std::vector<std::string> args,
   const bool captureOut = outPath.empty();
   if (captureOut) outPath = dir / "stdout";
   args.insert(args.begin(), KD_TOOL_PATH);
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  std::string home = "HOME=" + dir.mkdir("home"), path = "PATH=/usr/bin:/bin";
-  char* envp[] = {home.data(), path.data(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0644);
-  posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0644);
-  posix_spawn_file_actions_addchdir_np(&actions, cwd.c_str());
-  pid_t pid = -1;
+  const std::vector<std::string> env{"HOME=" + dir.mkdir("home"), "PATH=/usr/bin:/bin"};
   Result result;
-  if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp) == 0) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
-  }
-  posix_spawn_file_actions_destroy(&actions);
+  result.status = kd::test::run(args, {.env = env, .cwd = cwd, .out = outPath, .err = errPath});
   if (captureOut) result.out = kd::test::readFile(outPath);
   result.err = kd::test::readFile(errPath);
   return result;

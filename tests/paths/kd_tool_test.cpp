@@ -2,19 +2,17 @@
 // would get the console user's folders, so under root the child drops to the
 // unprivileged user "nobody" first.
 #include <fcntl.h>
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <filesystem>
 #include <sstream>
 
+#include "common/UniqueFd.h"
+#include "support/Process.h"
 #include "support/TempDir.h"
 
 TEST(KdTool, PathsOfTheUserDomainLieInTheHome) {
-  constexpr uid_t kNobody = 65534;
-  constexpr int kCannotDrop = 77;
   // A home the unprivileged child can enter, with a localised desktop, and a
   // copy of kd it can run (the build folder may lie below a folder only root
   // may enter).
@@ -28,21 +26,15 @@ TEST(KdTool, PathsOfTheUserDomainLieInTheHome) {
   std::string homeVar = "HOME=" + home, pathVar = "PATH=/usr/bin:/bin", command = "paths";
   char* const argv[] = {tool.data(), command.data(), nullptr};
   char* const envp[] = {homeVar.data(), pathVar.data(), nullptr};
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0 || dup2(fd, STDOUT_FILENO) < 0 ||
-        (getuid() == 0 &&
-         (setgroups(0, nullptr) != 0 || setresgid(kNobody, kNobody, kNobody) != 0 ||
-          setresuid(kNobody, kNobody, kNobody) != 0)))
-      _exit(kCannotDrop);
+  // Opened here: as nobody the child could not create it.
+  const kd::UniqueFd fd(open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  ASSERT_TRUE(fd);
+  const int status = kd::test::runAsNobody([&] {
+    if (dup2(fd.get(), STDOUT_FILENO) < 0) return 126;
     execve(argv[0], argv, envp);
-    _exit(127);
-  }
-  int status = -1;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == kCannotDrop)
-    GTEST_SKIP() << "cannot switch to the user nobody";
+    return 127;
+  });
+  if (status == kd::test::kCannotDrop) GTEST_SKIP() << "cannot switch to the user nobody";
   ASSERT_EQ(status, 0);
 
   const std::string paths = kd::test::readFile(out);

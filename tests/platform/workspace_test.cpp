@@ -1,16 +1,13 @@
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
-#include <thread>
 
 #include "platform/Platform.h"
+#include "support/Process.h"
 #include "support/ScopedEnv.h"
 #include "support/TempDir.h"
 
@@ -19,13 +16,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Waits up to five seconds for a file to have contents.
+// Waits up to five seconds for a file to have a whole line.
 std::string waitForContents(const std::string& path) {
-  for (int i = 0; i < 500; ++i) {
-    std::string s = kd::test::readFile(path);
-    if (!s.empty() && s.back() == '\n') return s;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  kd::test::waitUntil([&] { return kd::test::readFile(path).ends_with('\n'); });
   return kd::test::readFile(path);
 }
 
@@ -68,17 +61,12 @@ TEST(LinuxWorkspace, FindsRunningApplicationsByExecutableName) {
   auto& p = kd::nativePlatform();
   EXPECT_FALSE(p.isApplicationRunning("com.quillfen.KdWorkspaceProbe"));
 
-  pid_t pid = 0;
-  char* argv[] = {const_cast<char*>(exe.c_str()), const_cast<char*>("30"), nullptr};
-  ASSERT_EQ(posix_spawn(&pid, exe.c_str(), nullptr, nullptr, argv, environ), 0);
-  bool seen = false;
-  for (int i = 0; i < 100 && !seen; ++i) {
-    seen = p.isApplicationRunning("com.quillfen.KdWorkspaceProbe");
-    if (!seen) std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  EXPECT_TRUE(seen);
+  const pid_t pid = kd::test::spawn({exe, "30"});
+  ASSERT_GT(pid, 0);
+  EXPECT_TRUE(
+      kd::test::waitUntil([&] { return p.isApplicationRunning("com.quillfen.KdWorkspaceProbe"); }));
   EXPECT_FALSE(p.isApplicationRunning("com.quillfen.KdWorkspaceProb")) << "whole names only";
   kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
+  kd::test::waitFor(pid);
   EXPECT_FALSE(p.isApplicationRunning("com.quillfen.KdWorkspaceProbe"));
 }

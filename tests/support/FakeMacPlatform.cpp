@@ -4,43 +4,6 @@ namespace kd::test {
 
 FakeMacPlatform::FakeMacPlatform() : ForwardingPlatform(nativePlatform()) {}
 
-void FakeMacPlatform::setUid(std::uint32_t uid) {
-  std::lock_guard l(mu_);
-  uid_ = uid;
-}
-void FakeMacPlatform::setUser(std::string user) {
-  std::lock_guard l(mu_);
-  user_ = std::move(user);
-}
-void FakeMacPlatform::setConsoleUser(std::optional<std::string> user) {
-  std::lock_guard l(mu_);
-  console_ = std::move(user);
-}
-void FakeMacPlatform::setHomesRoot(std::string root) {
-  std::lock_guard l(mu_);
-  homesRoot_ = std::move(root);
-}
-void FakeMacPlatform::setRootHome(std::string home) {
-  std::lock_guard l(mu_);
-  rootHome_ = std::move(home);
-}
-void FakeMacPlatform::setSearchPath(DirectoryKind kind, unsigned domainMask,
-                                    std::vector<std::string> paths) {
-  std::lock_guard l(mu_);
-  overrides_[{static_cast<int>(kind), domainMask}] = std::move(paths);
-}
-void FakeMacPlatform::setMountedMedia(std::vector<std::string> media) {
-  std::lock_guard l(mu_);
-  media_ = std::move(media);
-}
-void FakeMacPlatform::setRunningBundleIds(std::vector<std::string> ids) {
-  std::lock_guard l(mu_);
-  running_ = std::move(ids);
-}
-void FakeMacPlatform::setCurrentDirectory(std::optional<std::string> dir) {
-  std::lock_guard l(mu_);
-  cwd_ = std::move(dir);
-}
 std::vector<std::string> FakeMacPlatform::systemLogMessages() const {
   std::lock_guard l(mu_);
   return systemLog_;
@@ -53,12 +16,12 @@ std::uint32_t FakeMacPlatform::realUserId() {
 
 std::optional<std::string> FakeMacPlatform::homeDirectory() {
   std::lock_guard l(mu_);
-  return uid_ == 0 ? rootHome_ : homesRoot_ + "/" + user_;
+  return uid_ == 0 ? kRootHome : homesRoot_ + "/" + user_;
 }
 
 std::optional<std::string> FakeMacPlatform::homeDirectoryForUser(const std::string& user) {
   std::lock_guard l(mu_);
-  if (user == "root") return rootHome_;
+  if (user == "root") return kRootHome;
   if (user.empty()) return std::nullopt;
   return homesRoot_ + "/" + user;
 }
@@ -158,18 +121,6 @@ std::optional<std::string> FakeMacPlatform::currentDirectory() {
 void FakeMacPlatform::systemLog(std::string_view message) {
   std::lock_guard l(mu_);
   systemLog_.emplace_back(message);
-}
-
-std::vector<std::string> FakeMacPlatform::mountedRemovableMedia() {
-  std::lock_guard l(mu_);
-  return media_;
-}
-
-bool FakeMacPlatform::isApplicationRunning(std::string_view bundleIdentifier) {
-  std::lock_guard l(mu_);
-  for (const auto& id : running_)
-    if (id == bundleIdentifier) return true;
-  return false;
 }
 
 }  // namespace kd::test

@@ -1,8 +1,8 @@
 // A platform that answers as macOS would, for tests of the text rules.
 //
 // Identity, homes and the search-path table are those of macOS; the homes
-// folder ("/Users") and root's home ("/var/root") can be moved below a
-// temporary folder for tests that write files. Everything not overridden
+// folder ("/Users") can be moved below a temporary folder for tests that
+// write files; no media are mounted and no application runs. Everything not overridden
 // forwards to the native platform. Install it with ScopedPlatform.
 //
 // Threads: configure before installing; the answers may then be read from any
@@ -24,16 +24,15 @@ class FakeMacPlatform : public ForwardingPlatform {
   FakeMacPlatform();
 
   // Configuration (guarded: may change while installed).
-  void setUid(std::uint32_t uid);
-  void setUser(std::string user);  // the process's user when not root
-  void setConsoleUser(std::optional<std::string> user);
-  void setHomesRoot(std::string root);  // default "/Users"
-  void setRootHome(std::string home);   // default "/var/root"
+  void setUid(std::uint32_t uid) { set(uid_, uid); }
+  void setUser(std::string user) { set(user_, std::move(user)); }  // the user when not root
+  void setConsoleUser(std::optional<std::string> user) { set(console_, std::move(user)); }
+  void setHomesRoot(std::string root) { set(homesRoot_, std::move(root)); }  // default "/Users"
   // Replaces the lookup's answer for one kind and domain mask.
-  void setSearchPath(DirectoryKind kind, unsigned domainMask, std::vector<std::string> paths);
-  void setMountedMedia(std::vector<std::string> media);
-  void setRunningBundleIds(std::vector<std::string> ids);
-  void setCurrentDirectory(std::optional<std::string> dir);
+  void setSearchPath(DirectoryKind kind, unsigned domainMask, std::vector<std::string> paths) {
+    set(overrides_[{static_cast<int>(kind), domainMask}], std::move(paths));
+  }
+  void setCurrentDirectory(std::optional<std::string> dir) { set(cwd_, std::move(dir)); }
   // Messages sent to the system log.
   std::vector<std::string> systemLogMessages() const;
 
@@ -52,19 +51,23 @@ class FakeMacPlatform : public ForwardingPlatform {
   std::string osName() override { return "macOS"; }
   std::string osVersionString() override { return "Version 14.5 (Build 23F79)"; }
   void systemLog(std::string_view message) override;
-  std::vector<std::string> mountedRemovableMedia() override;
-  bool isApplicationRunning(std::string_view bundleIdentifier) override;
+  // No media are mounted and nothing runs: the fake never asks the machine.
+  std::vector<std::string> mountedRemovableMedia() override { return {}; }
+  bool isApplicationRunning(std::string_view) override { return false; }
 
  private:
+  template <class Field, class Value>
+  void set(Field& field, Value&& value) {
+    std::lock_guard l(mu_);
+    field = std::forward<Value>(value);
+  }
+  static constexpr char kRootHome[] = "/var/root";
   mutable std::mutex mu_;
   std::uint32_t uid_ = 501;
   std::string user_ = "bob";
   std::optional<std::string> console_ = "bob";
   std::string homesRoot_ = "/Users";
-  std::string rootHome_ = "/var/root";
   std::map<std::pair<int, unsigned>, std::vector<std::string>> overrides_;
-  std::vector<std::string> media_;
-  std::vector<std::string> running_;
   std::optional<std::optional<std::string>> cwd_;
   std::vector<std::string> systemLog_;
 };

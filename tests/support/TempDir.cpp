@@ -1,6 +1,7 @@
 #include "support/TempDir.h"
 
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -56,6 +57,40 @@ std::string readFile(const std::string& path) {
   std::stringstream ss;
   ss << in.rdbuf();
   return ss.str();
+}
+
+bool exists(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0;
+}
+
+uid_t ownerOf(const std::string& path) {
+  struct stat st {};
+  return ::lstat(path.c_str(), &st) == 0 ? st.st_uid : static_cast<uid_t>(-1);
+}
+
+std::set<std::string> namesIn(const std::string& folder, bool recursive) {
+  std::set<std::string> out;
+  std::error_code ec;
+  if (!recursive) {
+    for (const auto& entry : fs::directory_iterator(folder, ec))
+      out.insert(entry.path().filename());
+    return out;
+  }
+  for (auto it = fs::recursive_directory_iterator(folder, ec); !ec && it != fs::end(it);
+       it.increment(ec))
+    out.insert(it->path().lexically_relative(folder).string());
+  return out;
+}
+
+std::string varyingBytes(std::size_t size, unsigned seed) {
+  std::string s(size, '\0');
+  std::uint32_t x = seed * 2654435761u + 12345;
+  for (char& c : s) {
+    x = x * 1103515245u + 12345;
+    c = static_cast<char>(x >> 24);
+  }
+  return s;
 }
 
 }  // namespace kd::test

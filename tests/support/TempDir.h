@@ -2,6 +2,9 @@
 // away. One owner; not shared between threads while being destroyed.
 #pragma once
 
+#include <sys/types.h>
+
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -30,5 +33,15 @@ class TempDir {
 void removeTree(const std::string& path);
 // Reads a whole file; "" when it cannot.
 std::string readFile(const std::string& path);
+// Whether anything is at the path (a dangling link counts; links not followed).
+bool exists(const std::string& path);
+// The owner of what is at the path (links not followed); -1 when nothing is.
+uid_t ownerOf(const std::string& path);
+// The names in a folder; with `recursive`, every path below it relative to it
+// (links not followed). Empty when it cannot be listed.
+std::set<std::string> namesIn(const std::string& folder, bool recursive = false);
+// `size` bytes that differ from chunk to chunk, so that a chunk read or
+// written twice, skipped or misplaced changes a digest.
+std::string varyingBytes(std::size_t size, unsigned seed = 1);
 
 }  // namespace kd::test

@@ -79,12 +79,8 @@ class ThrowawayAdmin {
     std::filesystem::create_directories(home_);
     if (::chown(home_.c_str(), uid_, gid_) != 0 || ::chmod(home_.c_str(), 0700) != 0) return;
     const std::string self = selfExecutable();
-    for (const std::string& program :
-         {self, path::append(path::deletingLastComponent(self), "kd-privileged")}) {
-      const std::string copy = path::append(bin_, path::lastComponent(program));
-      std::filesystem::copy_file(program, copy);
-      ::chmod(copy.c_str(), 0755);
-    }
+    install(self);
+    install(path::append(path::deletingLastComponent(self), "kd-privileged"));
     ready_ = setRule(false);
   }
 
@@ -179,6 +175,13 @@ class ThrowawayAdmin {
     const std::string line = input + "\n";
     if (::write(writer.get(), line.data(), line.size()) < 0) return pid;
     return pid;
+  }
+
+  // startProgram, then finish: the exit status, and all the run wrote in `text`.
+  int run(std::vector<std::string> args, const std::string& input, std::string* text) {
+    UniqueFd output;
+    const pid_t pid = startProgram(std::move(args), input, &output);
+    return pid > 0 ? finish(pid, output, text) : -1;
   }
 
   // Waits for a started run; its exit status (-1 when it did not exit).

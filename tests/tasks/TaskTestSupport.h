@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "support/ChildMode.h"
+#include "support/Process.h"
 #include "tasks/KdTaskEx.h"
 
 namespace kd::test {
@@ -29,9 +30,6 @@ std::string pattern(std::size_t size, char seed);
 // Everything logged so far (waits for the log writer first).
 std::string logText();
 
-// The open descriptors of this process, lowest first.
-std::vector<int> openFds();
-
 // Seconds since `start`.
 inline double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -39,9 +37,7 @@ inline double secondsSince(std::chrono::steady_clock::time_point start) {
 
 // Polls `done` for up to 20 s.
 inline bool eventually(const std::function<bool()>& done) {
-  for (int i = 0; i < 2000; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10)))
-    if (done()) return true;
-  return false;
+  return waitUntil(done, std::chrono::seconds(20));
 }
 
 }  // namespace kd::test

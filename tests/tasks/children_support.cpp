@@ -1,6 +1,5 @@
 // The behaviours the task tests start as child processes (the test program
 // itself, run with "--kd-child <name> args..."), and the test program's log.
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -128,16 +127,6 @@ std::string logText() {
   KdLog::finishWriting();
   std::vector<std::string> logs = KdLog::availableLogs();
   return logs.empty() ? std::string() : readFile(logs.front());
-}
-
-std::vector<int> openFds() {
-  std::vector<int> fds;
-  DIR* dir = ::opendir("/proc/self/fd");
-  while (dirent* e = dir ? ::readdir(dir) : nullptr)
-    if (e->d_name[0] != '.' && std::atoi(e->d_name) != ::dirfd(dir))
-      fds.push_back(std::atoi(e->d_name));
-  if (dir) ::closedir(dir);
-  return fds;
 }
 
 }  // namespace kd::test

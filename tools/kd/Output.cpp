@@ -9,6 +9,7 @@
 #include <streambuf>
 
 #include "common/UniqueFd.h"
+#include "common/Utf8.h"
 
 namespace kd::tool {
 
@@ -88,6 +89,31 @@ void addNullOption(CLI::App* command) {
 void record(std::string_view text) {
   std::cout.write(text.data(), static_cast<std::streamsize>(text.size()));
   std::cout.put(recordEnd);
+}
+
+std::string jsonString(std::string_view text) {
+  std::string out = "\"";
+  for (std::size_t i = 0; i < text.size();) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    const std::size_t length = kd::utf8::validSequenceAt(text, i);
+    if (length == 0) {
+      out += "\\ufffd";
+      ++i;
+      continue;
+    }
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20) {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\u%04x", c);
+      out += escape;
+    } else {
+      out.append(text, i, length);
+    }
+    i += length;
+  }
+  return out + "\"";
 }
 
 }  // namespace kd::tool

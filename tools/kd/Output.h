@@ -13,6 +13,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <string>
 #include <string_view>
 
 namespace kd::tool {
@@ -32,5 +33,8 @@ void addNullOption(CLI::App* command);
 
 // Writes one record of a listing: the text and its end (line end or NUL).
 void record(std::string_view text);
+
+// `text` as a JSON string, quoted; bytes that are not UTF-8 become U+FFFD.
+std::string jsonString(std::string_view text);
 
 }  // namespace kd::tool

@@ -7,47 +7,16 @@
 #include <string>
 
 #include "Commands.h"
+#include "Output.h"
 #include "common/DateText.h"
 #include "common/PropertyList.h"
 #include "files/KdFileManager.h"
 
 namespace {
 
-std::string jsonString(const std::string& s) {
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      default:
-        if (c < 0x20) {
-          char esc[8];
-          std::snprintf(esc, sizeof esc, "\\u%04x", c);
-          out += esc;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
-}
-
 // A value as JSON; `plain` gives strings without quotes (the Key: value form).
 std::string valueText(const kd::PlistValue& v, bool plain) {
-  if (auto s = v.get<std::string>()) return plain ? *s : jsonString(*s);
+  if (auto s = v.get<std::string>()) return plain ? *s : kd::tool::jsonString(*s);
   if (auto i = v.get<std::int64_t>()) return std::to_string(*i);
   if (auto d = v.get<double>()) {
     char text[64];
@@ -57,7 +26,7 @@ std::string valueText(const kd::PlistValue& v, bool plain) {
   if (auto b = v.get<bool>()) return *b ? "true" : "false";
   if (auto t = v.get<kd::PlistDate>()) {
     std::string date = kd::dateDescription(*t);
-    return plain ? date : jsonString(date);
+    return plain ? date : kd::tool::jsonString(date);
   }
   if (auto a = v.get<kd::PlistArray>()) {
     std::string out = "[";
@@ -68,7 +37,7 @@ std::string valueText(const kd::PlistValue& v, bool plain) {
     std::string out = "{";
     bool first = true;
     for (const auto& [k, item] : *m) {
-      out += (first ? "" : ", ") + jsonString(k) + ": " + valueText(item, false);
+      out += (first ? "" : ", ") + kd::tool::jsonString(k) + ": " + valueText(item, false);
       first = false;
     }
     return out + "}";

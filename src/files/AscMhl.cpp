@@ -1,0 +1,1224 @@
+#include "files/AscMhl.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <set>
+
+#include "common/AtomicFile.h"
+#include "common/DateText.h"
+#include "common/UniqueFd.h"
+#include "common/Utf8.h"
+#include "files/KdDigestContext.h"
+
+namespace kd {
+
+namespace {
+
+constexpr std::string_view kManifestNs = "urn:ASC:MHL:v2.0";
+constexpr std::string_view kChainNs = "urn:ASC:MHL:DIRECTORY:v2.0";
+
+// Bounds on what is read: a manifest of a million files is about 300 MB.
+constexpr std::size_t kMaxManifestBytes = std::size_t{512} << 20;
+constexpr std::size_t kMaxChainBytes = std::size_t{32} << 20;
+constexpr std::size_t kMaxGenerations = 100000;
+constexpr std::size_t kMaxDepth = 64;
+constexpr std::size_t kMaxAttributes = 64;
+constexpr std::size_t kMaxText = std::size_t{64} << 10;  // one path, name or digest
+constexpr std::size_t kMaxFileName = 255;
+constexpr std::size_t kMaxPath = 16384;
+
+// The formats in the order a <hash> element holds them.
+constexpr std::array<std::string_view, 6> kFormats = {"c4",     "md5",  "sha1",
+                                                      "xxh128", "xxh3", "xxh64"};
+
+int formatRank(std::string_view format) {
+  for (std::size_t i = 0; i < kFormats.size(); ++i)
+    if (kFormats[i] == format) return static_cast<int>(i);
+  return -1;
+}
+
+std::size_t hexLength(std::string_view format) {
+  if (format == "xxh64" || format == "xxh3") return 16;
+  if (format == "xxh128" || format == "md5") return 32;
+  if (format == "sha1") return 40;
+  return 0;
+}
+
+constexpr std::string_view kBase58 = "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz";
+
+bool isXmlSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+std::string_view trimmed(std::string_view s) {
+  while (!s.empty() && isXmlSpace(s.front())) s.remove_prefix(1);
+  while (!s.empty() && isXmlSpace(s.back())) s.remove_suffix(1);
+  return s;
+}
+
+// Text for messages: at most 80 bytes, control characters shown as '?'.
+std::string shown(std::string_view s) {
+  std::string out(s.substr(0, 80));
+  for (char& c : out)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+  if (s.size() > 80) out += "...";
+  return out;
+}
+
+// A digest in its normal form (hex in lowercase), or nullopt when it is not
+// one of `format`.
+std::optional<std::string> normalDigest(std::string_view format, std::string_view text) {
+  text = trimmed(text);
+  if (format == "c4") {
+    if (text.size() != 90 || !text.starts_with("c4")) return std::nullopt;
+    for (char c : text.substr(2))
+      if (kBase58.find(c) == std::string_view::npos) return std::nullopt;
+    return std::string(text);
+  }
+  const std::size_t length = hexLength(format);
+  if (length == 0 || text.size() != length) return std::nullopt;
+  std::string out(text);
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'F') c = static_cast<char>(c - 'A' + 'a');
+    if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return std::nullopt;
+  }
+  return out;
+}
+
+// A path relative to the tracked folder: no leading '/', no empty, "." or ".."
+// part.
+bool isRelativePath(std::string_view path) {
+  if (path.empty() || path.size() > kMaxPath) return false;
+  std::size_t start = 0;
+  for (;;) {
+    const std::size_t slash = path.find('/', start);
+    const std::string_view part = path.substr(
+        start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
+    if (part.empty() || part == "." || part == "..") return false;
+    if (slash == std::string_view::npos) return true;
+    start = slash + 1;
+  }
+}
+
+// A plain file name in the ascmhl folder.
+bool isPlainFileName(std::string_view name) {
+  return !name.empty() && name.size() <= kMaxFileName && name != "." && name != ".." &&
+         name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+// ---- Dates: xs:dateTime ---------------------------------------------------
+
+constexpr long long daysFromCivil(long long y, unsigned m, unsigned d) {
+  y -= m <= 2;
+  const long long era = (y >= 0 ? y : y - 399) / 400;
+  const unsigned yoe = static_cast<unsigned>(y - era * 400);
+  const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + static_cast<long long>(doe) - 719468;
+}
+
+// Seconds the clock's time points can hold either side of 1970 (with room).
+constexpr long long kClockRange = 9000000000LL;
+
+// "YYYY-MM-DDTHH:MM:SS", an optional fraction (dropped), and "Z", an offset
+// "+HH:MM"/"-HH:MM" or nothing (taken as UTC).
+std::optional<std::chrono::system_clock::time_point> parseDateTime(std::string_view text) {
+  text = trimmed(text);
+  auto digits = [&](std::size_t at, std::size_t count, unsigned& value) {
+    if (at + count > text.size()) return false;
+    value = 0;
+    for (std::size_t i = at; i < at + count; ++i) {
+      if (text[i] < '0' || text[i] > '9') return false;
+      value = value * 10 + static_cast<unsigned>(text[i] - '0');
+    }
+    return true;
+  };
+  unsigned year, month, day, hour, minute, second;
+  if (text.size() < 19 || text[4] != '-' || text[7] != '-' || text[10] != 'T' || text[13] != ':' ||
+      text[16] != ':' || !digits(0, 4, year) || !digits(5, 2, month) || !digits(8, 2, day) ||
+      !digits(11, 2, hour) || !digits(14, 2, minute) || !digits(17, 2, second) || month < 1 ||
+      month > 12 || day < 1 || hour > 23 || minute > 59 || second > 59)
+    return std::nullopt;
+  std::size_t at = 19;
+  if (at < text.size() && text[at] == '.') {
+    const std::size_t start = ++at;
+    while (at < text.size() && text[at] >= '0' && text[at] <= '9') ++at;
+    if (at == start) return std::nullopt;
+  }
+  long long offset = 0;
+  if (at < text.size()) {
+    const std::string_view zone = text.substr(at);
+    unsigned oh, om;
+    if (zone == "Z") {
+    } else if (zone.size() == 6 && (zone[0] == '+' || zone[0] == '-') && zone[3] == ':' &&
+               digits(at + 1, 2, oh) && digits(at + 4, 2, om) && om <= 59 &&
+               oh * 60 + om <= 14 * 60) {
+      offset = (zone[0] == '-' ? -1 : 1) * static_cast<long long>(oh * 3600 + om * 60);
+    } else {
+      return std::nullopt;
+    }
+  }
+  const long long days = daysFromCivil(year, month, day);
+  if (civilFromSeconds(days * 86400).day != day) return std::nullopt;  // such as February 30
+  const long long seconds = days * 86400 + hour * 3600 + minute * 60 + second - offset;
+  if (seconds < -kClockRange || seconds > kClockRange) return std::nullopt;
+  return std::chrono::system_clock::time_point(std::chrono::seconds(seconds));
+}
+
+long long wholeSeconds(std::chrono::system_clock::time_point t) {
+  return std::chrono::floor<std::chrono::seconds>(t.time_since_epoch()).count();
+}
+
+// "YYYY-MM-DDTHH:MM:SS+00:00".
+std::string formatDateTime(std::chrono::system_clock::time_point t) {
+  const CivilTime c = civilFromSeconds(wholeSeconds(t));
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%04lld-%02u-%02uT%02u:%02u:%02u+00:00", c.year, c.month, c.day,
+                c.hour, c.minute, c.second);
+  return buf;
+}
+
+// "YYYY-MM-DD_HHMMSSZ", the date in a manifest's name.
+std::string fileNameDate(std::chrono::system_clock::time_point t) {
+  const CivilTime c = civilFromSeconds(wholeSeconds(t));
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%04lld-%02u-%02u_%02u%02u%02uZ", c.year, c.month, c.day, c.hour,
+                c.minute, c.second);
+  return buf;
+}
+
+// ---- Reading: a small pull reader ------------------------------------------
+
+// Reads a document one start or end tag at a time. (The property-list reader
+// knows only its own fixed elements and skips attributes; hash lists need
+// attributes and namespaces, hence a reader of their own.) The open elements and their
+// namespace declarations are kept on stacks of its own, bounded by kMaxDepth;
+// every scan moves forward, so the work is linear in the input. A document
+// type is refused (no entity is ever defined), as are characters XML 1.0
+// cannot carry.
+//
+// Ownership: borrows the input for its lifetime. One thread.
+class XmlPull {
+ public:
+  enum class Event { Start, End, Done };
+  struct Attribute {
+    std::string_view name;  // as written, prefix included
+    std::string value;      // references resolved, white space normalised
+  };
+
+  explicit XmlPull(std::string_view in) : in_(in) {}
+
+  const std::string& error() const { return error_; }
+  bool fail(const std::string& why) {
+    if (error_.empty()) error_ = why + " (at byte " + std::to_string(pos_) + ")";
+    return false;
+  }
+
+  // The next start or end tag (text between tags is checked and dropped).
+  bool next(Event& event) {
+    if (!started_ && !begin()) return false;
+    if (pendingEnd_) {
+      pendingEnd_ = false;
+      pop();
+      event = Event::End;
+      return true;
+    }
+    for (;;) {
+      if (open_.empty() && rootSeen_) {
+        if (!skipMisc()) return false;
+        if (pos_ != in_.size()) return fail("content after the document's element");
+        event = Event::Done;
+        return true;
+      }
+      if (open_.empty()) {
+        if (!skipMisc()) return false;
+        if (pos_ >= in_.size()) return fail("no document element");
+      } else if (!skipContent(nullptr)) {
+        return false;
+      }
+      if (startsWith("</")) {
+        if (!endTag()) return false;
+        event = Event::End;
+        return true;
+      }
+      if (!startTag()) return false;
+      event = Event::Start;
+      return true;
+    }
+  }
+
+  // The element just started: its local name, namespace and attributes.
+  std::string_view localName() const { return local_; }
+  std::string_view ns() const { return ns_; }
+  const Attribute* attribute(std::string_view name) const {
+    for (const Attribute& a : attributes_)
+      if (a.name == name) return &a;
+    return nullptr;
+  }
+
+  // The text of the element just started, up to and including its end tag;
+  // child elements are refused.
+  bool readText(std::string& out) {
+    out.clear();
+    if (pendingEnd_) {
+      pendingEnd_ = false;
+      pop();
+      return true;
+    }
+    if (!skipContent(&out)) return false;
+    if (!startsWith("</")) return fail("an element inside <" + shown(local_) + ">");
+    return endTag();
+  }
+
+  // Skips the rest of the element just started, children included.
+  bool skipElement() {
+    const std::size_t depth = open_.size();
+    Event event;
+    while (open_.size() >= depth)
+      if (!next(event)) return false;
+    return true;
+  }
+
+ private:
+  struct Open {
+    std::string_view name;
+    std::size_t declarations;  // declarations_.size() before this element's
+  };
+  struct Declaration {
+    std::string_view prefix;
+    std::string uri;
+  };
+
+  bool startsWith(std::string_view s) const { return in_.substr(pos_).starts_with(s); }
+  bool skipPast(std::string_view end) {
+    const std::size_t at = in_.find(end, pos_);
+    if (at == std::string_view::npos) return fail("unterminated markup");
+    pos_ = at + end.size();
+    return true;
+  }
+
+  bool begin() {
+    started_ = true;
+    if (const std::size_t nul = in_.find('\0'); nul != std::string_view::npos) {
+      pos_ = nul;
+      return fail("a NUL byte");
+    }
+    if (!utf8::isValid(in_)) return fail("text that is not UTF-8");
+    for (std::size_t i = 0; i < in_.size(); ++i) {
+      const auto c = static_cast<unsigned char>(in_[i]);
+      if ((c < 0x20 && !isXmlSpace(in_[i])) ||
+          (c == 0xEF && i + 2 < in_.size() && in_[i + 1] == '\xBF' &&
+           (in_[i + 2] == '\xBE' || in_[i + 2] == '\xBF'))) {
+        pos_ = i;
+        return fail("a character XML 1.0 does not allow");
+      }
+    }
+    if (startsWith("\xEF\xBB\xBF")) pos_ += 3;
+    return true;
+  }
+
+  // White space, comments and processing instructions outside the element.
+  bool skipMisc() {
+    for (;;) {
+      while (pos_ < in_.size() && isXmlSpace(in_[pos_])) ++pos_;
+      if (startsWith("<!--")) {
+        if (!skipPast("-->")) return false;
+      } else if (startsWith("<?")) {
+        if (!skipPast("?>")) return false;
+      } else if (startsWith("<!")) {
+        return fail("a document type or declaration (not allowed here)");
+      } else if (pos_ < in_.size() && in_[pos_] != '<') {
+        return fail("text outside the document's element");
+      } else {
+        return true;
+      }
+    }
+  }
+
+  // Character data, references, CDATA sections, comments and processing
+  // instructions up to the next tag, appended to `out` when given.
+  bool skipContent(std::string* out) {
+    for (;;) {
+      const std::size_t stop = in_.find_first_of("<&\r", pos_);
+      if (stop == std::string_view::npos) {
+        pos_ = in_.size();
+        return fail("unterminated <" + shown(open_.back().name) + ">");
+      }
+      if (out && !append(*out, in_.substr(pos_, stop - pos_))) return false;
+      pos_ = stop;
+      if (in_[pos_] == '\r') {  // line ends: "\r\n" and "\r" read as "\n"
+        if (out && !append(*out, "\n")) return false;
+        pos_ += startsWith("\r\n") ? 2 : 1;
+      } else if (in_[pos_] == '&') {
+        std::string ref;
+        if (!reference(ref) || (out && !append(*out, ref))) return false;
+      } else if (startsWith("<![CDATA[")) {
+        const std::size_t end = in_.find("]]>", pos_ + 9);
+        if (end == std::string_view::npos) return fail("unterminated CDATA section");
+        if (out && !append(*out, in_.substr(pos_ + 9, end - pos_ - 9))) return false;
+        pos_ = end + 3;
+      } else if (startsWith("<!--")) {
+        if (!skipPast("-->")) return false;
+      } else if (startsWith("<?")) {
+        if (!skipPast("?>")) return false;
+      } else if (startsWith("<!")) {
+        return fail("a declaration inside an element");
+      } else {
+        return true;
+      }
+    }
+  }
+
+  bool append(std::string& out, std::string_view text) {
+    if (out.size() + text.size() > kMaxText)
+      return fail("a text longer than " + std::to_string(kMaxText) + " bytes");
+    out.append(text);
+    return true;
+  }
+
+  // One reference at pos_ ('&'), appended to `out`.
+  bool reference(std::string& out) {
+    const std::size_t semicolon = in_.substr(pos_, 12).find(';');
+    if (semicolon == std::string_view::npos) return fail("malformed reference");
+    const std::string_view ref = in_.substr(pos_ + 1, semicolon - 1);
+    if (ref == "lt") {
+      out += '<';
+    } else if (ref == "gt") {
+      out += '>';
+    } else if (ref == "amp") {
+      out += '&';
+    } else if (ref == "quot") {
+      out += '"';
+    } else if (ref == "apos") {
+      out += '\'';
+    } else if (ref.size() > 1 && ref[0] == '#') {
+      const bool hex = ref[1] == 'x';
+      const std::string_view digits = ref.substr(hex ? 2 : 1);
+      std::uint32_t cp = 0;
+      auto [stop, ec] =
+          std::from_chars(digits.data(), digits.data() + digits.size(), cp, hex ? 16 : 10);
+      const bool xmlChar = cp == 0x9 || cp == 0xA || cp == 0xD || (cp >= 0x20 && cp <= 0xD7FF) ||
+                           (cp >= 0xE000 && cp <= 0xFFFD) || (cp >= 0x10000 && cp <= 0x10FFFF);
+      if (digits.empty() || ec != std::errc() || stop != digits.data() + digits.size() || !xmlChar)
+        return fail("a character reference to no character XML allows");
+      utf8::appendCodePoint(out, cp);
+    } else {
+      return fail("an unknown entity &" + shown(ref) + ";");
+    }
+    pos_ += semicolon + 1;
+    return true;
+  }
+
+  static bool nameEnds(char c) { return isXmlSpace(c) || c == '/' || c == '>' || c == '='; }
+
+  std::string_view name() {
+    const std::size_t start = pos_;
+    while (pos_ < in_.size() && !nameEnds(in_[pos_]) && in_[pos_] != '<' && in_[pos_] != '"' &&
+           in_[pos_] != '\'')
+      ++pos_;
+    return in_.substr(start, pos_ - start);
+  }
+
+  void skipSpace() {
+    while (pos_ < in_.size() && isXmlSpace(in_[pos_])) ++pos_;
+  }
+
+  // An attribute value at pos_ (a quote), references resolved and white space
+  // characters written as themselves read as spaces.
+  bool attributeValue(std::string& out) {
+    const char quote = in_[pos_++];
+    for (;;) {
+      const std::size_t stop =
+          in_.find_first_of(std::string_view(quote == '"' ? "\"<&\t\n\r" : "'<&\t\n\r"), pos_);
+      if (stop == std::string_view::npos) return fail("unterminated attribute value");
+      if (!append(out, in_.substr(pos_, stop - pos_))) return false;
+      pos_ = stop;
+      const char c = in_[pos_];
+      if (c == quote) {
+        ++pos_;
+        return true;
+      }
+      if (c == '<') return fail("'<' in an attribute value");
+      if (c == '&') {
+        std::string ref;
+        if (!reference(ref) || !append(out, ref)) return false;
+      } else {
+        if (!append(out, " ")) return false;
+        pos_ += startsWith("\r\n") ? 2 : 1;
+      }
+    }
+  }
+
+  bool startTag() {
+    ++pos_;  // '<'
+    const std::string_view tagName = name();
+    if (tagName.empty()) return fail("a malformed tag");
+    if (open_.size() >= kMaxDepth)
+      return fail("elements nested deeper than " + std::to_string(kMaxDepth));
+    attributes_.clear();
+    const std::size_t declarations = declarations_.size();
+    bool empty = false;
+    for (;;) {
+      const std::size_t before = pos_;
+      skipSpace();
+      if (pos_ >= in_.size()) return fail("an unterminated tag");
+      if (in_[pos_] == '>') {
+        ++pos_;
+        break;
+      }
+      if (startsWith("/>")) {
+        pos_ += 2;
+        empty = true;
+        break;
+      }
+      if (pos_ == before) return fail("a malformed tag");
+      Attribute attr;
+      attr.name = name();
+      skipSpace();
+      if (attr.name.empty() || pos_ >= in_.size() || in_[pos_] != '=')
+        return fail("a malformed attribute");
+      ++pos_;
+      skipSpace();
+      if (pos_ >= in_.size() || (in_[pos_] != '"' && in_[pos_] != '\''))
+        return fail("an attribute value without quotes");
+      if (!attributeValue(attr.value)) return false;
+      if (attributes_.size() >= kMaxAttributes) return fail("too many attributes");
+      for (const Attribute& a : attributes_)
+        if (a.name == attr.name) return fail("an attribute given twice");
+      if (attr.name == "xmlns")
+        declarations_.push_back({"", attr.value});
+      else if (attr.name.starts_with("xmlns:"))
+        declarations_.push_back({attr.name.substr(6), attr.value});
+      attributes_.push_back(std::move(attr));
+    }
+    open_.push_back({tagName, declarations});
+    rootSeen_ = true;
+    const std::size_t colon = tagName.find(':');
+    const std::string_view prefix =
+        colon == std::string_view::npos ? std::string_view() : tagName.substr(0, colon);
+    local_ = colon == std::string_view::npos ? tagName : tagName.substr(colon + 1);
+    ns_ = {};
+    bool bound = prefix.empty();
+    for (std::size_t i = declarations_.size(); i-- > 0;) {
+      if (declarations_[i].prefix == prefix) {
+        ns_ = declarations_[i].uri;
+        bound = true;
+        break;
+      }
+    }
+    if (!bound) return fail("an unbound namespace prefix");
+    pendingEnd_ = empty;
+    return true;
+  }
+
+  bool endTag() {
+    pos_ += 2;  // "</"
+    const std::string_view tagName = name();
+    skipSpace();
+    if (pos_ >= in_.size() || in_[pos_] != '>') return fail("a malformed end tag");
+    ++pos_;
+    if (open_.empty() || open_.back().name != tagName)
+      return fail("an unexpected </" + shown(tagName) + ">");
+    pop();
+    return true;
+  }
+
+  void pop() {
+    declarations_.resize(open_.back().declarations);
+    open_.pop_back();
+  }
+
+  std::string_view in_;
+  std::size_t pos_ = 0;
+  std::string error_;
+  bool started_ = false;
+  bool rootSeen_ = false;
+  bool pendingEnd_ = false;  // the element just started was empty (<name/>)
+  std::vector<Open> open_;
+  std::vector<Declaration> declarations_;
+  std::vector<Attribute> attributes_;
+  std::string_view local_;
+  std::string ns_;
+};
+
+// Key of a file and format, for duplicates and the latest hashes.
+std::string hashKey(std::string_view format, std::string_view path) {
+  std::string key(format);
+  key.push_back('\0');
+  key.append(path);
+  return key;
+}
+
+class ManifestReader {
+ public:
+  ManifestReader(std::string_view bytes, MhlManifest& out) : x_(bytes), out_(out) {}
+
+  bool read(std::string& error) {
+    if (!document()) {
+      error = x_.error().empty() ? "malformed manifest" : x_.error();
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  using Event = XmlPull::Event;
+
+  bool fail(const std::string& why) { return x_.fail(why); }
+
+  bool document() {
+    out_ = MhlManifest{};
+    Event event;
+    if (!x_.next(event)) return false;
+    if (x_.ns() != kManifestNs || x_.localName() != "hashlist")
+      return fail("not an ASC MHL manifest (no <hashlist> of " + std::string(kManifestNs) + ")");
+    const XmlPull::Attribute* version = x_.attribute("version");
+    if (!version || trimmed(version->value) != "2.0") return fail("not version 2.0 of ASC MHL");
+    bool creator = false, process = false;
+    for (;;) {
+      if (!x_.next(event)) return false;
+      if (event == Event::End) break;
+      const std::string_view name = x_.localName();
+      if (x_.ns() == kManifestNs && name == "creatorinfo") {
+        if (creator || !creatorInfo()) return creator ? fail("a second <creatorinfo>") : false;
+        creator = true;
+      } else if (x_.ns() == kManifestNs && name == "processinfo") {
+        if (process || !processInfo()) return process ? fail("a second <processinfo>") : false;
+        process = true;
+      } else if (x_.ns() == kManifestNs && name == "hashes") {
+        if (!hashes()) return false;
+      } else if (!x_.skipElement()) {
+        return false;
+      }
+    }
+    if (!x_.next(event)) return false;
+    if (!creator) return fail("no <creatorinfo>");
+    if (!process) return fail("no <processinfo>");
+    return true;
+  }
+
+  // The children of the element just started, each handed to `child` (which
+  // reads or skips it) when it is of the manifest's namespace, else skipped.
+  template <class F>
+  bool children(F&& child) {
+    Event event;
+    for (;;) {
+      if (!x_.next(event)) return false;
+      if (event == Event::End) return true;
+      if (x_.ns() != kManifestNs) {
+        if (!x_.skipElement()) return false;
+      } else if (!child(x_.localName())) {
+        return false;
+      }
+    }
+  }
+
+  bool creatorInfo() {
+    bool date = false;
+    bool ok = children([&](std::string_view name) {
+      std::string text;
+      if (name == "creationdate") {
+        if (!x_.readText(text)) return false;
+        auto when = parseDateTime(text);
+        if (!when) return fail("a malformed <creationdate>");
+        out_.creator.creationDate = *when;
+        date = true;
+      } else if (name == "hostname") {
+        return x_.readText(out_.creator.hostname);
+      } else if (name == "tool") {
+        if (const XmlPull::Attribute* v = x_.attribute("version"))
+          out_.creator.toolVersion = v->value;
+        return x_.readText(out_.creator.tool);
+      } else {
+        return x_.skipElement();
+      }
+      return true;
+    });
+    return ok && (date || fail("no <creationdate> in <creatorinfo>"));
+  }
+
+  bool processInfo() {
+    bool process = false;
+    const bool ok = children([&](std::string_view name) {
+      if (name == "process") {
+        if (process) return fail("a second <process>");
+        process = true;
+        if (!x_.readText(out_.process)) return false;
+        out_.process = std::string(trimmed(out_.process));
+        if (out_.process != "in-place" && out_.process != "transfer" && out_.process != "flatten")
+          return fail("an unknown <process>");
+        return true;
+      }
+      if (name == "ignore") {
+        return children([&](std::string_view inner) {
+          if (inner != "pattern") return x_.skipElement();
+          std::string pattern;
+          if (!x_.readText(pattern)) return false;
+          out_.ignorePatterns.push_back(std::move(pattern));
+          return true;
+        });
+      }
+      return x_.skipElement();
+    });
+    return ok && (process || fail("no <process> in <processinfo>"));
+  }
+
+  bool hashes() {
+    return children([&](std::string_view name) {
+      if (name != "hash") return x_.skipElement();
+      return hash();
+    });
+  }
+
+  bool hash() {
+    bool havePath = false;
+    MhlHash file;
+    bool ok = children([&](std::string_view name) {
+      if (name == "path") {
+        if (havePath) return fail("a second <path> in <hash>");
+        havePath = true;
+        const XmlPull::Attribute* size = x_.attribute("size");
+        if (!size) return fail("a <path> without its size");
+        const std::string_view digits = trimmed(size->value);
+        auto [stop, ec] =
+            std::from_chars(digits.data(), digits.data() + digits.size(), file.size, 10);
+        if (digits.empty() || ec != std::errc() || stop != digits.data() + digits.size())
+          return fail("a malformed size");
+        if (const XmlPull::Attribute* modified = x_.attribute("lastmodificationdate")) {
+          file.modified = parseDateTime(modified->value);
+          if (!file.modified) return fail("a malformed lastmodificationdate");
+        }
+        if (!x_.readText(file.path)) return false;
+        if (!isRelativePath(file.path))
+          return fail("a path that is not relative to the folder: \"" + shown(file.path) + "\"");
+        return true;
+      }
+      if (formatRank(name) < 0) return x_.skipElement();
+      if (!havePath) return fail("a hash before its <path>");
+      MhlHash entry = file;
+      entry.format = std::string(name);
+      if (const XmlPull::Attribute* action = x_.attribute("action")) {
+        entry.action = action->value;
+        if (entry.action != "original" && entry.action != "verified" && entry.action != "failed")
+          return fail("an unknown action \"" + shown(entry.action) + "\"");
+      }
+      const XmlPull::Attribute* date = x_.attribute("hashdate");
+      if (!date) return fail("a hash without its hashdate");
+      auto when = parseDateTime(date->value);
+      if (!when) return fail("a malformed hashdate");
+      entry.hashDate = *when;
+      std::string text;
+      if (!x_.readText(text)) return false;
+      auto digest = normalDigest(entry.format, text);
+      if (!digest) return fail("a malformed " + entry.format + " digest");
+      entry.digest = std::move(*digest);
+      if (!seen_.insert(hashKey(entry.format, entry.path)).second)
+        return fail("\"" + shown(entry.path) + "\" listed twice with " + entry.format);
+      out_.hashes.push_back(std::move(entry));
+      return true;
+    });
+    if (!ok) return false;
+    if (!havePath) return fail("a <hash> without its <path>");
+    return true;
+  }
+
+  XmlPull x_;
+  MhlManifest& out_;
+  std::set<std::string> seen_;
+};
+
+class ChainReader {
+ public:
+  ChainReader(std::string_view bytes, std::vector<MhlChainEntry>& out) : x_(bytes), out_(out) {}
+
+  bool read(std::string& error) {
+    if (!document()) {
+      error = x_.error().empty() ? "malformed chain" : x_.error();
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  using Event = XmlPull::Event;
+
+  bool fail(const std::string& why) { return x_.fail(why); }
+
+  bool document() {
+    out_.clear();
+    Event event;
+    if (!x_.next(event)) return false;
+    if (x_.ns() != kChainNs || x_.localName() != "ascmhldirectory")
+      return fail("not an ASC MHL chain (no <ascmhldirectory> of " + std::string(kChainNs) + ")");
+    for (;;) {
+      if (!x_.next(event)) return false;
+      if (event == Event::End) break;
+      if (x_.ns() != kChainNs || x_.localName() != "hashlist") {
+        if (!x_.skipElement()) return false;
+      } else if (!entry()) {
+        return false;
+      }
+    }
+    if (!x_.next(event)) return false;
+    if (out_.empty()) return fail("a chain that lists no generation");
+    return true;
+  }
+
+  bool entry() {
+    if (out_.size() >= kMaxGenerations)
+      return fail("more than " + std::to_string(kMaxGenerations) + " generations");
+    MhlChainEntry e;
+    const XmlPull::Attribute* sequence = x_.attribute("sequencenr");
+    const std::string_view digits = sequence ? trimmed(sequence->value) : std::string_view();
+    auto [stop, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), e.sequence, 10);
+    if (digits.empty() || ec != std::errc() || stop != digits.data() + digits.size())
+      return fail("a generation without its sequence number");
+    if (e.sequence != static_cast<int>(out_.size()) + 1)
+      return fail("generation " + std::to_string(e.sequence) + " where " +
+                  std::to_string(out_.size() + 1) + " should be");
+    bool havePath = false, haveC4 = false;
+    Event event;
+    for (;;) {
+      if (!x_.next(event)) return false;
+      if (event == Event::End) break;
+      const std::string_view name = x_.localName();
+      if (x_.ns() == kChainNs && name == "path") {
+        if (havePath) return fail("a second <path> in a generation");
+        if (!x_.readText(e.file)) return false;
+        if (!isPlainFileName(e.file))
+          return fail("a manifest that is not a file of the folder: \"" + shown(e.file) + "\"");
+        havePath = true;
+      } else if (x_.ns() == kChainNs && name == "c4") {
+        if (haveC4) return fail("a second <c4> in a generation");
+        std::string text;
+        if (!x_.readText(text)) return false;
+        auto c4 = normalDigest("c4", text);
+        if (!c4) return fail("a malformed C4 ID");
+        e.c4 = std::move(*c4);
+        haveC4 = true;
+      } else if (!x_.skipElement()) {
+        return false;
+      }
+    }
+    if (!havePath || !haveC4) return fail("a generation without its <path> and <c4>");
+    if (!files_.insert(e.file).second) return fail("\"" + shown(e.file) + "\" listed twice");
+    out_.push_back(std::move(e));
+    return true;
+  }
+
+  XmlPull x_;
+  std::vector<MhlChainEntry>& out_;
+  std::set<std::string> files_;
+};
+
+// ---- Writing ---------------------------------------------------------------
+
+// Escapes text for element content or (with `attribute`) a quoted attribute
+// value. Characters XML 1.0 cannot carry at all make the text refused.
+bool appendEscaped(std::string& out, std::string_view s, bool attribute) {
+  if (!utf8::isValid(s)) return false;
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    const char c = s[i];
+    const auto u = static_cast<unsigned char>(c);
+    if ((u < 0x20 && !isXmlSpace(c)) ||
+        (u == 0xEF && s.substr(i + 1, 1) == "\xBF" && (s[i + 2] == '\xBE' || s[i + 2] == '\xBF')))
+      return false;
+    switch (c) {
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      case '\'':
+        out += "&apos;";
+        break;
+      case '\r':
+        out += "&#13;";
+        break;
+      case '\t':
+        out += attribute ? "&#9;" : "\t";
+        break;
+      case '\n':
+        out += attribute ? "&#10;" : "\n";
+        break;
+      default:
+        out += c;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool isMhlHashFormat(std::string_view format) {
+  return formatRank(format) >= 0;
+}
+
+std::string mhlC4Id(std::string_view bytes) {
+  KdSHA512Context context;
+  context.update(bytes.data(), bytes.size());
+  auto digest = context.digest();
+  std::array<unsigned char, 64> number{};
+  if (digest) std::copy_n(digest->bytes.begin(), number.size(), number.begin());
+  // Base 58 by long division of the 512-bit big-endian number, least
+  // significant digit first; 88 digits hold any 512-bit number.
+  std::string digits(88, '1');
+  for (std::size_t d = 0; d < digits.size(); ++d) {
+    unsigned remainder = 0;
+    for (unsigned char& byte : number) {
+      const unsigned value = remainder * 256 + byte;
+      byte = static_cast<unsigned char>(value / 58);
+      remainder = value % 58;
+    }
+    digits[digits.size() - 1 - d] = kBase58[remainder];
+  }
+  return "c4" + digits;
+}
+
+bool parseMhlManifest(std::string_view bytes, MhlManifest& out, std::string& error) {
+  return ManifestReader(bytes, out).read(error);
+}
+
+bool parseMhlChain(std::string_view bytes, std::vector<MhlChainEntry>& out, std::string& error) {
+  return ChainReader(bytes, out).read(error);
+}
+
+std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& error) {
+  auto refuse = [&](std::string why) -> std::optional<std::string> {
+    error = std::move(why);
+    return std::nullopt;
+  };
+  if (m.process != "in-place" && m.process != "transfer" && m.process != "flatten")
+    return refuse("an unknown process \"" + shown(m.process) + "\"");
+  std::string out =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<hashlist version=\"2.0\" xmlns=\"urn:ASC:MHL:v2.0\">\n"
+      "  <creatorinfo>\n"
+      "    <creationdate>" +
+      formatDateTime(m.creator.creationDate) + "</creationdate>\n    <hostname>";
+  if (!appendEscaped(out, m.creator.hostname, false))
+    return refuse("a host name XML cannot carry: \"" + shown(m.creator.hostname) + "\"");
+  out += "</hostname>\n    <tool";
+  if (!m.creator.toolVersion.empty()) {
+    out += " version=\"";
+    if (!appendEscaped(out, m.creator.toolVersion, true))
+      return refuse("a tool version XML cannot carry");
+    out += "\"";
+  }
+  out += ">";
+  if (!appendEscaped(out, m.creator.tool, false)) return refuse("a tool name XML cannot carry");
+  out += "</tool>\n  </creatorinfo>\n  <processinfo>\n    <process>" + m.process + "</process>\n";
+  if (!m.ignorePatterns.empty()) {
+    out += "    <ignore>\n";
+    for (const std::string& pattern : m.ignorePatterns) {
+      out += "      <pattern>";
+      if (!appendEscaped(out, pattern, false))
+        return refuse("an ignore pattern XML cannot carry: \"" + shown(pattern) + "\"");
+      out += "</pattern>\n";
+    }
+    out += "    </ignore>\n";
+  }
+  out += "  </processinfo>\n";
+  if (!m.hashes.empty()) out += "  <hashes>\n";
+  std::set<std::string> seen;
+  // Consecutive entries of one file (path, size and date) share a <hash>, their
+  // formats in the order the element holds them.
+  for (std::size_t i = 0; i < m.hashes.size();) {
+    const MhlHash& file = m.hashes[i];
+    std::size_t end = i + 1;
+    while (end < m.hashes.size() && m.hashes[end].path == file.path &&
+           m.hashes[end].size == file.size && m.hashes[end].modified == file.modified)
+      ++end;
+    std::vector<const MhlHash*> group;
+    for (std::size_t j = i; j < end; ++j) group.push_back(&m.hashes[j]);
+    std::stable_sort(group.begin(), group.end(), [](const MhlHash* a, const MhlHash* b) {
+      return formatRank(a->format) < formatRank(b->format);
+    });
+    if (!isRelativePath(file.path))
+      return refuse("a path that is not relative to the folder: \"" + shown(file.path) + "\"");
+    out += "    <hash>\n      <path size=\"" + std::to_string(file.size) + "\"";
+    if (file.modified) out += " lastmodificationdate=\"" + formatDateTime(*file.modified) + "\"";
+    out += ">";
+    if (!appendEscaped(out, file.path, false))
+      return refuse("a path with a character XML cannot carry: \"" + shown(file.path) + "\"");
+    out += "</path>\n";
+    for (const MhlHash* h : group) {
+      if (!isMhlHashFormat(h->format))
+        return refuse("a hash format ASC MHL does not define: \"" + shown(h->format) + "\"");
+      auto digest = normalDigest(h->format, h->digest);
+      if (!digest)
+        return refuse("a malformed " + h->format + " digest for \"" + shown(h->path) + "\"");
+      if (!h->action.empty() && h->action != "original" && h->action != "verified" &&
+          h->action != "failed")
+        return refuse("an unknown action \"" + shown(h->action) + "\"");
+      if (!seen.insert(hashKey(h->format, h->path)).second)
+        return refuse("\"" + shown(h->path) + "\" given twice with " + h->format);
+      out += "      <" + h->format;
+      if (!h->action.empty()) out += " action=\"" + h->action + "\"";
+      out +=
+          " hashdate=\"" + formatDateTime(h->hashDate) + "\">" + *digest + "</" + h->format + ">\n";
+    }
+    out += "    </hash>\n";
+    i = end;
+  }
+  if (!m.hashes.empty()) out += "  </hashes>\n";
+  out += "</hashlist>\n";
+  return out;
+}
+
+std::optional<std::string> writeMhlChain(const std::vector<MhlChainEntry>& chain,
+                                         std::string& error) {
+  if (chain.empty()) {
+    error = "a chain needs a generation";
+    return std::nullopt;
+  }
+  std::string out =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<ascmhldirectory xmlns=\"urn:ASC:MHL:DIRECTORY:v2.0\">\n";
+  for (std::size_t i = 0; i < chain.size(); ++i) {
+    const MhlChainEntry& e = chain[i];
+    auto c4 = normalDigest("c4", e.c4);
+    if (e.sequence != static_cast<int>(i) + 1 || !isPlainFileName(e.file) || !c4) {
+      error = "a malformed chain entry for \"" + shown(e.file) + "\"";
+      return std::nullopt;
+    }
+    out += "  <hashlist sequencenr=\"" + std::to_string(e.sequence) + "\">\n    <path>";
+    if (!appendEscaped(out, e.file, false)) {
+      error = "a manifest name XML cannot carry: \"" + shown(e.file) + "\"";
+      return std::nullopt;
+    }
+    out += "</path>\n    <c4>" + *c4 + "</c4>\n  </hashlist>\n";
+  }
+  out += "</ascmhldirectory>\n";
+  return out;
+}
+
+// ---- The history on disk ---------------------------------------------------
+
+namespace {
+
+std::string errnoText(int e) {
+  return std::strerror(e);
+}
+
+// Whether the folder holds a manifest (a name ending in ".mhl").
+bool holdsManifests(int dirFd) {
+  UniqueFd copy(::openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!copy) return false;
+  DIR* dir = ::fdopendir(copy.get());
+  if (!dir) return false;
+  copy.release();
+  bool found = false;
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string_view name = entry->d_name;
+    if (name.size() > 4 && name.ends_with(".mhl")) {
+      found = true;
+      break;
+    }
+  }
+  ::closedir(dir);
+  return found;
+}
+
+// The ascmhl folder of an open tracked folder: a descriptor, none with errno
+// ENOENT when it is missing, or none with `error` (a link or not a folder).
+UniqueFd openHistoryFolder(int trackedFd, const std::string& where, std::string& error) {
+  UniqueFd dir(retryOnEintr([&] {
+    return ::openat(trackedFd, std::string(MhlHistory::kFolderName).c_str(),
+                    O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  }));
+  if (!dir) {
+    const int e = errno;
+    if (e == ELOOP || e == ENOTDIR)
+      error = where + " is a link or not a folder; nothing is read or written through it";
+    else if (e != ENOENT)
+      error = "cannot open " + where + ": " + errnoText(e);
+    errno = e;
+  }
+  return dir;
+}
+
+std::string describe(const FileReadResult& r) {
+  switch (r.failure) {
+    case ReadFailure::NotRegular:
+      return "a link or not a regular file";
+    case ReadFailure::TooLarge:
+      return "too large (" + r.reason + ")";
+    default:
+      return r.reason;
+  }
+}
+
+}  // namespace
+
+bool MhlHistory::load(const std::string& trackedFolder, MhlHistory& out, std::string& error) {
+  out = MhlHistory{};
+  MhlHistory history;
+  history.trackedFolder_ = trackedFolder;
+  const std::string where = trackedFolder + "/" + std::string(kFolderName);
+  UniqueFd tracked(retryOnEintr(
+      [&] { return ::open(trackedFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (!tracked) {
+    if (errno != ENOENT) {
+      error = "cannot open " + trackedFolder + ": " + errnoText(errno);
+      return false;
+    }
+    history.loaded_ = true;
+    out = std::move(history);
+    return true;
+  }
+  std::string why;
+  UniqueFd dir = openHistoryFolder(tracked.get(), where, why);
+  if (!dir) {
+    if (!why.empty()) {
+      error = why;
+      return false;
+    }
+    history.loaded_ = true;
+    out = std::move(history);
+    return true;
+  }
+  const std::string chainName(kChainName);
+  FileReadResult chainFile = readRegularFileAt(dir.get(), chainName, kMaxChainBytes, false);
+  if (!chainFile.bytes) {
+    if (chainFile.failure != ReadFailure::Missing) {
+      error = where + "/" + chainName + ": " + describe(chainFile);
+      return false;
+    }
+    if (holdsManifests(dir.get())) {
+      error = where + " holds manifests but no " + chainName + "; the history is incomplete";
+      return false;
+    }
+    history.loaded_ = true;
+    out = std::move(history);
+    return true;
+  }
+  if (!parseMhlChain(*chainFile.bytes, history.chain_, why)) {
+    error = "damaged " + where + "/" + chainName + ": " + why;
+    return false;
+  }
+  for (const MhlChainEntry& entry : history.chain_) {
+    const std::string path = where + "/" + entry.file;
+    FileReadResult file = readRegularFileAt(dir.get(), entry.file, kMaxManifestBytes, false);
+    if (!file.bytes) {
+      error = file.failure == ReadFailure::Missing
+                  ? "generation " + std::to_string(entry.sequence) + "'s manifest " + path +
+                        " is missing"
+                  : path + ": " + describe(file);
+      return false;
+    }
+    if (mhlC4Id(*file.bytes) != entry.c4) {
+      error = path + " does not match the C4 ID the chain records for it (altered or damaged)";
+      return false;
+    }
+    MhlManifest manifest;
+    if (!parseMhlManifest(*file.bytes, manifest, why)) {
+      error = "damaged " + path + ": " + why;
+      return false;
+    }
+    history.index(manifest);
+  }
+  history.chainBytes_ = std::move(chainFile.bytes);
+  history.loaded_ = true;
+  out = std::move(history);
+  return true;
+}
+
+void MhlHistory::index(const MhlManifest& manifest) {
+  for (const MhlHash& h : manifest.hashes) latest_.insert_or_assign(hashKey(h.format, h.path), h);
+}
+
+std::optional<MhlHash> MhlHistory::latest(std::string_view path, std::string_view format) const {
+  auto it = latest_.find(hashKey(format, path));
+  if (it == latest_.end()) return std::nullopt;
+  return it->second;
+}
+
+std::optional<std::string> MhlHistory::addGeneration(const MhlCreator& creator,
+                                                     std::string_view name,
+                                                     const std::vector<std::string>& ignorePatterns,
+                                                     const std::vector<MhlHash>& hashes,
+                                                     std::string& error) {
+  if (!loaded_) {
+    error = "the ASC MHL history did not load; nothing is written into it";
+    return std::nullopt;
+  }
+  const bool plainName = !name.empty() && name.size() <= 160 && name != "." && name != ".." &&
+                         utf8::isValid(name) && std::none_of(name.begin(), name.end(), [](char c) {
+                           return c == '/' || static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+                         });
+  if (!plainName) {
+    error = "not a name for a manifest: \"" + shown(name) + "\"";
+    return std::nullopt;
+  }
+  MhlManifest manifest{creator, "transfer", ignorePatterns, hashes};
+  std::optional<std::string> bytes = writeMhlManifest(manifest, error);
+  if (!bytes) return std::nullopt;
+  char number[16];
+  std::snprintf(number, sizeof number, "%04d", generations() + 1);
+  const std::string file = std::string(number) + "_" + std::string(name) + "_" +
+                           fileNameDate(creator.creationDate) + ".mhl";
+  std::vector<MhlChainEntry> chain = chain_;
+  chain.push_back({generations() + 1, file, mhlC4Id(*bytes)});
+  std::optional<std::string> chainBytes = writeMhlChain(chain, error);
+  if (!chainBytes) return std::nullopt;
+  // What is indexed is what a later load reads back.
+  MhlManifest written;
+  if (!parseMhlManifest(*bytes, written, error)) return std::nullopt;
+
+  const std::string where = trackedFolder_ + "/" + std::string(kFolderName);
+  UniqueFd tracked(retryOnEintr(
+      [&] { return ::open(trackedFolder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (!tracked) {
+    error = "cannot open " + trackedFolder_ + ": " + errnoText(errno);
+    return std::nullopt;
+  }
+  if (::mkdirat(tracked.get(), std::string(kFolderName).c_str(), 0777) != 0 && errno != EEXIST) {
+    error = "cannot create " + where + ": " + errnoText(errno);
+    return std::nullopt;
+  }
+  std::string why;
+  UniqueFd dir = openHistoryFolder(tracked.get(), where, why);
+  if (!dir) {
+    error = why.empty() ? "cannot open " + where + ": " + errnoText(errno) : why;
+    return std::nullopt;
+  }
+  // Someone else may have added a generation since the history was read: never
+  // write a chain that would drop theirs.
+  const std::string chainName(kChainName);
+  FileReadResult current = readRegularFileAt(dir.get(), chainName, kMaxChainBytes, false);
+  const bool unchanged =
+      chainBytes_ ? current.bytes == chainBytes_ : current.failure == ReadFailure::Missing;
+  if (!unchanged) {
+    error = where + "/" + chainName + " changed since the history was read; nothing is written";
+    return std::nullopt;
+  }
+  if (!writeFileAtomicallyAt(dir.get(), file, *bytes, AtomicReplace::NoReplace, 0666, &error))
+    return std::nullopt;
+  if (!writeFileAtomicallyAt(dir.get(), chainName, *chainBytes, AtomicReplace::Replace, 0666,
+                             &error)) {
+    ::unlinkat(dir.get(), file.c_str(), 0);  // ours, and listed nowhere
+    return std::nullopt;
+  }
+  chain_ = std::move(chain);
+  chainBytes_ = std::move(chainBytes);
+  index(written);
+  return where + "/" + file;
+}
+
+}  // namespace kd

@@ -1,0 +1,508 @@
+// The offload run: the card read once per file for every destination through
+// the verified copy, each copy finished under a temporary name and given its
+// real name only once it verified, resumable from each destination's hash
+// list.
+#include "files/Offload.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include "common/Folders.h"
+#include "common/UniqueFd.h"
+#include "files/AscMhl.h"
+#include "files/FileOperations.h"
+#include "files/OffloadInternal.h"
+
+namespace kd {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using offload::CardFile;
+using offload::CardTree;
+
+// Patterns of what the hash lists leave out, in their own notation.
+const std::vector<std::string> kIgnorePatterns = {
+    ".Trashes", ".Spotlight-V100", ".fseventsd", ".TemporaryItems",
+    "._*",      "ascmhl",          "ascmhl/",    ".*.kdpart"};
+
+std::string folderOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash);
+}
+
+std::string baseName(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::chrono::system_clock::time_point timeOf(const struct timespec& t) {
+  return std::chrono::system_clock::time_point(
+      std::chrono::duration_cast<std::chrono::system_clock::duration>(
+          std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec)));
+}
+
+// One destination while the run goes on. Owned by the run; one thread.
+struct Target {
+  std::string folder;  // <destination>/<name>
+  dev_t device = 0;
+  OffloadDestination report;
+  bool historyUsable = false;
+  MhlHistory history;
+  std::vector<MhlHash> entries;  // what this run adds to the hash list
+
+  bool live() const { return report.lost.empty(); }
+  void fail(std::string path, std::string reason, std::optional<std::string> source = {},
+            std::optional<std::string> destination = {}) {
+    report.failures.push_back(
+        {std::move(path), std::move(reason), std::move(source), std::move(destination)});
+  }
+  // Gives the destination up; `remaining` files were not copied to it.
+  void lose(std::string reason, std::uint64_t remaining) {
+    if (!live()) return;
+    report.lost = std::move(reason);
+    report.filesMissing += remaining;
+  }
+  // Whether the destination's folder is still there, on the same device.
+  std::optional<std::string> gone() const {
+    struct stat st {};
+    if (::stat(folder.c_str(), &st) != 0)
+      return "the destination is gone (" + std::string(std::strerror(errno)) + ")";
+    if (!S_ISDIR(st.st_mode) || st.st_dev != device)
+      return std::string("the destination is gone (its folder was replaced or unmounted)");
+    return std::nullopt;
+  }
+};
+
+// Opens for writing what the copy would write, to learn whether a
+// destination can take the file at all.
+bool canWrite(const std::string& part) {
+  UniqueFd fd(retryOnEintr(
+      [&] { return ::open(part.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666); }));
+  return static_cast<bool>(fd);
+}
+
+// The run itself; one per call of offloadCard, on the caller's thread.
+class Run {
+ public:
+  Run(const OffloadOptions& options, const OffloadProgress& progress)
+      : options_(options),
+        progress_(progress),
+        digest_(
+            KdFileManager::copyDigestNamed(options.hash).value_or(KdFileManager::CopyDigest{})) {}
+
+  OffloadReport go() {
+    const Clock::time_point start = Clock::now();
+    report_.card = options_.card;
+    report_.hash = options_.hash;
+    report_.name = options_.name.empty() ? baseName(trimmed(options_.card)) : options_.name;
+    if (std::optional<std::string> problem = offloadOptionsProblem(options_)) {
+      report_.error = *problem;
+      return std::move(report_);
+    }
+    if (report_.name.empty() || report_.name == "." || report_.name == ".." ||
+        report_.name == "/") {
+      report_.error =
+          "The card " + options_.card + " has no folder name to copy it under: give one";
+      return std::move(report_);
+    }
+    tree_ = offload::readCard(options_.card, options_.mhl);
+    report_.excluded = tree_.excluded;
+    report_.files = tree_.files.size();
+    report_.bytes = tree_.bytes;
+    if (!tree_.error.empty()) {
+      report_.error = tree_.error;
+    } else if (prepareTargets()) {
+      for (std::size_t i = 0; i < tree_.files.size() && report_.error.empty(); ++i) offloadFile(i);
+      finish();
+    }
+    for (Target& t : targets_) report_.destinations.push_back(std::move(t.report));
+    report_.elapsed = Clock::now() - start;
+    return std::move(report_);
+  }
+
+ private:
+  static std::string trimmed(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+  }
+
+  bool stopAsked() const { return options_.stop && options_.stop->load(); }
+
+  // Makes <destination>/<name> in every destination and reads its hash list.
+  bool prepareTargets() {
+    struct stat card {};
+    char cardReal[PATH_MAX];
+    if (::stat(options_.card.c_str(), &card) != 0 || !::realpath(options_.card.c_str(), cardReal)) {
+      report_.error = "The card " + options_.card + " cannot be read: " + std::strerror(errno);
+      return false;
+    }
+    const std::string cardPath = cardReal;
+    for (const std::string& destination : options_.destinations) {
+      struct stat st {};
+      if (::stat(destination.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        report_.error =
+            "The destination " + destination + " is not an existing folder (is its drive mounted?)";
+        return false;
+      }
+      Target& t = targets_.emplace_back();
+      t.folder = trimmed(destination) + "/" + report_.name;
+      t.report.folder = t.folder;
+      std::string error;
+      char real[PATH_MAX];
+      if (!createFolders(t.folder, 0755, std::nullopt, &error) ||
+          ::stat(t.folder.c_str(), &st) != 0 || !::realpath(t.folder.c_str(), real)) {
+        report_.error = "Cannot make the folder " + t.folder + ": " +
+                        (error.empty() ? std::strerror(errno) : error);
+        return false;
+      }
+      const std::string folderPath = real;
+      auto inside = [](const std::string& inner, const std::string& outer) {
+        return inner == outer || outer == "/" ||
+               (inner.size() > outer.size() && inner.compare(0, outer.size(), outer) == 0 &&
+                inner[outer.size()] == '/');
+      };
+      if (inside(folderPath, cardPath) || inside(cardPath, folderPath)) {
+        report_.error = "The destination " + t.folder + " and the card " + options_.card +
+                        " overlap: one is inside the other";
+        return false;
+      }
+      for (const Target& other : targets_)
+        if (&other != &t && other.device == st.st_dev && sameFolder(other.folder, st)) {
+          report_.error = "The destination " + t.folder + " is named twice";
+          return false;
+        }
+      t.device = st.st_dev;
+      if (options_.mhl) {
+        t.historyUsable = MhlHistory::load(t.folder, t.history, error);
+        if (!t.historyUsable)
+          t.fail(t.folder + "/ascmhl",
+                 "its hash list cannot be read, so no generation is added to it: " + error);
+      }
+    }
+    return true;
+  }
+
+  static bool sameFolder(const std::string& folder, const struct stat& st) {
+    struct stat other {};
+    return ::stat(folder.c_str(), &other) == 0 && other.st_ino == st.st_ino;
+  }
+
+  void offloadFile(std::size_t index) {
+    const CardFile& file = tree_.files[index];
+    const std::string source = trimmed(options_.card) + "/" + file.path;
+    if (progress_.fileStarted) progress_.fileStarted(file.path, file.size);
+    const std::uint64_t remainingAfter = tree_.files.size() - index - 1;
+
+    std::vector<Target*> copyTo, confirm;
+    for (Target& t : targets_) {
+      if (!t.live()) continue;
+      // A destination unmounted under the run leaves an empty mount point:
+      // nothing may be made there, on the disk below it.
+      if (std::optional<std::string> gone = t.gone()) {
+        t.lose(*gone, remainingAfter + 1);
+        continue;
+      }
+      const std::string final = t.folder + "/" + file.path;
+      struct stat st {};
+      if (::lstat(final.c_str(), &st) == 0) {
+        if (S_ISREG(st.st_mode) && static_cast<std::uint64_t>(st.st_size) == file.size)
+          confirm.push_back(&t);
+        else
+          t.fail(final, "something else is already there; it was left as it is");
+      } else if (errno == ENOENT || errno == ENOTDIR) {
+        std::string error;
+        if (errno == ENOENT && createFolders(folderOf(final), 0755, std::nullopt, &error)) {
+          copyTo.push_back(&t);
+        } else {
+          loseOrFail(t, final, error.empty() ? "its folder cannot be made" : error, remainingAfter);
+        }
+      } else {
+        loseOrFail(t, final, std::strerror(errno), remainingAfter);
+      }
+    }
+
+    std::optional<std::string> sourceDigest;
+    const std::uint64_t before = done_;
+    for (int attempt = 0; !copyTo.empty(); ++attempt) {
+      std::vector<std::string> parts;
+      for (Target* t : copyTo) parts.push_back(partOf(*t, file));
+      const KdFileManager::CopyResult result =
+          KdFileManager::copyFileWithOutcome(source, parts, digest_, copyDelegate(before));
+      if (result.completed) {
+        sourceDigest = result.sourceDigest;
+        report_.bytesRead += result.bytesCopied;
+        finishCopies(file, copyTo, result, remainingAfter);
+        break;
+      }
+      if (stopAsked()) {
+        report_.error = "Stopped on request while copying " + source;
+        break;
+      }
+      // A destination that cannot take the file stops the copy for all:
+      // leave it out and copy again; otherwise the card is at fault.
+      std::vector<Target*> usable;
+      for (std::size_t i = 0; i < copyTo.size(); ++i) {
+        if (canWrite(parts[i])) {
+          usable.push_back(copyTo[i]);
+        } else {
+          loseOrFail(*copyTo[i], parts[i], std::strerror(errno), remainingAfter);
+          ::unlink(parts[i].c_str());
+        }
+      }
+      if (usable.size() == copyTo.size() || attempt > 0) {
+        cardFailed(source, index);
+        return;
+      }
+      copyTo = std::move(usable);
+    }
+    if (!report_.error.empty()) {
+      for (Target& t : targets_) t.lose(report_.error, remainingAfter + 1);
+      return;
+    }
+
+    if (!confirm.empty() && !sourceDigest) {
+      std::string error;
+      sourceDigest = offload::digestOfFile(source, digest_, false, readReporter(before), error);
+      if (!sourceDigest) {
+        cardFailed(source, index, error);
+        return;
+      }
+      report_.bytesRead += file.size;
+    }
+    for (Target* t : confirm) confirmPresent(*t, file, *sourceDigest);
+    done_ = before + file.size;
+    if (progress_.bytes) progress_.bytes(done_, tree_.bytes);
+  }
+
+  std::string partOf(const Target& t, const CardFile& file) const {
+    const std::string folder = folderOf(file.path);
+    return t.folder + "/" + (folder.empty() ? "" : folder + "/") +
+           offloadPartName(baseName(file.path));
+  }
+
+  // A destination whose folder is gone is given up; otherwise the file
+  // failed there.
+  void loseOrFail(Target& t, const std::string& path, const std::string& reason,
+                  std::uint64_t remainingAfter) {
+    if (std::optional<std::string> gone = t.gone()) {
+      t.fail(path, *gone);
+      t.lose(*gone, remainingAfter);
+    } else {
+      t.fail(path, reason);
+    }
+  }
+
+  void cardFailed(const std::string& source, std::size_t index, std::string detail = {}) {
+    if (detail.empty()) {
+      UniqueFd fd(retryOnEintr([&] { return ::open(source.c_str(), O_RDONLY | O_CLOEXEC); }));
+      detail = fd ? "a read failed" : std::strerror(errno);
+    }
+    report_.error = "Reading " + source + " from the card failed (" + detail +
+                    "); the offload stopped. Was the card removed?";
+    for (Target& t : targets_) t.lose(report_.error, tree_.files.size() - index);
+  }
+
+  // The copy verified into its temporary files; with --reverify each is read
+  // again from its device (the destinations side by side), and each one that
+  // verified takes the file's real name, never replacing anything.
+  void finishCopies(const CardFile& file, const std::vector<Target*>& copyTo,
+                    const KdFileManager::CopyResult& result, std::uint64_t remainingAfter) {
+    const std::size_t n = copyTo.size();
+    std::vector<std::optional<std::string>> reread(n);
+    std::vector<std::string> rereadError(n);
+    if (options_.reverify) {
+      std::vector<std::thread> threads;
+      for (std::size_t i = 0; i < n; ++i)
+        if (result.destinations[i].verified)
+          threads.emplace_back([&, i] {
+            reread[i] = offload::digestOfFile(result.destinations[i].path, digest_, true, {},
+                                              rereadError[i]);
+          });
+      for (std::thread& thread : threads) thread.join();
+    }
+    const auto now = std::chrono::system_clock::now();
+    for (std::size_t i = 0; i < n; ++i) {
+      Target& t = *copyTo[i];
+      const KdFileManager::CopyOutcome& outcome = result.destinations[i];
+      const std::string final = t.folder + "/" + file.path;
+      std::string failure;
+      bool keepPart = false;  // verified, but its name is taken
+      std::optional<std::string> destinationDigest = outcome.digest;
+      if (!outcome.verified) {
+        failure = outcome.failure;
+      } else if (options_.reverify) {
+        destinationDigest = reread[i];
+        if (!reread[i])
+          failure = "reading it again from the device failed: " + rereadError[i];
+        else if (reread[i] != result.sourceDigest)
+          failure = "read again from the device, it differs from the card's file";
+      }
+      if (const int err = failure.empty() ? files::renameNoReplace(outcome.path, final) : 0) {
+        failure = "it verified, but cannot take its name (" + std::string(std::strerror(err)) +
+                  "); it stays as " + outcome.path;
+        keepPart = true;
+      }
+      if (!failure.empty()) {
+        if (!keepPart) ::unlink(outcome.path.c_str());
+        t.fail(final, failure, result.sourceDigest, destinationDigest);
+        if (outcome.error == ENOSPC || outcome.error == EDQUOT)
+          t.lose("the destination is full (" + std::string(std::strerror(outcome.error)) + ")",
+                 remainingAfter);
+        else if (std::optional<std::string> gone = t.gone())
+          t.lose(*gone, remainingAfter);
+        continue;
+      }
+      ++t.report.filesCopied;
+      if (options_.reverify) ++t.report.filesReverified;
+      t.report.bytesCopied += result.bytesCopied;
+      t.entries.push_back({file.path, result.bytesCopied, timeOf(file.modified), options_.hash,
+                           *result.sourceDigest, "original", now});
+    }
+  }
+
+  // A file already at the destination with the card file's size: it is the
+  // card's file when the hash list recorded the card file's digest for it (or,
+  // without a record, when its own digest is the card file's).
+  void confirmPresent(Target& t, const CardFile& file, const std::string& sourceDigest) {
+    const std::string final = t.folder + "/" + file.path;
+    std::optional<std::string> found;
+    std::string error;
+    std::optional<MhlHash> recorded;
+    if (t.historyUsable) recorded = t.history.latest(file.path, options_.hash);
+    if (recorded && recorded->size == file.size && !options_.reverify)
+      found = recorded->digest;
+    else
+      found = offload::digestOfFile(final, digest_, options_.reverify, {}, error);
+    const auto now = std::chrono::system_clock::now();
+    if (!found) {
+      t.fail(final, "already there, but it cannot be read: " + error, sourceDigest);
+      return;
+    }
+    if (*found != sourceDigest) {
+      t.fail(final,
+             options_.reverify ? "read again from the device, it differs from the card's file"
+                               : "already there and differs from the card's file; left as it is",
+             sourceDigest, found);
+      if (options_.reverify)
+        t.entries.push_back(
+            {file.path, file.size, timeOf(file.modified), options_.hash, *found, "failed", now});
+      return;
+    }
+    ++t.report.filesSkipped;
+    if (options_.reverify) {
+      ++t.report.filesReverified;
+      t.entries.push_back({file.path, file.size, timeOf(file.modified), options_.hash, sourceDigest,
+                           recorded ? "verified" : "original", now});
+    } else if (!recorded) {
+      t.entries.push_back({file.path, file.size, timeOf(file.modified), options_.hash, sourceDigest,
+                           "original", now});
+    }
+  }
+
+  // The hash lists, then the folders' dates (the hash list's folder changes
+  // the date of the folder it is in).
+  void finish() {
+    MhlCreator creator;
+    creator.creationDate = std::chrono::system_clock::now();
+    char host[256] = {};
+    if (::gethostname(host, sizeof host - 1) != 0) std::strcpy(host, "localhost");
+    creator.hostname = host;
+    creator.tool = options_.tool;
+    creator.toolVersion = options_.toolVersion;
+    for (Target& t : targets_) {
+      if (!t.historyUsable || t.entries.empty() || t.gone()) continue;
+      std::string error;
+      t.report.manifest =
+          t.history.addGeneration(creator, report_.name, kIgnorePatterns, t.entries, error);
+      if (!t.report.manifest)
+        t.fail(t.folder + "/ascmhl", "the hash list cannot be written: " + error);
+    }
+    for (Target& t : targets_) {
+      if (t.gone()) continue;
+      for (auto folder = tree_.folders.rbegin(); folder != tree_.folders.rend(); ++folder) {
+        const std::string path = folder->path.empty() ? t.folder : t.folder + "/" + folder->path;
+        const struct timespec times[2] = {{0, UTIME_OMIT}, folder->modified};
+        ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+      }
+    }
+  }
+
+  std::shared_ptr<KdFileCopyDelegate> copyDelegate(std::uint64_t before) {
+    if (!progress_.bytes && !options_.stop) return nullptr;
+    auto delegate = std::make_shared<KdFileCopyDelegate>();
+    const OffloadProgress progress = progress_;
+    const std::uint64_t total = tree_.bytes;
+    if (progress.bytes)
+      delegate->fileCopyBytesWritten = [progress, before, total](std::uint64_t bytes,
+                                                                 const KdCopySettings&) {
+        progress.bytes(before + bytes, total);
+      };
+    if (const std::atomic<bool>* stop = options_.stop)
+      delegate->fileCopyShouldContinue = [stop](const KdCopySettings&) { return !stop->load(); };
+    return delegate;
+  }
+
+  std::function<void(std::uint64_t)> readReporter(std::uint64_t before) {
+    if (!progress_.bytes) return {};
+    return [this, read = before](std::uint64_t n) mutable {
+      read += n;
+      progress_.bytes(read, tree_.bytes);
+    };
+  }
+
+  const OffloadOptions& options_;
+  const OffloadProgress& progress_;
+  const KdFileManager::CopyDigest digest_;
+  OffloadReport report_;
+  CardTree tree_;
+  std::vector<Target> targets_;
+  std::uint64_t done_ = 0;
+};
+
+}  // namespace
+
+bool OffloadReport::allGood() const {
+  if (!error.empty() || destinations.empty()) return false;
+  return std::all_of(destinations.begin(), destinations.end(),
+                     [](const OffloadDestination& d) { return d.good(); });
+}
+
+std::optional<std::string> offloadOptionsProblem(const OffloadOptions& options) {
+  if (options.card.empty()) return "No card was given";
+  if (options.destinations.empty()) return "At least one destination is needed";
+  if (options.hash == "none" || !KdFileManager::copyDigestNamed(options.hash))
+    return "Unknown hash \"" + options.hash + "\"";
+  if (options.mhl && !isMhlHashFormat(options.hash))
+    return "The hash list (ascmhl) cannot hold " + options.hash +
+           " digests: choose xxh64, xxh3, xxh128, md5 or sha1, or leave the hash list out with "
+           "--no-mhl";
+  if (!options.name.empty() &&
+      (options.name == "." || options.name == ".." || options.name.find('/') != std::string::npos ||
+       options.name.find('\0') != std::string::npos))
+    return "The name \"" + options.name + "\" cannot be a folder's name";
+  return std::nullopt;
+}
+
+std::string offloadPartName(const std::string& fileName) {
+  // A name's length is limited (255 bytes on most file systems).
+  constexpr std::size_t kRoom = 255 - std::char_traits<char>::length("..kdpart");
+  std::string name = fileName.substr(0, kRoom);
+  while (name.size() < fileName.size() && !name.empty() &&
+         (static_cast<unsigned char>(fileName[name.size()]) & 0xC0) == 0x80)
+    name.pop_back();  // do not cut a character in two
+  return "." + name + ".kdpart";
+}
+
+OffloadReport offloadCard(const OffloadOptions& options, const OffloadProgress& progress) {
+  return Run(options, progress).go();
+}
+
+}  // namespace kd

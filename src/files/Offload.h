@@ -1,0 +1,98 @@
+// Offloading a camera card: every file of the card copied to several
+// destinations in one read of the card, each copy verified, optionally read
+// again from the destination's device, recorded in each destination's
+// hash list (its ascmhl folder), and resumable.
+//
+// `offloadCard` runs on the caller's thread and blocks until the end; the copy
+// engine underneath uses threads of its own. The progress functions are
+// called from those threads as well as the caller's, one call at a time per
+// function is not promised: they must be thread-safe.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kd {
+
+struct OffloadOptions {
+  std::string card;                       // the card's folder
+  std::vector<std::string> destinations;  // existing folders; each gets <name>/
+  std::string hash = "xxh64";             // a digest kind of the verified copy
+  bool reverify = false;                  // read each copy again from its device
+  bool mhl = true;                        // keep a hash list in each destination
+  std::string name;                       // default: the card folder's name
+  std::string tool = "kd", toolVersion;   // the creator named in the hash list
+  // Set from anywhere (a signal handler) to stop after the current stretch.
+  const std::atomic<bool>* stop = nullptr;
+};
+
+// A problem with one file at one destination (or on the card).
+struct OffloadFailure {
+  std::string path;  // the destination's file, or the card's
+  std::string reason;
+  std::optional<std::string> sourceDigest;
+  std::optional<std::string> destinationDigest;
+};
+
+struct OffloadDestination {
+  std::string folder;  // <destination>/<name>
+  std::uint64_t filesCopied = 0;
+  std::uint64_t filesSkipped = 0;     // already there, same size and digest
+  std::uint64_t filesReverified = 0;  // read again from the device and equal
+  std::uint64_t bytesCopied = 0;
+  std::vector<OffloadFailure> failures;
+  // Why the destination was given up (full, gone, unusable); empty while it
+  // took part to the end. Files not copied after that count in `filesMissing`.
+  std::string lost;
+  std::uint64_t filesMissing = 0;
+  std::optional<std::string> manifest;  // the hash list written by this run
+  // Every file of the card is there and verified.
+  bool good() const { return failures.empty() && lost.empty() && filesMissing == 0; }
+};
+
+struct OffloadExclusion {
+  std::string path;  // relative to the card
+  std::string reason;
+};
+
+struct OffloadReport {
+  std::string card;
+  std::string name;
+  std::string hash;
+  // Set when the run could not start or stopped early (the card could not be
+  // read, a stop was asked); empty when it ran to its end.
+  std::string error;
+  std::uint64_t files = 0;  // regular files on the card, excluded ones left out
+  std::uint64_t bytes = 0;  // their size in all
+  std::uint64_t bytesRead = 0;
+  std::chrono::duration<double> elapsed{};
+  std::vector<OffloadExclusion> excluded;
+  std::vector<OffloadDestination> destinations;
+  // Ran to its end and every destination holds every file, verified.
+  bool allGood() const;
+};
+
+struct OffloadProgress {
+  // A file of the card is being read: its path relative to the card.
+  std::function<void(const std::string& path, std::uint64_t size)> fileStarted;
+  // Bytes of the card read so far, of `total`.
+  std::function<void(std::uint64_t done, std::uint64_t total)> bytes;
+};
+
+// What is wrong with the options before anything is touched (unknown hash, a
+// hash the hash list cannot hold, no destination, a bad name); nothing when
+// they are usable. `offloadCard` refuses the same with `error` set.
+std::optional<std::string> offloadOptionsProblem(const OffloadOptions& options);
+
+OffloadReport offloadCard(const OffloadOptions& options, const OffloadProgress& progress = {});
+
+// The name a file of the card has at a destination while it is being copied,
+// in the same folder: ".<name>.kdpart".
+std::string offloadPartName(const std::string& fileName);
+
+}  // namespace kd

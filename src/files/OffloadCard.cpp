@@ -1,0 +1,103 @@
+// Reading a card's tree for an offload: every regular file and folder, with
+// the system's own housekeeping left out and links never followed.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+
+#include "common/UniqueFd.h"
+#include "files/OffloadInternal.h"
+
+namespace kd::offload {
+namespace {
+
+// Folders and files that the system keeps on a volume for itself.
+constexpr std::array<std::string_view, 4> kSystemNames = {".Trashes", ".Spotlight-V100",
+                                                          ".fseventsd", ".TemporaryItems"};
+
+std::string joined(const std::string& folder, const std::string& name) {
+  return folder.empty() ? name : folder + "/" + name;
+}
+
+}  // namespace
+
+std::string exclusionReason(const std::string& relative, const std::string& name, bool isFolder,
+                            bool skipHistory) {
+  if (std::find(kSystemNames.begin(), kSystemNames.end(), name) != kSystemNames.end())
+    return "kept by the system for itself";
+  if (!isFolder && name.size() > 2 && name.compare(0, 2, "._") == 0)
+    return "the system's side file of another file";
+  if (skipHistory && isFolder && relative == "ascmhl")
+    return "the card's own hash list; each destination keeps its own";
+  return {};
+}
+
+CardTree readCard(const std::string& card, bool skipHistory) {
+  CardTree tree;
+  struct stat rootStat {};
+  if (::stat(card.c_str(), &rootStat) != 0 || !S_ISDIR(rootStat.st_mode)) {
+    tree.error = "The card " + card + " is not a folder that can be read: " +
+                 (errno ? std::strerror(errno) : "not a folder");
+    return tree;
+  }
+  tree.folders.push_back({"", rootStat.st_mtim});
+  std::vector<std::string> pending = {""};
+  while (!pending.empty()) {
+    const std::string relative = std::move(pending.back());
+    pending.pop_back();
+    const std::string path = relative.empty() ? card : card + "/" + relative;
+    UniqueFd fd(retryOnEintr(
+        [&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+    DIR* dir = fd ? ::fdopendir(fd.get()) : nullptr;
+    if (!dir) {
+      tree.error = "Cannot read the folder " + path + " on the card: " + std::strerror(errno);
+      return tree;
+    }
+    const int dirFd = fd.release();
+    errno = 0;
+    while (const dirent* entry = ::readdir(dir)) {
+      const std::string name = entry->d_name;
+      if (name == "." || name == "..") continue;
+      struct stat st {};
+      const std::string child = joined(relative, name);
+      if (::fstatat(dirFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        tree.error = "Cannot read " + card + "/" + child + " on the card: " + std::strerror(errno);
+        ::closedir(dir);
+        return tree;
+      }
+      const bool isFolder = S_ISDIR(st.st_mode);
+      std::string reason = exclusionReason(child, name, isFolder, skipHistory);
+      if (reason.empty() && S_ISLNK(st.st_mode)) reason = "a link, not followed";
+      if (reason.empty() && !isFolder && !S_ISREG(st.st_mode)) reason = "not a regular file";
+      if (!reason.empty()) {
+        tree.excluded.push_back({child, std::move(reason)});
+      } else if (isFolder) {
+        tree.folders.push_back({child, st.st_mtim});
+        pending.push_back(child);
+      } else {
+        tree.files.push_back({child, static_cast<std::uint64_t>(st.st_size), st.st_mtim});
+        tree.bytes += static_cast<std::uint64_t>(st.st_size);
+      }
+      errno = 0;
+    }
+    const int readError = errno;
+    ::closedir(dir);
+    if (readError != 0) {
+      tree.error = "Cannot read the folder " + path + " on the card: " + std::strerror(readError);
+      return tree;
+    }
+  }
+  auto byPath = [](const auto& a, const auto& b) { return a.path < b.path; };
+  std::sort(tree.files.begin(), tree.files.end(), byPath);
+  std::sort(tree.folders.begin(), tree.folders.end(), byPath);
+  std::sort(tree.excluded.begin(), tree.excluded.end(), byPath);
+  return tree;
+}
+
+}  // namespace kd::offload

@@ -1,0 +1,56 @@
+// The offload's parts shared between its source files: the card's tree and
+// reading a file for its digest. Not part of the library's interface.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "files/KdFileManager.h"
+#include "files/Offload.h"
+
+namespace kd::offload {
+
+struct CardFile {
+  std::string path;  // relative to the card, '/'-separated
+  std::uint64_t size = 0;
+  struct timespec modified {};
+};
+
+struct CardFolder {
+  std::string path;  // relative to the card; empty for the card itself
+  struct timespec modified {};
+};
+
+// The card as it was read: sorted by path. `error` is set when a part of it
+// could not be read; nothing else is to be trusted then.
+struct CardTree {
+  std::vector<CardFile> files;
+  std::vector<CardFolder> folders;
+  std::vector<OffloadExclusion> excluded;
+  std::uint64_t bytes = 0;
+  std::string error;
+};
+
+// Why an entry of the card is left out; empty when it is copied. With
+// `skipHistory`, the card's own "ascmhl" folder at its top is left out.
+std::string exclusionReason(const std::string& relative, const std::string& name, bool isFolder,
+                            bool skipHistory);
+
+// Reads the card's tree without following links.
+CardTree readCard(const std::string& card, bool skipHistory);
+
+// The digest of a whole file. With `fromDevice`, the file is first flushed
+// and its cached pages dropped, so what is read comes from the device, and
+// dropped again after. `read` hears of every stretch read. Nothing with
+// `error` set when the file cannot be opened or read.
+std::optional<std::string> digestOfFile(const std::string& path,
+                                        const KdFileManager::CopyDigest& digest, bool fromDevice,
+                                        const std::function<void(std::uint64_t)>& read,
+                                        std::string& error);
+
+}  // namespace kd::offload

@@ -1,0 +1,57 @@
+// Reading a whole file for its digest, from the cache or from the device.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "common/UniqueFd.h"
+#include "files/OffloadInternal.h"
+
+namespace kd::offload {
+
+std::optional<std::string> digestOfFile(const std::string& path,
+                                        const KdFileManager::CopyDigest& digest, bool fromDevice,
+                                        const std::function<void(std::uint64_t)>& read,
+                                        std::string& error) {
+  constexpr std::size_t kBuffer = 1 << 20;
+  UniqueFd fd(
+      retryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC); }));
+  if (!fd) {
+    error = std::strerror(errno);
+    return std::nullopt;
+  }
+  if (fromDevice) {
+    // Dirty pages cannot be dropped: write them out first. A file system
+    // without the flush (read-only ones) has nothing dirty to write.
+    if (::fdatasync(fd.get()) != 0 && errno != EINVAL && errno != EROFS) {
+      error = std::string("flushing to the device failed: ") + std::strerror(errno);
+      return std::nullopt;
+    }
+    ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
+  }
+  ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+  const std::unique_ptr<KdFileManager::CopyDigester> digester = digest.make();
+  const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kBuffer]);
+  if (!digester || !buffer) {
+    error = "out of memory";
+    return std::nullopt;
+  }
+  for (;;) {
+    const ssize_t n = retryOnEintr([&] { return ::read(fd.get(), buffer.get(), kBuffer); });
+    if (n < 0) {
+      error = std::string("a read failed: ") + std::strerror(errno);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    digester->update(buffer.get(), static_cast<std::size_t>(n));
+    if (read) read(static_cast<std::uint64_t>(n));
+  }
+  if (fromDevice) ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
+  std::optional<std::string> text = digester->text();
+  if (!text) error = "the digest failed";
+  return text;
+}
+
+}  // namespace kd::offload

@@ -1,0 +1,248 @@
+// kd offload: a whole card to several destinations, verified, with a hash
+// list in each, resumable.
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "Output.h"
+#include "Rights.h"
+#include "files/KdFileManager.h"
+#include "files/Offload.h"
+#include "log/KdLog.h"
+
+namespace {
+
+std::atomic<bool> stopAsked{false};
+
+extern "C" void askToStop(int) {
+  stopAsked.store(true);
+  std::signal(SIGINT, SIG_DFL);  // a second interrupt ends kd at once
+  std::signal(SIGTERM, SIG_DFL);
+}
+
+std::string size(std::uint64_t bytes) {
+  return KdFileManager::formatFileSize(static_cast<double>(bytes));
+}
+
+std::string clock(double seconds) {
+  const long s = static_cast<long>(seconds);
+  char text[32];
+  if (s >= 3600)
+    std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
+  else
+    std::snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
+  return text;
+}
+
+// Progress on standard error: on a terminal a bar redrawn in place with the
+// current file's name; otherwise a plain line every few seconds. Reports come
+// from the copy's threads as well as the main one; thread-safe.
+class Progress {
+ public:
+  explicit Progress(bool terminal)
+      : terminal_(terminal),
+        start_(Clock::now()),
+        lastLine_(terminal ? Clock::time_point() : start_) {}
+
+  void file(const std::string& path) {
+    std::lock_guard lock(mu_);
+    file_ = path;
+    draw();
+  }
+  void bytes(std::uint64_t done, std::uint64_t total) {
+    std::lock_guard lock(mu_);
+    if (done < done_) return;  // reports from threads may come late
+    done_ = done;
+    total_ = total;
+    draw();
+  }
+  void end() {
+    std::lock_guard lock(mu_);
+    if (terminal_ && drawn_) std::fputs("\r\033[K", stderr);
+    ended_ = true;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void draw() {
+    if (ended_) return;
+    const Clock::time_point now = Clock::now();
+    if (!terminal_ && now - lastLine_ < std::chrono::seconds(5)) return;
+    if (terminal_ && now - lastLine_ < std::chrono::milliseconds(100)) return;
+    lastLine_ = now;
+    drawn_ = true;
+    const double seconds = std::chrono::duration<double>(now - start_).count();
+    const double rate = seconds > 0 ? static_cast<double>(done_) / seconds : 0;
+    const int percent = total_ ? static_cast<int>(done_ * 100 / total_) : 0;
+    const std::string left = rate > 0 && total_ >= done_
+                                 ? clock(static_cast<double>(total_ - done_) / rate)
+                                 : std::string("--:--");
+    if (terminal_) {
+      constexpr int kWidth = 24;
+      std::string bar(static_cast<std::size_t>(percent * kWidth / 100), '#');
+      bar.resize(kWidth, '.');
+      std::string name = file_;
+      if (name.size() > 40) name = "…" + name.substr(name.size() - 39);
+      std::fprintf(stderr, "\r\033[K[%s] %3d%% %s of %s  %s/s  %s left  %s", bar.c_str(), percent,
+                   size(done_).c_str(), size(total_).c_str(),
+                   KdFileManager::formatFileSize(rate).c_str(), left.c_str(), name.c_str());
+    } else {
+      std::fprintf(stderr, "kd offload: %d%%, %s of %s, %s/s, %s left: %s\n", percent,
+                   size(done_).c_str(), size(total_).c_str(),
+                   KdFileManager::formatFileSize(rate).c_str(), left.c_str(), file_.c_str());
+    }
+    std::fflush(stderr);
+  }
+
+  const bool terminal_;
+  const Clock::time_point start_;
+  std::mutex mu_;
+  // Guarded by mu_:
+  Clock::time_point lastLine_{};
+  std::string file_;
+  std::uint64_t done_ = 0, total_ = 0;
+  bool drawn_ = false, ended_ = false;
+};
+
+double rateOf(const kd::OffloadReport& r) {
+  const double seconds = r.elapsed.count();
+  return seconds > 0 ? static_cast<double>(r.bytesRead) / seconds : 0;
+}
+
+void printText(const kd::OffloadReport& r) {
+  std::ostringstream out;
+  out << "Card:        " << r.card << "  (as \"" << r.name << "\", " << r.hash << ")\n";
+  out << "Files:       " << r.files << " (" << size(r.bytes) << "), " << r.excluded.size()
+      << " excluded\n";
+  out << "Elapsed:     " << clock(r.elapsed.count()) << "  (" << size(r.bytesRead) << " read, "
+      << KdFileManager::formatFileSize(rateOf(r)) << "/s)\n";
+  for (const kd::OffloadDestination& d : r.destinations) {
+    out << "Destination: " << d.folder << ": " << (d.good() ? "all verified" : "FAILED") << ", "
+        << d.filesCopied << " copied, " << d.filesSkipped << " already there";
+    if (d.filesReverified) out << ", " << d.filesReverified << " read again from the device";
+    if (!d.failures.empty()) out << ", " << d.failures.size() << " failed";
+    if (d.filesMissing) out << ", " << d.filesMissing << " not copied";
+    out << "\n";
+    if (!d.lost.empty()) out << "  Given up:  " << d.lost << "\n";
+    if (d.manifest) out << "  Manifest:  " << *d.manifest << "\n";
+    for (const kd::OffloadFailure& f : d.failures) {
+      out << "  Failed:    " << f.path << ": " << f.reason << "\n";
+      if (f.sourceDigest) out << "             card        " << *f.sourceDigest << "\n";
+      if (f.destinationDigest) out << "             destination " << *f.destinationDigest << "\n";
+    }
+  }
+  for (const kd::OffloadExclusion& e : r.excluded)
+    out << "Excluded:    " << e.path << " (" << e.reason << ")\n";
+  if (!r.error.empty()) out << "Stopped:     " << r.error << "\n";
+  out << "Result:      "
+      << (r.allGood() ? "every file of every destination verified" : "FAILED: see above") << "\n";
+  std::cout << out.str();
+}
+
+void printJson(const kd::OffloadReport& r) {
+  using kd::tool::jsonString;
+  std::ostringstream out;
+  auto optional = [](const std::optional<std::string>& s) {
+    return s ? jsonString(*s) : std::string("null");
+  };
+  out << "{\"card\": " << jsonString(r.card) << ", \"name\": " << jsonString(r.name)
+      << ", \"hash\": " << jsonString(r.hash) << ", \"ok\": " << (r.allGood() ? "true" : "false")
+      << ", \"error\": " << (r.error.empty() ? "null" : jsonString(r.error))
+      << ", \"files\": " << r.files << ", \"bytes\": " << r.bytes
+      << ", \"bytesRead\": " << r.bytesRead << ", \"seconds\": " << r.elapsed.count()
+      << ", \"bytesPerSecond\": " << static_cast<std::uint64_t>(rateOf(r)) << ", \"excluded\": [";
+  for (std::size_t i = 0; i < r.excluded.size(); ++i)
+    out << (i ? ", " : "") << "{\"path\": " << jsonString(r.excluded[i].path)
+        << ", \"reason\": " << jsonString(r.excluded[i].reason) << "}";
+  out << "], \"destinations\": [";
+  for (std::size_t i = 0; i < r.destinations.size(); ++i) {
+    const kd::OffloadDestination& d = r.destinations[i];
+    out << (i ? ", " : "") << "{\"folder\": " << jsonString(d.folder)
+        << ", \"ok\": " << (d.good() ? "true" : "false") << ", \"filesCopied\": " << d.filesCopied
+        << ", \"filesSkipped\": " << d.filesSkipped
+        << ", \"filesReverified\": " << d.filesReverified
+        << ", \"filesMissing\": " << d.filesMissing << ", \"bytesCopied\": " << d.bytesCopied
+        << ", \"lost\": " << (d.lost.empty() ? "null" : jsonString(d.lost))
+        << ", \"manifest\": " << optional(d.manifest) << ", \"failures\": [";
+    for (std::size_t k = 0; k < d.failures.size(); ++k) {
+      const kd::OffloadFailure& f = d.failures[k];
+      out << (k ? ", " : "") << "{\"path\": " << jsonString(f.path)
+          << ", \"reason\": " << jsonString(f.reason)
+          << ", \"sourceDigest\": " << optional(f.sourceDigest)
+          << ", \"destinationDigest\": " << optional(f.destinationDigest) << "}";
+    }
+    out << "]}";
+  }
+  out << "]}\n";
+  std::cout << out.str();
+}
+
+void setupOffload(CLI::App& app) {
+  auto* cmd = app.add_subcommand("offload", "Copy a whole card to several destinations, verified");
+  static kd::OffloadOptions options;
+  static bool json = false, noMhl = false;
+  cmd->add_option("--hash", options.hash,
+                  "Digest of the verification and hash list (default xxh64)")
+      ->check(CLI::IsMember({"xxh64", "xxh3", "xxh128", "md5", "sha1", "sha256", "sha512"}));
+  cmd->add_flag("--reverify", options.reverify,
+                "Read every copy again from its device after it was written");
+  cmd->add_flag("--no-mhl", noMhl, "Keep no hash list (ascmhl folder) in the destinations");
+  cmd->add_flag("--json", json, "Print the summary as JSON");
+  cmd->add_option("--name", options.name, "Folder made in each DEST (default: CARD's name)");
+  cmd->add_option("CARD", options.card, "The card's folder (its mount point)")->required();
+  cmd->add_option("DEST", options.destinations, "Existing destination folders")->required();
+  cmd->footer(
+      "Copies every file of CARD to DEST/NAME/ in each DEST, reading each card file\n"
+      "once for all destinations. Each copy is written as .NAME.kdpart, read back\n"
+      "and digested, flushed, and takes its name only when its digest equals the\n"
+      "card file's; nothing already there is replaced. With --reverify each copy is\n"
+      "read again from its device, not from memory. Each DEST/NAME gets an ascmhl\n"
+      "folder with one manifest per offload and the chain file. A repeated run skips\n"
+      "files already there with the same size and digest. The system's own files\n"
+      "(.Trashes, .Spotlight-V100, .fseventsd, .TemporaryItems, ._*) are left out.\n"
+      "A summary goes to standard output (--json: as JSON), progress to standard\n"
+      "error. Exits 0 when every file of every DEST verified, 1 when anything\n"
+      "failed, 2 on usage errors. Ctrl-C stops after the current stretch.\n"
+      "Example: kd offload --reverify /media/$USER/A001 /mnt/shuttle1 /mnt/raid/Day01");
+  cmd->callback([] {
+    kd::tool::openCommandLog();
+    options.mhl = !noMhl;
+    options.toolVersion = KD_VERSION;
+    if (const std::optional<std::string> problem = kd::offloadOptionsProblem(options)) {
+      std::fprintf(stderr, "kd offload: %s\n", problem->c_str());
+      kd::tool::exitWith(2);
+    }
+    std::signal(SIGINT, askToStop);
+    std::signal(SIGTERM, askToStop);
+    options.stop = &stopAsked;
+    auto progress = std::make_shared<Progress>(::isatty(STDERR_FILENO) == 1);
+    kd::OffloadProgress callbacks;
+    callbacks.fileStarted = [progress](const std::string& path, std::uint64_t) {
+      progress->file(path);
+    };
+    callbacks.bytes = [progress](std::uint64_t done, std::uint64_t total) {
+      progress->bytes(done, total);
+    };
+    const kd::OffloadReport report = kd::offloadCard(options, callbacks);
+    progress->end();
+    if (!report.error.empty()) std::fprintf(stderr, "kd offload: %s\n", report.error.c_str());
+    json ? printJson(report) : printText(report);
+    KdLog::finishWriting();
+    int status = report.allGood() ? 0 : 1;
+    if (!kd::tool::finishData()) status = 1;
+    if (status != 0) kd::tool::exitWith(status);
+  });
+}
+
+}  // namespace
+KD_COMMAND(setupOffload);
