@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Demo: builds everything, then shows how camera cards are recognised.
+# Demo: builds everything, shows how camera cards are recognised, then the
+# whole path on a sample card: the helper finds it on its mount and starts a
+# stand-in Ferrimo that offloads it with kd offload to two folders, verified.
 #
 # Usage: scripts/demo.sh [VOLUME...]
 #   Without arguments, sample cards are made in a temporary folder (removed at
 #   the end). With arguments, the given folders (such as /media/$USER/CARD) are
-#   checked instead; nothing is written to them.
+#   checked instead; nothing is written to them and nothing is offloaded.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -49,6 +51,22 @@ fill_card() {
   done
 }
 
+# fill_photo_card FOLDER : a stills camera's card with a few MiB of clips,
+# and the AppleDouble file and trash folder that a Mac leaves on it.
+fill_photo_card() {
+  local dcim="$1/DCIM/100EOS5D" f
+  mkdir -p "$dcim" "$1/.Trashes/501"
+  head -c 1300000 /dev/urandom >"$dcim/IMG_0001.CR2"
+  head -c 1450000 /dev/urandom >"$dcim/IMG_0002.CR2"
+  head -c 5200000 /dev/urandom >"$dcim/MVI_0003.MOV"
+  head -c 11000 /dev/urandom >"$dcim/MVI_0003.THM"
+  head -c 4096 /dev/zero >"$dcim/._IMG_0001.CR2"
+  head -c 900000 /dev/urandom >"$1/.Trashes/501/IMG_0000.CR2"
+  for f in IMG_0001.CR2 IMG_0002.CR2 MVI_0003.MOV MVI_0003.THM; do
+    touch -d "2026-03-14 16:2${f:7:1}:05" "$dcim/$f"
+  done
+}
+
 describe() {
   case "$1" in
     0) echo "CONTENTS/LASTCLIP.TXT" ;;
@@ -72,7 +90,7 @@ else
   say "Making sample cards in $workdir"
   volumes=(
     "$(make_card CARD CONTENTS/CLIPS001/C0001/C0001.MXF CONTENTS/CLIPS001/C0001/C0001M01.XML)"
-    "$(make_card PHOTO_CARD DCIM/100EOS5D/IMG_0001.CR2 DCIM/100EOS5D/MVI_0002.MOV)"
+    "$(fill_photo_card "$workdir/PHOTO_CARD" && printf '%s\n' "$workdir/PHOTO_CARD")"
     "$(make_card SHOOT1 SHOOT1/SHOOT1_AVID.ale SHOOT1/SHOOT1_BIN.bin SHOOT1/SHOO_0001.mov)"
     "$(make_card DJI_0001 0001_0042_20240315_A/DJI_0042.mov)"
     "$(make_card USB_STICK Documents/notes.txt .DS_Store)"
@@ -98,12 +116,31 @@ EOF
 
 (($# > 0)) && exit 0
 
-# The helper itself, as the system runs it on a mount: a stand-in Ferrimo in an
-# application folder records how it was started.
+# The helper itself, as the system runs it on a mount. Its application folder
+# holds a stand-in Ferrimo that records how it was started and offloads the
+# card as the application would: kd offload to two folders (a RAID and a
+# shuttle drive), every copy read back from the device, the summary and the
+# progress lines kept in files beside the copies.
 helper=build/default/src/FerrimoHelper
 app="$workdir/Ferrimo.app"
-mkdir -p "$app/Contents/MacOS"
-cp build/default/tests/helper/stand-in/Ferrimo "$app/Contents/MacOS/Ferrimo"
+offload="$workdir/offload"
+raid="$offload/RAID"
+shuttle="$offload/SHUTTLE"
+mkdir -p "$app/Contents/MacOS" "$raid" "$shuttle"
+{
+  cat <<'STANDIN'
+#!/bin/bash
+# A stand-in for Ferrimo, written by scripts/demo.sh.
+(IFS=$'\t'; printf '%s\n' "$*") >>"${0%/*}/launches.log"
+[ "$1" = -ferrimoVolume ] || exit 2
+STANDIN
+  # shellcheck disable=SC2016 # $2 and $? are the stand-in's
+  printf '%q offload "$2" %q %q --reverify >%q 2>%q\n' "$PWD/$kd" "$raid" "$shuttle" \
+    "$offload/summary.txt" "$offload/progress.txt"
+  # shellcheck disable=SC2016
+  printf 'echo $? >%q && mv %q %q\n' "$offload/status.new" "$offload/status.new" "$offload/status"
+} >"$app/Contents/MacOS/Ferrimo"
+chmod 755 "$app/Contents/MacOS/Ferrimo"
 chmod 777 "$app/Contents/MacOS"
 home="$workdir/home"
 mkdir -p "$home"
@@ -115,12 +152,14 @@ if [ "$(id -u)" -eq 0 ] && command -v useradd >/dev/null && command -v setpriv >
   demo_user=${demo_user:0:30}
   useradd -M -d "$home" -s /usr/sbin/nologin -U "$demo_user"
   chown "$demo_user:" "$home"
+  chown -R "$demo_user:" "$offload"
   card_mount="/media/$demo_user/PHOTO_CARD"
   mkdir -p "$card_mount"
   say "Mounting a sample card (tmpfs) at $card_mount"
-  mount -t tmpfs -o size=4m,mode=0755 tmpfs "$card_mount"
-  fill_card "$card_mount" DCIM/100EOS5D/IMG_0001.CR2 DCIM/100EOS5D/MVI_0002.MOV
+  mount -t tmpfs -o size=16m,mode=0755 tmpfs "$card_mount"
+  fill_photo_card "$card_mount"
   touch "$card_mount"
+  (cd "$card_mount" && find . -type f -printf '    %-46P %9s bytes  %TY-%Tm-%Td %TH:%TM\n' | sort -k1,1)
   run_helper() {
     (cd "$app" && env -i HOME="$home" USER="$demo_user" PATH=/usr/bin:/bin \
       setpriv --reuid="$demo_user" --regid="$demo_user" --clear-groups -- "$OLDPWD/$helper" "$@")
@@ -141,6 +180,39 @@ sed 's/^/    /' "$home/.local/state/Quillfen/FerrimoHelper.1.log"
 say "How Ferrimo was started"
 if [ -s "$app/Contents/MacOS/launches.log" ]; then
   sed 's/^/    Contents\/MacOS\/Ferrimo /; s/\t/ /g' "$app/Contents/MacOS/launches.log"
+  card=$card_mount
+  say "The stand-in Ferrimo runs: kd offload $card $raid $shuttle --reverify"
+  for ((i = 0; i < 600; i++)); do
+    [ -e "$offload/status" ] && break
+    sleep 0.1
+  done
+  [ -e "$offload/status" ] || { echo "kd offload did not end within a minute" >&2; exit 1; }
+  status=$(cat "$offload/status")
 else
   echo "    (not started)"
+  card="$workdir/PHOTO_CARD"
+  say "Offloading the sample card directly: kd offload $card $raid $shuttle --reverify"
+  status=0
+  "$kd" offload "$card" "$raid" "$shuttle" --reverify >"$offload/summary.txt" \
+    2>"$offload/progress.txt" || status=$?
 fi
+sed 's/^/    /' "$offload/summary.txt"
+echo "exit status: $status"
+if [ "$status" != 0 ]; then
+  echo "kd offload's messages:" >&2
+  sed 's/^/    /' "$offload/progress.txt" >&2
+  exit 1
+fi
+
+name=$(basename "$card")
+say "What $raid/$name holds (the card's .Trashes and ._ file stay behind)"
+(cd "$raid/$name" && find . -type f -printf '    %-46P %9s bytes  %TY-%Tm-%Td %TH:%TM\n' | sort -k1,1)
+if diff -r -x ascmhl "$raid/$name" "$shuttle/$name" >/dev/null; then
+  echo "    $shuttle/$name holds the same files, and a manifest of its own"
+else
+  echo "    $shuttle/$name differs:" && diff -r -x ascmhl "$raid/$name" "$shuttle/$name" | sed 's/^/    /'
+fi
+
+manifest=$(find "$raid/$name/ascmhl" -name '*.mhl' | sort | tail -n1)
+say "The first file in the manifest $manifest"
+sed -n '/<hash>/,/<\/hash>/{p;/<\/hash>/q}' "$manifest"
