@@ -11,6 +11,7 @@
 #include "common/DateText.h"
 #include "common/PlistCodec.h"
 #include "common/Utf8.h"
+#include "common/XmlText.h"
 
 namespace kd::plist {
 
@@ -289,30 +290,7 @@ class XmlReader {
     if (semicolon == std::string_view::npos || semicolon - pos_ > 12)
       return fail("malformed reference");
     const std::string_view ref = in_.substr(pos_ + 1, semicolon - pos_ - 1);
-    if (ref == "lt") {
-      out += '<';
-    } else if (ref == "gt") {
-      out += '>';
-    } else if (ref == "amp") {
-      out += '&';
-    } else if (ref == "quot") {
-      out += '"';
-    } else if (ref == "apos") {
-      out += '\'';
-    } else if (ref.size() > 1 && ref[0] == '#') {
-      const bool hex = ref[1] == 'x';
-      const std::string_view digits = ref.substr(hex ? 2 : 1);
-      std::uint32_t cp = 0;
-      auto [stop, ec] =
-          std::from_chars(digits.data(), digits.data() + digits.size(), cp, hex ? 16 : 10);
-      const bool xmlChar = cp == 0x9 || cp == 0xA || cp == 0xD || (cp >= 0x20 && cp <= 0xD7FF) ||
-                           (cp >= 0xE000 && cp <= 0xFFFD) || (cp >= 0x10000 && cp <= 0x10FFFF);
-      if (digits.empty() || ec != std::errc() || stop != digits.data() + digits.size() || !xmlChar)
-        return fail("character reference to no character XML allows");
-      utf8::appendCodePoint(out, cp);
-    } else {
-      return fail("unknown entity &" + std::string(ref) + ";");
-    }
+    if (std::optional<std::string> why = xml::appendReference(ref, out)) return fail(*why);
     pos_ = semicolon + 1;
     return true;
   }

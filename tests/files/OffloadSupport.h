@@ -46,17 +46,6 @@ inline const std::vector<std::string> kSystemFiles = {
     ".Trashes/501/deleted.mov", ".Spotlight-V100/Store-V2/store.db", ".fseventsd/0000000001",
     ".TemporaryItems/folders.501/x", "._notes"};
 
-// Bytes that differ from file to file and from place to place.
-inline std::string sampleBytes(std::size_t size, unsigned seed) {
-  std::string s(size, '\0');
-  std::uint32_t x = seed * 2654435761u + 1;
-  for (char& c : s) {
-    x = x * 1103515245u + 12345;
-    c = static_cast<char>(x >> 24);
-  }
-  return s;
-}
-
 // Writes the card's files below `root`, each dated a day apart in the past.
 inline void writeCard(const std::string& root, const SampleCard& card) {
   unsigned seed = 1;
@@ -71,7 +60,7 @@ inline void writeCard(const std::string& root, const SampleCard& card) {
       if (p == path) size = s;
     FILE* f = std::fopen(full.c_str(), "wb");
     ASSERT_TRUE(f) << full;
-    const std::string bytes = sampleBytes(size, seed++);
+    const std::string bytes = varyingBytes(size, seed++);
     std::fwrite(bytes.data(), 1, bytes.size(), f);
     std::fclose(f);
     const struct timespec times[2] = {{0, UTIME_OMIT}, {1700000000 + 86400 * seed, 5000}};

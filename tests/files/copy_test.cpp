@@ -28,21 +28,10 @@ namespace {
 
 using kd::test::FilesTest;
 using kd::test::readFile;
+using kd::test::varyingBytes;
 using Strings = std::vector<std::string>;
 
 constexpr std::uint64_t kMiB = 1048576;
-
-// Bytes that differ from chunk to chunk, so a chunk written twice, skipped or
-// misplaced changes the digest.
-std::string pattern(std::size_t size, unsigned seed = 1) {
-  std::string s(size, '\0');
-  std::uint32_t x = seed * 2654435761u + 12345;
-  for (char& c : s) {
-    x = x * 1103515245u + 12345;
-    c = static_cast<char>(x >> 24);
-  }
-  return s;
-}
 
 // The first word of a command's output.
 std::string run(const std::string& command) {
@@ -104,7 +93,7 @@ class Copy : public FilesTest {
 };
 
 TEST_F(Copy, DigestsEqualTheCoreutilsToolsForEveryType) {
-  const std::string source = dir_.touch("A001.mov", pattern(3 * kMiB + 5));
+  const std::string source = dir_.touch("A001.mov", varyingBytes(3 * kMiB + 5));
   const char* tools[] = {nullptr, "md5sum", "sha1sum", "sha256sum", "sha512sum"};
   for (int type = 0; type <= 4; ++type) {
     SCOPED_TRACE(type);
@@ -148,7 +137,7 @@ TEST_F(Copy, XxhashKindsEqualXxhsum) {
   } kinds[] = {{"xxh64", "xxhsum -H1"}, {"xxh128", "xxhsum -H2"}, {"xxh3", "xxhsum -H3"}};
   const std::size_t sizes[] = {0, 5, 9 * kMiB + 3};
   for (const std::size_t size : sizes) {
-    const std::string source = dir_.touch("src" + std::to_string(size), pattern(size, 3));
+    const std::string source = dir_.touch("src" + std::to_string(size), varyingBytes(size, 3));
     for (const auto& kind : kinds) {
       SCOPED_TRACE(std::string(kind.name) + " " + std::to_string(size));
       const std::string dest = dir_ / ("x/" + std::string(kind.name) + std::to_string(size));
@@ -177,7 +166,7 @@ TEST_F(Copy, ProgressStepsFollowTheChunks) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.size);
-    const std::string source = dir_.touch("src", pattern(c.size));
+    const std::string source = dir_.touch("src", varyingBytes(c.size));
     const Strings dests = {dir_ / "a", dir_ / "b"};
     auto recorder = std::make_shared<Recorder>();
     EXPECT_TRUE(
@@ -207,7 +196,7 @@ TEST_F(Copy, EmptySourceGivesEmptyDestinationsAndTheEmptyDigest) {
 }
 
 TEST_F(Copy, EarlyChecksStopWithTheirMessagesInOrder) {
-  const std::string contents = pattern(100000);
+  const std::string contents = varyingBytes(100000);
   const std::string source = dir_.touch("source.mov", contents);
   const std::string folder = dir_.mkdir("folder");
   const std::string blocker = dir_.touch("blocker", "a file, no folder");
@@ -283,7 +272,7 @@ TEST_F(Copy, EarlyChecksStopWithTheirMessagesInOrder) {
 }
 
 TEST_F(Copy, MissingFoldersAreMadeBeforeAnyFileIsOpened) {
-  const std::string source = dir_.touch("source", pattern(5000));
+  const std::string source = dir_.touch("source", varyingBytes(5000));
   const std::string first = dir_.touch("first", "was here before");
   // The second destination cannot be opened (a folder); the third's folders
   // are made all the same, since folders come before any file.
@@ -302,7 +291,7 @@ TEST_F(Copy, MissingFoldersAreMadeBeforeAnyFileIsOpened) {
 
 TEST_F(Copy, AStopAnswerEndsTheCopyWithinAFewMiB) {
   const std::uint64_t size = 160 * kMiB;
-  const std::string source = dir_.touch("big", pattern(size));
+  const std::string source = dir_.touch("big", varyingBytes(size));
   const Strings dests = {dir_ / "a", dir_ / "b"};
   auto recorder = std::make_shared<Recorder>();
   std::atomic<std::uint64_t> atAnswer{0};
@@ -397,7 +386,7 @@ TEST_F(Copy, ShortWritesAreToldPerChunkAndNeverVerify) {
 namespace {
 
 TEST_F(Copy, TheToolPrintsEveryDigestAndTellsFailureByItsStatus) {
-  const std::string source = dir_.touch("A001.mov", pattern(1500000));
+  const std::string source = dir_.touch("A001.mov", varyingBytes(1500000));
   const std::string a = dir_ / "one/A001.mov", b = dir_ / "two/A001.mov";
   const std::string kd = KD_TOOL_PATH;
   std::string out;
@@ -416,7 +405,7 @@ TEST_F(Copy, TheToolPrintsEveryDigestAndTellsFailureByItsStatus) {
   const int refused = std::system(
       (kd + " copy --verify md5 " + source + " " + b + " " + source + " >/dev/null 2>&1").c_str());
   EXPECT_EQ(WEXITSTATUS(refused), 1);
-  EXPECT_EQ(readFile(source), pattern(1500000));
+  EXPECT_EQ(readFile(source), varyingBytes(1500000));
   EXPECT_EQ(WEXITSTATUS(std::system(
                 (kd + " copy --verify crc " + source + " " + b + " >/dev/null 2>&1").c_str())),
             2);

@@ -11,8 +11,8 @@
 
 #include <gtest/gtest.h>
 
-#include "files/AscMhl.h"
 #include "ScopedMount.h"
+#include "files/AscMhl.h"
 #include "support/TempDir.h"
 
 namespace {
@@ -30,7 +30,7 @@ Clock::time_point at(long long s) {
 TEST(AscMhlRoot, GenerationsOnExfatAndATakenNameIsKept) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root for the loop device and mount";
   kd::test::ScopedMount card("card" + std::to_string(::getpid()),
-                            {"/usr/sbin/mkfs.exfat", "-L", "CARD"}, "/usr/sbin/mount.exfat-fuse");
+                             {"/usr/sbin/mkfs.exfat", "-L", "CARD"}, "/usr/sbin/mount.exfat-fuse");
   if (!card.ok()) GTEST_SKIP() << card.error();
   const std::string tracked = card.point() + "/CARD";
   std::filesystem::create_directory(tracked);

@@ -62,7 +62,7 @@ TEST_F(OffloadRoot, AFullDestinationIsGivenUpAndTheOtherCompletes) {
   if (!small.ok()) GTEST_SKIP() << small.error();
   const std::string card = dir_.mkdir("CARD");
   for (int i = 1; i <= 4; ++i)
-    dir_.touch("CARD/CLIP/C000" + std::to_string(i) + ".MXF", sampleBytes(400000, i));
+    dir_.touch("CARD/CLIP/C000" + std::to_string(i) + ".MXF", varyingBytes(400000, i));
   const OffloadReport report = offloadCard(options(card, {dir_.mkdir("big"), small.point()}));
   EXPECT_FALSE(report.allGood());
   EXPECT_TRUE(report.error.empty()) << report.error;
@@ -86,7 +86,7 @@ TEST_F(OffloadRoot, ACardUnmountedMidRunStopsTheRunWithItsFile) {
   ScopedMount card("CARD" + tag_, "size=8m");
   if (!card.ok()) GTEST_SKIP() << card.error();
   for (int i = 1; i <= 5; ++i)
-    dir_.touch("staging/C000" + std::to_string(i) + ".MXF", sampleBytes(200000, i));
+    dir_.touch("staging/C000" + std::to_string(i) + ".MXF", varyingBytes(200000, i));
   for (int i = 1; i <= 5; ++i)
     fs::copy_file(dir_ / ("staging/C000" + std::to_string(i) + ".MXF"),
                   card.point() + "/C000" + std::to_string(i) + ".MXF");
@@ -113,7 +113,7 @@ TEST_F(OffloadRoot, ADestinationUnmountedMidRunIsGivenUp) {
   if (!shuttle.ok()) GTEST_SKIP() << shuttle.error();
   const std::string card = dir_.mkdir("CARD");
   for (int i = 1; i <= 4; ++i)
-    dir_.touch("CARD/CLIP/C000" + std::to_string(i) + ".MXF", sampleBytes(100000, i));
+    dir_.touch("CARD/CLIP/C000" + std::to_string(i) + ".MXF", varyingBytes(100000, i));
   OffloadProgress progress;
   progress.fileStarted = [&](const std::string& path, std::uint64_t) {
     if (path == "CLIP/C0002.MXF") ::umount2(shuttle.point().c_str(), MNT_DETACH);
