@@ -6,6 +6,7 @@
 // any thread.
 #pragma once
 
+#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,11 @@ int removeTree(const std::string& path);
 
 // Renames without replacing: EEXIST when something is at `to`.
 int renameNoReplace(const std::string& from, const std::string& to);
+
+// Sets the modification time of the item itself (a link is not followed),
+// keeping its access time. Both times are passed: exFAT through FUSE ignores
+// a modification time sent without an access time. 0 or the errno.
+int setModificationTime(const std::string& path, const struct timespec& modified);
 
 // Copies a file, link or folder to `to`, which must not exist: links stay
 // links, permissions and modification times are kept, files are synced. The

@@ -29,6 +29,7 @@
 #include "common/Path.h"
 #include "common/UniqueFd.h"
 #include "common/WorkQueue.h"
+#include "files/FileOperations.h"
 #include "files/KdFileManager.h"
 #include "log/Format.h"
 #include "log/KdException.h"
@@ -663,7 +664,6 @@ KdFileManager::CopyResult copy(const std::string& source,
   // Each attribute the source has goes on every destination. An error stays
   // once it happened and is told again for every later destination.
   std::optional<std::string> metadataError;
-  const struct timespec times[2] = {{0, UTIME_OMIT}, sourceStat.st_mtim};
   for (const Destination& d : open) {
     // Whatever now has the name of a destination that went is not ours.
     if (d.gone) continue;
@@ -672,8 +672,8 @@ KdFileManager::CopyResult copy(const std::string& source,
       if (!kd::platform().fileMetadata().setCreationDate(d.path, *creationDate, &why))
         metadataError = why;
     }
-    if (::utimensat(AT_FDCWD, d.path.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
-      metadataError = errorText(errno);
+    if (const int err = kd::files::setModificationTime(d.path, sourceStat.st_mtim))
+      metadataError = errorText(err);
     if (metadataError) console("Error setting metadata for file %@ - %@", d.path, *metadataError);
   }
 

@@ -177,6 +177,13 @@ int removeTree(const std::string& path) {
   return 0;
 }
 
+int setModificationTime(const std::string& path, const struct timespec& modified) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return errno;
+  const struct timespec times[2] = {st.st_atim, modified};
+  return ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+}
+
 int renameNoReplace(const std::string& from, const std::string& to) {
   if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
   if (errno != EINVAL && errno != ENOSYS) return errno;

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "auth/KdAuthorization.h"
+#include "files/FileOperations.h"
 #include "files/KdFileManager.h"
 #include "log/KdLog.h"
 #include "platform/Platform.h"
@@ -55,16 +56,14 @@ bool KdFileManager::touchFile(const std::optional<std::string>& path, bool setCr
 bool KdFileManager::setModificationDate(Date date, const std::string& forFile) {
   if (forFile.empty()) return false;
   auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch()).count();
-  struct timespec times[2];
-  times[0].tv_sec = 0;
-  times[0].tv_nsec = UTIME_OMIT;
-  times[1].tv_sec = static_cast<time_t>(ns / 1000000000);
-  times[1].tv_nsec = static_cast<long>(ns % 1000000000);
-  if (times[1].tv_nsec < 0) {
-    times[1].tv_nsec += 1000000000;
-    --times[1].tv_sec;
+  struct timespec modified {};
+  modified.tv_sec = static_cast<time_t>(ns / 1000000000);
+  modified.tv_nsec = static_cast<long>(ns % 1000000000);
+  if (modified.tv_nsec < 0) {
+    modified.tv_nsec += 1000000000;
+    --modified.tv_sec;
   }
-  return ::utimensat(AT_FDCWD, forFile.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0;
+  return kd::files::setModificationTime(forFile, modified) == 0;
 }
 
 void KdFileManager::waitForFileCreation(const std::string& path, long timeout) {

@@ -434,8 +434,7 @@ class Run {
       if (t.gone()) continue;
       for (auto folder = tree_.folders.rbegin(); folder != tree_.folders.rend(); ++folder) {
         const std::string path = folder->path.empty() ? t.folder : t.folder + "/" + folder->path;
-        const struct timespec times[2] = {{0, UTIME_OMIT}, folder->modified};
-        ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+        files::setModificationTime(path, folder->modified);
       }
     }
   }

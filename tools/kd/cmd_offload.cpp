@@ -203,7 +203,7 @@ void setupOffload(CLI::App& app) {
   cmd->add_option("DEST", options.destinations, "Existing destination folders")->required();
   cmd->footer(
       "Copies every file of CARD to DEST/NAME/ in each DEST, reading each card file\n"
-      "once for all destinations. Each copy is written as .NAME.kdpart, read back\n"
+      "once for all destinations. Each copy is written as .FILE.kdpart, read back\n"
       "and digested, flushed, and takes its name only when its digest equals the\n"
       "card file's; nothing already there is replaced. With --reverify each copy is\n"
       "read again from its device, not from memory. Each DEST/NAME gets an ascmhl\n"
