@@ -56,7 +56,24 @@ struct Target {
   OffloadDestination report;
   bool historyUsable = false;
   MhlHistory history;
-  std::vector<MhlHash> entries;  // what this run adds to the hash list
+  std::vector<MhlHash> entries;          // what this run adds to the hash list
+  std::vector<std::string> realFolders;  // relative folders seen to be no link
+
+  // Why a file cannot go below the relative folder `folder`: a link or a
+  // file where a folder of the card belongs would take the copy elsewhere.
+  std::optional<std::string> wayBlocked(const std::string& folder) {
+    for (std::size_t end = 0; end != std::string::npos && !folder.empty();) {
+      end = folder.find('/', end + 1);
+      const std::string part = folder.substr(0, end);
+      if (std::find(realFolders.begin(), realFolders.end(), part) != realFolders.end()) continue;
+      struct stat st {};
+      if (::lstat((this->folder + "/" + part).c_str(), &st) != 0) return std::nullopt;
+      if (!S_ISDIR(st.st_mode))
+        return "a link or a file is where the folder " + part + " belongs; nothing was written";
+      realFolders.push_back(part);
+    }
+    return std::nullopt;
+  }
 
   bool live() const { return report.lost.empty(); }
   void fail(std::string path, std::string reason, std::optional<std::string> source = {},
@@ -215,6 +232,10 @@ class Run {
         continue;
       }
       const std::string final = t.folder + "/" + file.path;
+      if (std::optional<std::string> blocked = t.wayBlocked(folderOf(file.path))) {
+        t.fail(final, *blocked);
+        continue;
+      }
       struct stat st {};
       if (::lstat(final.c_str(), &st) == 0) {
         if (S_ISREG(st.st_mode) && static_cast<std::uint64_t>(st.st_size) == file.size)
@@ -286,11 +307,21 @@ class Run {
     if (progress_.bytes) progress_.bytes(done_, tree_.bytes);
   }
 
+  // The temporary name, never one that a file of the card has (a card may
+  // hold ".A.MOV.kdpart" beside "A.MOV").
   std::string partOf(const Target& t, const CardFile& file) const {
     const std::string folder = folderOf(file.path);
-    return t.folder + "/" + (folder.empty() ? "" : folder + "/") +
-           offloadPartName(baseName(file.path));
+    const std::string prefix = folder.empty() ? "" : folder + "/";
+    std::string name = offloadPartName(baseName(file.path));
+    for (int n = 1;
+         std::binary_search(tree_.files.begin(), tree_.files.end(), prefix + name,
+                            [](const auto&a, const auto&b) { return pathOf(a) < pathOf(b); });
+         ++n)
+      name = offloadPartName(baseName(file.path) + "." + std::to_string(n));
+    return t.folder + "/" + prefix + name;
   }
+  static const std::string& pathOf(const CardFile& f) { return f.path; }
+  static const std::string& pathOf(const std::string& s) { return s; }
 
   // A destination whose folder is gone is given up; otherwise the file
   // failed there.

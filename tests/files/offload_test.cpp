@@ -208,6 +208,28 @@ TEST_F(Offload, LinksOnTheCardAreNotFollowed) {
   EXPECT_FALSE(fs::exists(fs::symlink_status(dir_ / "d1/DJI_0001/passwd")));
 }
 
+// A link planted in a destination's tree is not written through, and a card
+// file named like a temporary copy survives the copy of its neighbour.
+TEST_F(Offload, DestinationLinksAndTemporaryNamesOnTheCard) {
+  const std::string card = makeCard(sampleCards()[2]);
+  const std::string folder = "0001_0042_20240315_A/";
+  const std::string lookalike =
+      dir_.touch("cards/DJI_0001/" + folder + ".DJI_0042.mov.kdpart", "mine");
+  const std::string elsewhere = dir_.mkdir("elsewhere");
+  dir_.mkdir("d2/DJI_0001");
+  ASSERT_EQ(::symlink(elsewhere.c_str(), (dir_ / ("d2/DJI_0001/" + folder.substr(0, 20))).c_str()),
+            0);
+  const OffloadReport report = offload(card);
+  EXPECT_TRUE(report.destinations[0].good());
+  EXPECT_EQ(readFile(dir_ / ("d1/DJI_0001/" + folder + ".DJI_0042.mov.kdpart")), "mine");
+  EXPECT_EQ(readFile(dir_ / ("d1/DJI_0001/" + folder + "DJI_0042.mov")),
+            readFile(card + "/" + folder + "DJI_0042.mov"));
+  ASSERT_EQ(report.destinations[1].failures.size(), 2u);
+  EXPECT_NE(report.destinations[1].failures[0].reason.find("a link or a file is where"),
+            std::string::npos);
+  EXPECT_TRUE(fs::is_empty(elsewhere));
+}
+
 // A damaged hash list at a destination is left byte for byte; the files are
 // still copied there, and the run says it could not extend the list.
 TEST_F(Offload, ADamagedHashListIsKeptAndReported) {
