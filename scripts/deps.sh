@@ -5,14 +5,17 @@
 # dependencies (CPack with dpkg-shlibdeps); dbus-daemon, python3-dbus and
 # python3-gi: the mount agent's scope test (a private user bus). libglib2.0-bin
 # (gio), gvfs (its trash back end), unzip and xxhash (xxhsum): the trash and archive tests read
-# what the library writes with the desktop's own tools (not linked).
+# what the library writes with the desktop's own tools (not linked). The python3-*
+# packages run the ASC MHL reference tool of the hash-list interop tests.
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
           libplist-dev libssl-dev libarchive-dev libmount-dev libblkid-dev libcli11-dev libsystemd-dev
           libpam0g-dev libxxhash-dev libgtest-dev libgmock-dev libbenchmark-dev
           util-linux passwd sudo procps libxml2-utils exfatprogs exfat-fuse xxhash python3
           systemd desktop-file-utils man-db file dpkg-dev
-          dbus-daemon python3-dbus python3-gi libglib2.0-bin gvfs unzip)
+          dbus-daemon python3-dbus python3-gi libglib2.0-bin gvfs unzip
+          python3-click python3-lxml python3-packaging python3-pathspec python3-requests
+          python3-xxhash python3-dateutil)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

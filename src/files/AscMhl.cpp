@@ -663,13 +663,15 @@ class ManifestReader {
       if (name == "path") {
         if (havePath) return fail("a second <path> in <hash>");
         havePath = true;
-        const XmlPull::Attribute* size = x_.attribute("size");
-        if (!size) return fail("a <path> without its size");
-        const std::string_view digits = trimmed(size->value);
-        auto [stop, ec] =
-            std::from_chars(digits.data(), digits.data() + digits.size(), file.size, 10);
-        if (digits.empty() || ec != std::errc() || stop != digits.data() + digits.size())
-          return fail("a malformed size");
+        if (const XmlPull::Attribute* size = x_.attribute("size")) {
+          const std::string_view digits = trimmed(size->value);
+          std::uint64_t bytes = 0;
+          auto [stop, ec] =
+              std::from_chars(digits.data(), digits.data() + digits.size(), bytes, 10);
+          if (digits.empty() || ec != std::errc() || stop != digits.data() + digits.size())
+            return fail("a malformed size");
+          file.size = bytes;
+        }
         if (const XmlPull::Attribute* modified = x_.attribute("lastmodificationdate")) {
           file.modified = parseDateTime(modified->value);
           if (!file.modified) return fail("a malformed lastmodificationdate");
@@ -688,11 +690,10 @@ class ManifestReader {
         if (entry.action != "original" && entry.action != "verified" && entry.action != "failed")
           return fail("an unknown action \"" + shown(entry.action) + "\"");
       }
-      const XmlPull::Attribute* date = x_.attribute("hashdate");
-      if (!date) return fail("a hash without its hashdate");
-      auto when = parseDateTime(date->value);
-      if (!when) return fail("a malformed hashdate");
-      entry.hashDate = *when;
+      if (const XmlPull::Attribute* date = x_.attribute("hashdate")) {
+        entry.hashDate = parseDateTime(date->value);
+        if (!entry.hashDate) return fail("a malformed hashdate");
+      }
       std::string text;
       if (!x_.readText(text)) return false;
       auto digest = normalDigest(entry.format, text);
@@ -929,7 +930,8 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
     });
     if (!isRelativePath(file.path))
       return refuse("a path that is not relative to the folder: \"" + shown(file.path) + "\"");
-    out += "    <hash>\n      <path size=\"" + std::to_string(file.size) + "\"";
+    out += "    <hash>\n      <path";
+    if (file.size) out += " size=\"" + std::to_string(*file.size) + "\"";
     if (file.modified) out += " lastmodificationdate=\"" + formatDateTime(*file.modified) + "\"";
     out += ">";
     if (!appendEscaped(out, file.path, false))
@@ -948,8 +950,8 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
         return refuse("\"" + shown(h->path) + "\" given twice with " + h->format);
       out += "      <" + h->format;
       if (!h->action.empty()) out += " action=\"" + h->action + "\"";
-      out +=
-          " hashdate=\"" + formatDateTime(h->hashDate) + "\">" + *digest + "</" + h->format + ">\n";
+      if (h->hashDate) out += " hashdate=\"" + formatDateTime(*h->hashDate) + "\"";
+      out += ">" + *digest + "</" + h->format + ">\n";
     }
     out += "    </hash>\n";
     i = end;

@@ -24,12 +24,14 @@ namespace kd {
 // One file's hash as recorded in a generation.
 struct MhlHash {
   std::string path;  // relative to the tracked folder, '/'-separated, as written in <path>
-  std::uint64_t size = 0;
+  // The file's size; a manifest may leave it out (some writers do for empty
+  // files), and then nothing is known of it.
+  std::optional<std::uint64_t> size;
   std::optional<std::chrono::system_clock::time_point> modified;  // lastmodificationdate
   std::string format;  // "xxh64", "xxh3", "xxh128", "md5", "sha1", "c4"
   std::string digest;  // lowercase hex (c4: its own "c4..." text)
   std::string action;  // "original", "verified" or "failed"
-  std::chrono::system_clock::time_point hashDate;
+  std::optional<std::chrono::system_clock::time_point> hashDate;  // may be left out too
 
   bool operator==(const MhlHash&) const = default;
 };
@@ -50,8 +52,9 @@ bool isMhlHashFormat(std::string_view format);
 std::string mhlC4Id(std::string_view bytes);
 
 // One manifest (one generation's .mhl file), as far as it is read: creator,
-// process, ignore patterns and file hashes (directory hashes, root hashes,
-// metadata and references are skipped).
+// process, ignore patterns and file hashes. Everything else the schema allows
+// (directory and root hashes, previous paths, authors, metadata, references)
+// is accepted and skipped.
 struct MhlManifest {
   MhlCreator creator;
   std::string process;  // "in-place", "transfer" or "flatten"

@@ -441,6 +441,7 @@ TEST(AscMhl, ManifestReaderTable) {
     const char* what;
     std::string doc;
     const char* refusal;  // nullptr: reads, with a.mov's xxh64 as kXxh
+    std::optional<std::uint64_t> size = 5;
   };
   const std::vector<Case> cases = {
       {"plain", withHash(path + xxh), nullptr},
@@ -475,7 +476,26 @@ TEST(AscMhl, ManifestReaderTable) {
       {"not UTF-8", withHash("<path size=\"5\">\xC0\xAF</path>"), "not UTF-8"},
       {"a size too large", withHash("<path size=\"18446744073709551616\">a</path>"), "size"},
       {"a negative size", withHash("<path size=\"-1\">a</path>"), "size"},
-      {"no size", withHash("<path>a.mov</path>" + xxh), "without its size"},
+      // Another writer leaves the size out for empty files.
+      {"no size", withHash("<path>a.mov</path>" + xxh), nullptr, std::nullopt},
+      {"everything else the schema allows",
+       "<hashlist version=\"2.0\" xmlns=\"urn:ASC:MHL:v2.0\"><creatorinfo><creationdate>"
+       "2020-01-17T14:30:00Z</creationdate><hostname>h</hostname><tool>t</tool>"
+       "<author email=\"a@b.c\" role=\"DIT\">A</author><location>L</location><comment>C</comment>"
+       "</creatorinfo><processinfo><process>transfer</process><roothash><content><xxh64>"
+       "0ea03b369a463d9d</xxh64></content><structure><xxh64>0ea03b369a463d9d</xxh64></structure>"
+       "</roothash><ignore><pattern>*.tmp</pattern></ignore></processinfo><hashes>"
+       "<directoryhash><path>d</path><content><xxh64 hashdate=\"2020-01-17T14:30:00Z\">"
+       "0ea03b369a463d9d</xxh64></content><structure><xxh64>0ea03b369a463d9d</xxh64></structure>"
+       "<previousPath>e</previousPath></directoryhash><hash><path size=\"5\" "
+       "creationdate=\"2020-01-17T14:30:00Z\">a.mov</path><md5>" +
+           std::string(kMd5) +
+           "</md5><xxh64 action=\"verified\" structure=\"s\" "
+           "hashdate=\"2020-01-17T14:30:00.475196+00:00\">0ea03b369a463d9d</xxh64>"
+           "<previousPath>b.mov</previousPath><metadata><x/></metadata></hash></hashes>"
+           "<metadata><y/></metadata><references><hashlistreference><path>n/ascmhl/x.mhl</path>"
+           "<c4>c4</c4></hashlistreference></references></hashlist>",
+       nullptr},
       {"a path upwards", withHash("<path size=\"1\">../a</path>" + xxh), "not relative"},
       {"an absolute path", withHash("<path size=\"1\">/a</path>" + xxh), "not relative"},
       {"February 30",
@@ -520,10 +540,12 @@ TEST(AscMhl, ManifestReaderTable) {
       continue;
     }
     ASSERT_TRUE(ok) << error;
-    ASSERT_EQ(manifest.hashes.size(), 1u);
-    EXPECT_EQ(manifest.hashes[0].path, "a.mov");
-    EXPECT_EQ(manifest.hashes[0].digest, kXxh);
-    EXPECT_EQ(manifest.hashes[0].hashDate, at(1579271400));
+    ASSERT_FALSE(manifest.hashes.empty());
+    const MhlHash& xxh64 = manifest.hashes.back();
+    EXPECT_EQ(xxh64.path, "a.mov");
+    EXPECT_EQ(xxh64.digest, kXxh);
+    EXPECT_EQ(xxh64.size, c.size);
+    EXPECT_EQ(xxh64.hashDate, at(1579271400));
   }
 }
 

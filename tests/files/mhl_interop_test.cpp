@@ -1,0 +1,90 @@
+// Hash lists shared with the ASC MHL reference tool (vendored under
+// tests/third_party): it verifies the histories an offload writes, an offload
+// continues the histories it writes (one with an empty file, whose size it
+// leaves out), and a changed byte is found by both.
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+#include "FilesFixture.h"
+#include "OffloadSupport.h"
+#include "files/AscMhl.h"
+#include "files/Offload.h"
+#include "support/Process.h"
+
+namespace kd::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kReference = KD_TEST_DATA_DIR "/../third_party/ascmhl-ref/run";
+
+class MhlInterop : public FilesTest {
+ protected:
+  void SetUp() override {
+    FilesTest::SetUp();
+    if (reference({"--version"}) != 0)
+      GTEST_SKIP() << "the reference tool does not run: Debian's python3-click, python3-lxml, "
+                      "python3-pathspec, python3-xxhash, python3-dateutil are needed";
+  }
+  // The reference tool's exit status; its output goes to a file that a
+  // failing check shows.
+  int reference(std::vector<std::string> args) {
+    args.insert(args.begin(), {"/bin/sh", kReference});
+    return run(args, {.out = dir_ / "ref.out", .err = dir_ / "ref.out"});
+  }
+  std::string said() { return readFile(dir_ / "ref.out"); }
+  OffloadReport offload(const std::string& card, const std::string& destination, bool reverify) {
+    OffloadOptions options;
+    options.card = card;
+    options.destinations = {destination};
+    options.reverify = reverify;
+    return offloadCard(options);
+  }
+};
+
+TEST_F(MhlInterop, HistoriesPassBetweenKdAndTheReferenceTool) {
+  const SampleCard& sample = sampleCards()[1];  // holds an empty file and a hidden one
+  const std::string card = dir_.mkdir("card/EOS_DIGITAL");
+  writeCard(card, sample);
+
+  // kd's history verifies with the reference tool.
+  const std::string ours = dir_.mkdir("ours");
+  ASSERT_TRUE(offload(card, ours, false).allGood());
+  EXPECT_EQ(reference({"debug", "verify", ours + "/EOS_DIGITAL"}), 0) << said();
+
+  // A history the reference tool began is continued by an offload: the files
+  // read again from the device and found equal, a generation added.
+  const std::string theirs = dir_.mkdir("theirs");
+  for (const auto& [path, size] : sample.files) {
+    fs::create_directories(fs::path(theirs + "/EOS_DIGITAL/" + path).parent_path());
+    fs::copy_file(card + "/" + path, theirs + "/EOS_DIGITAL/" + path);
+  }
+  ASSERT_EQ(reference({"create", "-h", "xxh64", theirs + "/EOS_DIGITAL"}), 0) << said();
+  const OffloadReport continued = offload(card, theirs, true);
+  ASSERT_TRUE(continued.allGood()) << continued.error;
+  EXPECT_EQ(continued.destinations[0].filesSkipped, sample.files.size());
+  MhlHistory history;
+  std::string error;
+  ASSERT_TRUE(MhlHistory::load(theirs + "/EOS_DIGITAL", history, error)) << error;
+  EXPECT_EQ(history.generations(), 2);
+  EXPECT_EQ(history.latest("DCIM/100EOS5D/EMPTY.TXT", "xxh64")->action, "verified");
+  EXPECT_EQ(reference({"debug", "verify", theirs + "/EOS_DIGITAL"}), 0) << said();
+
+  // One changed byte: both find it.
+  const std::string clip = theirs + "/EOS_DIGITAL/DCIM/100EOS5D/IMG_0001.CR2";
+  std::string bytes = readFile(clip);
+  bytes[bytes.size() / 2] ^= 1;
+  FILE* f = std::fopen(clip.c_str(), "r+b");
+  ASSERT_TRUE(f);
+  std::fwrite(bytes.data(), 1, bytes.size(), f);
+  std::fclose(f);
+  EXPECT_NE(reference({"debug", "verify", theirs + "/EOS_DIGITAL"}), 0);
+  EXPECT_NE(said().find("IMG_0001.CR2"), std::string::npos) << said();
+  const OffloadReport changed = offload(card, theirs, true);
+  ASSERT_EQ(changed.destinations[0].failures.size(), 1u);
+  EXPECT_EQ(changed.destinations[0].failures[0].path, clip);
+}
+
+}  // namespace
+}  // namespace kd::test
