@@ -118,6 +118,20 @@ std::string candidateName(const std::string& name, TrashNaming naming, const std
 
 }  // namespace
 
+bool isMountRoot(const std::string& path) {
+  struct statx sx {};
+  if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_TYPE, &sx) != 0)
+    return false;
+  if (sx.stx_attributes_mask & STATX_ATTR_MOUNT_ROOT)
+    return (sx.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+  // A kernel that does not say: a folder on another device than its parent.
+  struct stat st {
+  }, above{};
+  const std::string up = path::deletingLastComponent(path);
+  return S_ISDIR(sx.stx_mode) && ::lstat(path.c_str(), &st) == 0 &&
+         ::stat(up.empty() ? "." : up.c_str(), &above) == 0 && above.st_dev != st.st_dev;
+}
+
 std::optional<std::string> mountTopOf(const std::string& path) {
   struct stat st {};
   if (::stat(path.c_str(), &st) != 0) return std::nullopt;
@@ -150,6 +164,10 @@ std::optional<TrashSlot> claimTrashSlot(const TrashRequest& request, std::string
       return std::nullopt;
     }
     itemStat.st_uid = request.uid;
+  } else if (isMountRoot(item)) {
+    // Its volume's trash would be made on the volume above, for nothing.
+    fail(error, errorNumber, "it is where a volume is mounted (unmount the volume instead)", EBUSY);
+    return std::nullopt;
   }
 
   const std::string parent = realParent(item);

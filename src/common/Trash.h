@@ -61,6 +61,10 @@ std::string trashedName(const std::string& name, TrashNaming naming, int attempt
 // Gives back a claimed name whose item was not moved: the record goes.
 void releaseTrashSlot(const TrashSlot& slot);
 
+// Whether `path` (a link not followed) is the root of a mount: the volume it
+// holds is no item of the volume above it, and is never trashed.
+bool isMountRoot(const std::string& path);
+
 // The folder on whose file system `path` lies that is the top of its mount
 // (the last folder upwards with the same device); none when `path` cannot be
 // looked at.

@@ -15,8 +15,14 @@
 namespace kd::files {
 
 // Removes the item and everything below it without following links; a
-// missing item counts as removed. Stops at the first failure.
+// missing item counts as removed. Folders of the caller's own that lack the
+// owner's rights get them back on the way. A path whose last component is
+// "." or ".." is refused with EINVAL. Stops at the first failure.
 int removeTree(const std::string& path);
+
+// Whether the path's last component is "." or "..": it names a folder by
+// another name (through a link too), never an item of its own.
+bool namesFolderByAlias(const std::string& path);
 
 // Renames without replacing: EEXIST when something is at `to`.
 int renameNoReplace(const std::string& from, const std::string& to);
@@ -60,6 +66,11 @@ std::string withoutTrailingSlashes(std::string path);
 // KdAuthorization::isProtectedTarget). Logs `message` with the path to the
 // system log when it refuses.
 bool refusesSystemPath(const std::string& path, const char* message);
+
+// Whether an operation must not act on the path because it ends in "." or
+// ".." (namesFolderByAlias). Logs `message` with the path to the application
+// log when it refuses.
+bool refusesFolderAlias(const std::string& path, const char* message);
 
 // The failure record of the current thread.
 void clearFailure();

@@ -23,6 +23,7 @@
 #include "common/Folders.h"
 #include "common/Path.h"
 #include "common/UniqueFd.h"
+#include "common/Utf8.h"
 #include "files/FileOperations.h"
 #include "files/KdFileManager.h"
 #include "log/KdLog.h"
@@ -142,6 +143,14 @@ class ZipWriter {
 
  private:
   bool header(const struct stat& st, const std::string& name, const std::string* linkTarget) {
+    // The archive promises UTF-8 names (and the library cannot take other
+    // bytes as such): a name or link target that is none is refused.
+    if (!kd::utf8::isValid(name))
+      return failed(shown(name), "the name is not valid UTF-8, as a zip archive's names must be");
+    if (linkTarget && !kd::utf8::isValid(*linkTarget))
+      return failed(name, ("the link's target " + shown(*linkTarget) +
+                           " is not valid UTF-8, as a zip archive's names must be")
+                              .c_str());
     Entry entry(archive_entry_new());
     if (!entry) return failed(name, std::strerror(ENOMEM));
     archive_entry_set_pathname_utf8(entry.get(), name.c_str());
@@ -164,6 +173,25 @@ class ZipWriter {
   bool failed(const std::string& name, const char* reason) {
     *why_ = (name.empty() ? std::string(".") : name) + ": " + (reason ? reason : "write error");
     return false;
+  }
+
+  // A name as it can be shown: bytes that are no UTF-8 as \xNN.
+  static std::string shown(const std::string& name) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string out;
+    for (std::size_t i = 0; i < name.size();) {
+      const std::size_t len = kd::utf8::validSequenceAt(name, i);
+      if (len != 0) {
+        out.append(name, i, len);
+        i += len;
+        continue;
+      }
+      const auto byte = static_cast<unsigned char>(name[i++]);
+      out += "\\x";
+      out += kHex[byte >> 4];
+      out += kHex[byte & 15];
+    }
+    return out;
   }
 
   archive* a_;
@@ -259,7 +287,8 @@ class Extractor {
     kd::UniqueFd at(::fcntl(root_, F_DUPFD_CLOEXEC, 0));
     for (std::size_t i = 0; at && i < count; ++i) {
       const char* part = parts[i].c_str();
-      if (create && ::mkdirat(at.get(), part, 0700) != 0 && errno != EEXIST) return kd::UniqueFd();
+      // A folder without an entry of its own gets the usual mode.
+      if (create && ::mkdirat(at.get(), part, 0755) != 0 && errno != EEXIST) return kd::UniqueFd();
       at = kd::UniqueFd(kd::retryOnEintr([&] { return ::openat(at.get(), part, kFolderFlags); }));
     }
     return at;
@@ -284,7 +313,25 @@ class Extractor {
       if (!target || target->empty()) return outside(name);
       kd::UniqueFd targetParent = open(*target, target->size() - 1, false);
       if (!targetParent) return outside(name);
-      if (::linkat(targetParent.get(), target->back().c_str(), parent.get(), leaf, 0) != 0)
+      const char* targetLeaf = target->back().c_str();
+      struct stat st {};
+      if (::fstatat(targetParent.get(), targetLeaf, &st, AT_SYMLINK_NOFOLLOW) != 0)
+        return failed(name, nullptr);
+      if (S_ISLNK(st.st_mode)) {
+        // A hard link to a link is that link at another depth, where its
+        // target may lead out: it is checked like any link, and made as a
+        // link of its own with the target that was checked.
+        std::string linked(static_cast<std::size_t>(st.st_size > 0 ? st.st_size : 4096) + 1, '\0');
+        const ssize_t n =
+            ::readlinkat(targetParent.get(), targetLeaf, linked.data(), linked.size());
+        if (n < 0) return failed(name, nullptr);
+        linked.resize(static_cast<std::size_t>(n));
+        if (!targetStaysInside(linked, parts->size() - 1)) return outside(name);
+        if (::symlinkat(linked.c_str(), parent.get(), leaf) != 0) return failed(name, nullptr);
+        ::utimensat(parent.get(), leaf, times, AT_SYMLINK_NOFOLLOW);
+        return true;
+      }
+      if (::linkat(targetParent.get(), targetLeaf, parent.get(), leaf, 0) != 0)
         return failed(name, nullptr);
       return true;
     }

@@ -60,6 +60,16 @@ bool refusesSystemPath(const std::string& path, const char* message) {
   return true;
 }
 
+bool refusesFolderAlias(const std::string& path, const char* message) {
+  if (!namesFolderByAlias(path)) return false;
+  KdLog::appendLog(message, path);
+  recordFailure(
+      "a path ending in \".\" or \"..\" names a folder by another name; name the "
+      "folder itself",
+      false);
+  return true;
+}
+
 }  // namespace kd::files
 
 namespace {
@@ -94,6 +104,8 @@ bool KdFileManager::removeFile(const std::string& givenPath, bool shouldAuth) {
   files::clearFailure();
   if (givenPath.empty()) return true;
   const std::string path = files::withoutTrailingSlashes(givenPath);
+  if (files::refusesFolderAlias(path, "Unable to delete path %@: it ends in \".\" or \"..\"."))
+    return false;
   if (!exists(path)) {
     // Something may be there that this user may not look at.
     if (errno == ENOENT || errno == ENOTDIR) return true;
@@ -152,10 +164,17 @@ bool KdFileManager::moveFile(const std::string& givenSource, const std::string& 
                              bool shouldAuth) {
   files::clearFailure();
   const std::string source = files::withoutTrailingSlashes(givenSource);
-  if (files::refusesSystemPath(source, "Unable to move path %@ because it is a system directory."))
+  if (files::refusesFolderAlias(source, "Unable to move path %@: it ends in \".\" or \"..\".") ||
+      files::refusesSystemPath(source, "Unable to move path %@ because it is a system directory."))
     return false;
-  if (exists(toPath)) unlockFile(toPath);
-  unlockFolder(kd::path::append(toPath, kd::path::lastComponent(source)));
+  // Nothing is ever replaced, so the only destination a move changes is the
+  // source itself under another letter case: only that one is unlocked.
+  // Anything else there makes the move fail below, untouched.
+  struct stat from {
+  }, there{};
+  if (::lstat(toPath.c_str(), &there) == 0 && ::lstat(source.c_str(), &from) == 0 &&
+      from.st_dev == there.st_dev && from.st_ino == there.st_ino)
+    unlockFile(toPath);
 
   // A change of letter case only, which a volume that ignores case would
   // take for a move onto itself: through a free intermediate name.

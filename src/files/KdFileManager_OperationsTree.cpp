@@ -46,24 +46,39 @@ std::optional<std::vector<std::string>> namesAt(int folder) {
   return names;
 }
 
-int removeEntries(int folder) {
-  std::optional<std::vector<std::string>> names = namesAt(folder);
-  if (!names) return errno;
-  for (const std::string& name : *names) {
-    struct stat st {};
-    if (::fstatat(folder, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-      if (errno == ENOENT) continue;
-      return errno;
-    }
-    if (S_ISDIR(st.st_mode)) {
-      UniqueFd sub(retryOnEintr([&] { return ::openat(folder, name.c_str(), kFolderFlags); }));
-      if (!sub) return errno;
-      if (int err = removeEntries(sub.get())) return err;
-    }
-    if (::unlinkat(folder, name.c_str(), S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0) != 0 &&
-        errno != ENOENT)
-      return errno;
+// Opens the folder `name` of `parent` (described by `st`) to empty it. A
+// folder of the user's own that the user may not list or change is given
+// the owner's rights back first: it is going, and its owner could do so.
+UniqueFd openToEmpty(int parent, const char* name, const struct stat& st) {
+  const uid_t self = ::geteuid();
+  const bool own = self != 0 && st.st_uid == self;
+  UniqueFd folder(retryOnEintr([&] { return ::openat(parent, name, kFolderFlags); }));
+  if (!folder && errno == EACCES && own &&
+      ::fchmodat(parent, name, (st.st_mode & 07777) | S_IRWXU, AT_SYMLINK_NOFOLLOW) == 0)
+    folder = UniqueFd(retryOnEintr([&] { return ::openat(parent, name, kFolderFlags); }));
+  if (!folder) return folder;
+  struct stat opened {};
+  if (own && ::fstat(folder.get(), &opened) == 0 && opened.st_uid == self &&
+      (opened.st_mode & S_IRWXU) != S_IRWXU)
+    ::fchmod(folder.get(), (opened.st_mode & 07777) | S_IRWXU);
+  return folder;
+}
+
+// Removes `name` of the open folder `parent`, and everything below it when it
+// is a folder; links are removed, never followed.
+int removeAt(int parent, const char* name) {
+  struct stat st {};
+  if (::fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : errno;
+  if (S_ISDIR(st.st_mode)) {
+    UniqueFd folder = openToEmpty(parent, name, st);
+    if (!folder) return errno;
+    std::optional<std::vector<std::string>> names = namesAt(folder.get());
+    if (!names) return errno;
+    for (const std::string& child : *names)
+      if (int err = removeAt(folder.get(), child.c_str())) return err;
   }
+  if (::unlinkat(parent, name, S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0) != 0 && errno != ENOENT)
+    return errno;
   return 0;
 }
 
@@ -164,17 +179,21 @@ locale_t utf8Locale() {
 }  // namespace
 
 int removeTree(const std::string& path) {
-  struct stat st {};
-  if (::lstat(path.c_str(), &st) != 0) return errno == ENOENT ? 0 : errno;
-  if (S_ISDIR(st.st_mode)) {
-    UniqueFd folder(retryOnEintr([&] { return ::open(path.c_str(), kFolderFlags); }));
-    if (!folder) return errno;
-    if (int err = removeEntries(folder.get())) return err;
-  }
-  if ((S_ISDIR(st.st_mode) ? ::rmdir(path.c_str()) : ::unlink(path.c_str())) != 0 &&
-      errno != ENOENT)
-    return errno;
-  return 0;
+  if (namesFolderByAlias(path)) return EINVAL;
+  const std::string name = path::lastComponent(path);
+  if (name == "/") return EBUSY;
+  std::string parent = path::deletingLastComponent(path);
+  if (parent.empty()) parent = ".";
+  // The folder that holds the item is followed as given; the item never is.
+  UniqueFd folder(
+      retryOnEintr([&] { return ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (!folder) return errno == ENOENT ? 0 : errno;
+  return removeAt(folder.get(), name.c_str());
+}
+
+bool namesFolderByAlias(const std::string& path) {
+  const std::string name = path::lastComponent(path);
+  return name == "." || name == "..";
 }
 
 int setModificationTime(const std::string& path, const struct timespec& modified) {

@@ -33,7 +33,8 @@ bool KdFileManager::touchFile(const std::optional<std::string>& path, bool setCr
   auto& metadata = kd::platform().fileMetadata();
   bool result = false;
   if (::access(path->c_str(), W_OK) == 0) {
-    KdTaskEx::runTask(kTouch, {"-c", *path}, 5.0);
+    // The path comes after "--" so that a name starting with "-" is no option.
+    KdTaskEx::runTask(kTouch, {"-c", "--", *path}, 5.0);
     result = true;
     if (setCreationDate) metadata.setCreationDate(*path, Clock::now());
   } else {
@@ -45,7 +46,6 @@ bool KdFileManager::touchFile(const std::optional<std::string>& path, bool setCr
     }
     if (setCreationDate) metadata.setCreationDate(*path, Clock::now());
     // With administrator rights, waiting for the tool (root runs it itself).
-    // The path comes after "--" so that a name starting with "-" is no option.
     result = KdAuthorization::sharedController().authExecTask(kTouch, {"-c", "--", *path},
                                                               /*async=*/false) == 0;
   }

@@ -80,10 +80,19 @@ bool KdFileManager::trashFile(const std::string& givenPath, bool shouldAuth) {
   files::clearFailure();
   if (givenPath.empty()) return true;
   const std::string path = files::withoutTrailingSlashes(absolute(givenPath));
+  if (files::refusesFolderAlias(path, "Unable to trash path %@: it ends in \".\" or \"..\"."))
+    return false;
   struct stat st {};
   if (::lstat(path.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR)) return true;
   if (files::refusesSystemPath(path, "Unable to trash path %@ because it is a system directory."))
     return false;
+  if (kd::isMountRoot(path)) {
+    // Refused before anything is unlocked or made: a volume is unmounted.
+    const std::string why = "it is where a volume is mounted (unmount the volume instead)";
+    files::recordFailure(why, false);
+    kd::platform().systemLog(kd::format("Unable to trash path %@: %@.", path, why));
+    return false;
+  }
   if (::lstat(path.c_str(), &st) == 0) unlockFile(path);
   // Only a move that the user's rights refused is tried again with rights:
   // the privileged trash claims its name as this user too, so a trash that

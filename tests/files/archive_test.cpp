@@ -128,6 +128,8 @@ TEST_F(Archives, HostileEntriesAreRefusedAndNothingIsWritten) {
       {"link in, then through it", {{"d/", ""}, {"l", "", "d"}, {"l/x", "x"}}},
       {"link through a link", {{"l", "", "."}, {"m", "", "l/.."}}},
       {"hard link out", {{"h", "", "", "../outside/keep"}}},
+      {"hard link to a link, shallower",
+       {{"a/", ""}, {"a/b/", ""}, {"a/b/up", "", "../.."}, {"esc", "", "", "a/b/up"}}},
       {"duplicate", {{"f", "1"}, {"f", "2"}}},
   };
   dir_.touch("dest/keep", "mine");
@@ -152,6 +154,46 @@ TEST_F(Archives, HostileEntriesAreRefusedAndNothingIsWritten) {
   ASSERT_FALSE(lines.empty());
   EXPECT_EQ(lines[0], "Unable to extract " + work("hostile.zip") +
                           ": the entry ../outside/x would land outside the folder");
+}
+
+// A name that is no UTF-8 cannot be stored as the UTF-8 name the archive
+// promises: the file is refused, by name, and nothing is left behind.
+TEST_F(Archives, NamesThatAreNoUtf8AreRefusedWithoutACrash) {
+  const struct {
+    const char* what;
+    std::string file, link;
+  } cases[] = {
+      {"file", "Clips/clip\xff.mov", ""},
+      {"folder", "Clips/d\xe9j\xe0/clip.mov", ""},
+      {"link target", "Clips/clip.mov", "clip\xff.mov"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    fs::remove_all(work("Clips"));
+    dir_.touch(c.file, "c");
+    if (!c.link.empty()) {
+      ASSERT_EQ(::symlink(c.link.c_str(), work("Clips/link").c_str()), 0);
+    }
+    EXPECT_FALSE(FM::compressFile(work("Clips"), work("clips.zip")));
+    EXPECT_NE(FM::lastFailureReason().find("not valid UTF-8"), std::string::npos)
+        << FM::lastFailureReason();
+    EXPECT_EQ(namesIn(dir_.path()), std::set<std::string>{"Clips"});
+  }
+}
+
+// Folders made on the way to an entry that has none of its own get the usual
+// mode, as if made by hand.
+TEST_F(Archives, FoldersWithoutAnEntryGetTheUsualMode) {
+  ASSERT_TRUE(writeArchive(work("a.tar"), {{"p/q/f", "f"}}, false));
+  const mode_t saved = ::umask(022);
+  const bool extracted = FM::decompressFile(work("a.tar"), work("out"));
+  ::umask(saved);
+  ASSERT_TRUE(extracted);
+  for (const char* folder : {"out/p", "out/p/q"}) {
+    struct stat st {};
+    ASSERT_EQ(::stat(work(folder).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u) << folder;
+  }
 }
 
 TEST_F(Archives, DamagedOrMissingArchivesFail) {

@@ -13,6 +13,7 @@
 #include "FilesFixture.h"
 #include "auth/KdAuthorization.h"
 #include "common/Path.h"
+#include "support/Process.h"
 #include "support/ScopedTmpfs.h"
 #include "support/ThrowawayAdmin.h"
 
@@ -128,6 +129,73 @@ TEST_F(SecondVolume, AFolderThatFillsTheVolumeMidwayLeavesTheSourceWhole) {
   // The volume is usable afterwards: what fits is copied.
   EXPECT_TRUE(FM::copyFile(dir_ / "card/DCIM/100/A001.MOV", *small / "A001.MOV"));
   EXPECT_EQ(readFile(*small / "A001.MOV"), clip);
+}
+
+// A mount point is no item of its volume: trashing it is refused before any
+// trash folder is made on the volume that holds it.
+TEST_F(SecondVolume, AMountPointIsNeverTrashed) {
+  const auto card = volume(volume_->path(), "card", "1m");
+  ASSERT_TRUE(card->mounted());
+  std::ofstream(*card / "clip.mov") << "c";
+  const std::set<std::string> before = namesIn(volume_->path());
+  EXPECT_FALSE(FM::trashFile(card->path(), false));
+  EXPECT_FALSE(FM::trashFile(card->path() + "/", false));
+  EXPECT_EQ(namesIn(volume_->path()), before);
+  EXPECT_EQ(readFile(*card / "clip.mov"), "c");
+}
+
+// --- As an ordinary user ------------------------------------------------------------------
+
+// Runs kd as the user nobody, with a home of its own; kd's exit code.
+int kdAsNobody(std::vector<std::string> args, const std::string& home) {
+  return runAsNobody([&] {
+    args.insert(args.begin(), KD_TOOL_PATH);
+    std::vector<std::string> env = {"HOME=" + home, "PATH=/usr/bin:/bin"};
+    std::vector<char*> argv, envp;
+    for (auto& a : args) argv.push_back(a.data());
+    for (auto& e : env) envp.push_back(e.data());
+    argv.push_back(nullptr);
+    envp.push_back(nullptr);
+    ::execve(argv[0], argv.data(), envp.data());
+    return 127;
+  });
+}
+
+// A copy that fails after it made a read-only folder leaves nothing behind,
+// and a tree of the user's own with read-only folders is removed whole.
+TEST(AsAUser, ReadOnlyFoldersOfItsOwnAreRemoved) {
+  if (::getuid() != 0) GTEST_SKIP() << "needs root to act as the user nobody";
+  TempDir dir;
+  ::chmod(dir.path().c_str(), 0755);
+  // Two folders, taken in the order the copy lists them: the first is
+  // complete (and read-only) before the second fails on an unreadable file.
+  dir.mkdir("src/p");
+  dir.mkdir("src/q");
+  std::vector<std::string> order;
+  for (const auto& e : fs::directory_iterator(dir / "src")) order.push_back(e.path());
+  ASSERT_EQ(order.size(), 2u);
+  std::ofstream(order[0] + "/f") << "f";
+  ::chmod(order[0].c_str(), 0555);
+  std::ofstream(order[1] + "/secret") << "s";
+  ::chmod((order[1] + "/secret").c_str(), 0600);
+  const std::string out = dir.mkdir("out");
+  ASSERT_EQ(::chown(out.c_str(), 65534, 65534), 0);
+
+  EXPECT_EQ(kdAsNobody({"cp", "--no-auth", dir / "src", out + "/dst"}, out), 1);
+  std::set<std::string> left = namesIn(out);
+  left.erase(".local");
+  EXPECT_EQ(left, std::set<std::string>());
+
+  EXPECT_EQ(runAsNobody([&] {
+              fs::create_directories(out + "/own/ro/deeper");
+              std::ofstream(out + "/own/ro/deeper/f") << "f";
+              ::chmod((out + "/own/ro/deeper").c_str(), 0500);
+              ::chmod((out + "/own/ro").c_str(), 0555);
+              return 0;
+            }),
+            0);
+  EXPECT_EQ(kdAsNobody({"rm", "--no-auth", out + "/own"}, out), 0);
+  EXPECT_FALSE(exists(out + "/own"));
 }
 
 // --- The fall-back, taken by an ordinary user -----------------------------------------

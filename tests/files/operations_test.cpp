@@ -58,6 +58,22 @@ TEST_F(Operations, SystemAndStandardFoldersAreNeverRemovedMovedOrTrashed) {
   EXPECT_EQ(readFile(work("target/file")), "t");
 }
 
+// A path that ends in "." or ".." names a folder by another name (through a
+// link too): it is refused before anything below it goes.
+TEST_F(Operations, DotNamesAreRefusedAndNothingBelowThemGoes) {
+  dir_.touch("dir/a", "a");
+  dir_.touch("dir/x/b", "b");
+  dir_.touch("target/t", "t");
+  ASSERT_EQ(::symlink(work("target").c_str(), work("link").c_str()), 0);
+  const std::set<std::string> before = namesIn(dir_.path(), true);
+  for (const char* given : {"dir/.", "dir/./", "link/.", "dir/x/..", "link/..", "dir/x/../"}) {
+    EXPECT_FALSE(FM::removeFile(work(given), false)) << given;
+    EXPECT_FALSE(FM::trashFile(work(given), false)) << given;
+    EXPECT_FALSE(FM::moveFile(work(given), work("moved"), false)) << given;
+    EXPECT_EQ(namesIn(dir_.path(), true), before) << given;
+  }
+}
+
 TEST_F(Operations, CreateDirectoryMakesParentsAndRefusesUnmountedVolumes) {
   EXPECT_TRUE(FM::createDirectory(work("a/b/c")));
   EXPECT_TRUE(FM::isDirectoryAtPath(work("a/b/c")));
@@ -141,6 +157,25 @@ TEST_F(Operations, MoveNeverReplacesAndRenamesCaseThroughAFreeName) {
   // Failures other than rights never go further than the message.
   EXPECT_EQ(logged(), (Lines{"Error moving file: File exists.", "Error moving file: File exists.",
                              "Error moving file: No such file or directory."}));
+}
+
+// A move that is refused changes nothing, locks included: nothing is ever
+// replaced, so nothing at the destination is unlocked.
+TEST_F(Operations, ARefusedMoveLeavesTheDestinationLocked) {
+  dir_.touch("a.mov", "a");
+  const struct {
+    const char* destination;
+    const char* locked;
+  } cases[] = {{"b.mov", "b.mov"}, {"into", "into/a.mov"}};
+  for (const auto& c : cases) {
+    dir_.touch(c.locked, "keep");
+    FM::lockFile(work(c.locked));
+    ASSERT_TRUE(FM::isFileLocked(work(c.locked))) << c.locked;
+    EXPECT_FALSE(FM::moveFile(work("a.mov"), work(c.destination), false)) << c.destination;
+    EXPECT_TRUE(FM::isFileLocked(work(c.locked))) << c.locked;
+    FM::unlockFile(work(c.locked));
+  }
+  EXPECT_EQ(readFile(work("a.mov")), "a");
 }
 
 TEST_F(Operations, TimeoutFormsWaitOnlyForWhatTheyDid) {

@@ -316,6 +316,20 @@ TEST_F(FilesTest, TouchNeverCreates) {
   ASSERT_TRUE(created);
   EXPECT_LT(std::chrono::system_clock::now() - *created, std::chrono::seconds(60));
 
+  // A relative name that looks like an option is still the file.
+  const int here = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_GE(here, 0);
+  ASSERT_EQ(::chdir(dir_.path().c_str()), 0);
+  for (const char* name : {"-c", "--help"}) {
+    FM::setModificationDate(secondsAgo(3600), dir_.touch(name));
+    EXPECT_TRUE(FM::touchFile(std::string(name)));
+    EXPECT_LT(std::chrono::system_clock::now() - *FM::modificationDateForFile(dir_ / name),
+              std::chrono::seconds(60))
+        << name;
+  }
+  EXPECT_EQ(::fchdir(here), 0);
+  ::close(here);
+
   EXPECT_FALSE(FM::touchFile(std::nullopt));
   EXPECT_FALSE(FM::touchFile(dir_ / "missing", true));
   EXPECT_FALSE(FM::fileExistsAtPath(dir_ / "missing"));

@@ -17,6 +17,8 @@ void setupRm(CLI::App& app) {
   kd::tool::addRightsOptions(cmd, rights, true);
   cmd->footer(
       "Removes each PATH and everything below it; links are removed, never followed.\n"
+      "A PATH ending in \".\" or \"..\" (dir/., link/.) is refused: name the folder\n"
+      "itself. Read-only folders of the user's own are removed too.\n"
       "A PATH that does not exist counts as removed. Where the user lacks the rights,\n"
       "kd asks for a password (see kd trash --help) unless --no-auth is given.\n"
       "Exits 1 when any PATH failed.");

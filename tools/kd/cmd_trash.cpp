@@ -18,9 +18,10 @@ void setupTrash(CLI::App& app) {
   cmd->footer(
       "Moves each PATH to the desktop trash: the home trash, or for an item on another\n"
       "volume that volume's trash (.Trash-UID); never copied across volumes. A PATH\n"
-      "that does not exist counts as trashed. Where the user may not move an item,\n"
-      "kd asks for the password of an administrator (the user's own, for sudo) on\n"
-      "the terminal, or reads it from --password-fd. Exits 1 when any PATH failed.");
+      "that does not exist counts as trashed; a mount point, or a PATH ending in \".\"\n"
+      "or \"..\", is refused. Where the user may not move an item, kd asks for the\n"
+      "password of an administrator (the user's own, for sudo) on the terminal, or\n"
+      "reads it from --password-fd. Exits 1 when any PATH failed.");
   cmd->callback([] {
     kd::tool::openCommandLog();
     bool allDone = true;

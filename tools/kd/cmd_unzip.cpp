@@ -17,8 +17,8 @@ void setupUnzip(CLI::App& app) {
       "Extracts ARCHIVE into a temporary folder beside FOLDER, which takes the name\n"
       "FOLDER only when everything was extracted; an existing FOLDER is then moved to\n"
       "the trash. An entry that would land outside (an absolute path, \"..\", a link\n"
-      "leading out, or a path through a link) stops it, with nothing written, and is\n"
-      "named. Exits 1 on failure.");
+      "leading out, a hard link to such a link, or a path through a link) stops it,\n"
+      "with nothing written, and is named. Exits 1 on failure.");
   cmd->callback([] {
     kd::tool::openCommandLog();
     const bool done = KdFileManager::decompressFile(archive, folder);

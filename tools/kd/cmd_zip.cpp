@@ -20,6 +20,7 @@ void setupZip(CLI::App& app) {
       "Writes ARCHIVE with UTF-8 names, permissions, modification times and links\n"
       "stored as links. With a folder, its name is the top entry unless --no-parent is\n"
       "given. An existing ARCHIVE is moved to the trash once the new one is complete.\n"
+      "A name that is not valid UTF-8 is refused, by name, with nothing written.\n"
       "Exits 1 unless the whole archive was written.");
   cmd->callback([] {
     kd::tool::openCommandLog();
