@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 #include <set>
+#include <tuple>
 
 #include "common/AtomicFile.h"
 #include "common/DateText.h"
@@ -1111,7 +1112,7 @@ bool MhlHistory::load(const std::string& trackedFolder, MhlHistory& out, std::st
       error = "damaged " + path + ": " + why;
       return false;
     }
-    history.index(manifest);
+    history.index(entry, manifest);
   }
   history.chainBytes_ = std::move(chainFile.bytes);
   history.loaded_ = true;
@@ -1119,8 +1120,34 @@ bool MhlHistory::load(const std::string& trackedFolder, MhlHistory& out, std::st
   return true;
 }
 
-void MhlHistory::index(const MhlManifest& manifest) {
-  for (const MhlHash& h : manifest.hashes) latest_.insert_or_assign(hashKey(h.format, h.path), h);
+void MhlHistory::index(const MhlChainEntry& entry, const MhlManifest& manifest) {
+  MhlGeneration generation{entry, manifest.creator, manifest.process, manifest.ignorePatterns};
+  std::set<std::string_view> paths;
+  for (const MhlHash& h : manifest.hashes) {
+    latest_.insert_or_assign(hashKey(h.format, h.path), h);
+    if (h.action != "failed") good_.insert_or_assign(hashKey(h.format, h.path), h);
+    paths.insert(h.path);
+    ++(h.action == "failed"     ? generation.failed
+       : h.action == "verified" ? generation.verified
+                                : generation.original);
+  }
+  generation.files = paths.size();
+  generationList_.push_back(std::move(generation));
+}
+
+std::vector<MhlHash> MhlHistory::goodRecords() const {
+  std::vector<MhlHash> records;
+  for (const auto& [key, h] : good_) records.push_back(h);
+  std::sort(records.begin(), records.end(), [](const MhlHash& a, const MhlHash& b) {
+    return std::tie(a.path, a.format) < std::tie(b.path, b.format);
+  });
+  return records;
+}
+
+std::vector<std::string> MhlHistory::recordedPaths() const {
+  std::set<std::string> paths;
+  for (const auto& [key, h] : latest_) paths.insert(h.path);
+  return {paths.begin(), paths.end()};
 }
 
 std::optional<MhlHash> MhlHistory::latest(std::string_view path, std::string_view format) const {
@@ -1133,7 +1160,7 @@ std::optional<std::string> MhlHistory::addGeneration(const MhlCreator& creator,
                                                      std::string_view name,
                                                      const std::vector<std::string>& ignorePatterns,
                                                      const std::vector<MhlHash>& hashes,
-                                                     std::string& error) {
+                                                     std::string& error, std::string_view process) {
   if (!loaded_) {
     error = "the ASC MHL history did not load; nothing is written into it";
     return std::nullopt;
@@ -1146,7 +1173,7 @@ std::optional<std::string> MhlHistory::addGeneration(const MhlCreator& creator,
     error = "not a name for a manifest: \"" + shown(name) + "\"";
     return std::nullopt;
   }
-  MhlManifest manifest{creator, "transfer", ignorePatterns, hashes};
+  MhlManifest manifest{creator, std::string(process), ignorePatterns, hashes};
   std::optional<std::string> bytes = writeMhlManifest(manifest, error);
   if (!bytes) return std::nullopt;
   char number[16];
@@ -1195,9 +1222,9 @@ std::optional<std::string> MhlHistory::addGeneration(const MhlCreator& creator,
     ::unlinkat(dir.get(), file.c_str(), 0);  // ours, and listed nowhere
     return std::nullopt;
   }
+  index(chain.back(), written);
   chain_ = std::move(chain);
   chainBytes_ = std::move(chainBytes);
-  index(written);
   return where + "/" + file;
 }
 

@@ -71,6 +71,16 @@ struct MhlChainEntry {
   bool operator==(const MhlChainEntry&) const = default;
 };
 
+// What one generation of a history says of itself, for listing it.
+struct MhlGeneration {
+  MhlChainEntry entry;
+  MhlCreator creator;
+  std::string process;
+  std::vector<std::string> ignorePatterns;
+  std::size_t files = 0;                               // distinct paths
+  std::size_t original = 0, verified = 0, failed = 0;  // hashes by action
+};
+
 // The readers: true with what was read, or false with a reason. Stateless;
 // callable from any thread.
 bool parseMhlManifest(std::string_view bytes, MhlManifest& out, std::string& error);
@@ -109,25 +119,36 @@ class MhlHistory {
   // that lists it), if any. Its action may be "failed": check it before
   // trusting the digest.
   std::optional<MhlHash> latest(std::string_view path, std::string_view format) const;
+  // For every path and format, the newest record that is not "failed": what
+  // the file was when it was last found good. Sorted by path, then format.
+  std::vector<MhlHash> goodRecords() const;
+  // Every path a generation recorded, sorted.
+  std::vector<std::string> recordedPaths() const;
+  // Each generation's creator, process, ignore patterns and counts, oldest
+  // first.
+  const std::vector<MhlGeneration>& generationList() const { return generationList_; }
 
   // Writes the next generation's manifest "NNNN_<name>_<YYYY-MM-DD_HHMMSSZ>.mhl"
-  // (process "transfer", the ignore patterns and hashes given), never replacing
+  // (the process given, the ignore patterns and hashes given), never replacing
   // a file, and then the extended chain file, replaced atomically. The tracked
   // folder must exist; the ascmhl folder is made when missing. Refused when the
   // history did not load, or when the chain on disk changed since it was
   // loaded. Returns the manifest's path, or nullopt with `error`.
   std::optional<std::string> addGeneration(const MhlCreator& creator, std::string_view name,
                                            const std::vector<std::string>& ignorePatterns,
-                                           const std::vector<MhlHash>& hashes, std::string& error);
+                                           const std::vector<MhlHash>& hashes, std::string& error,
+                                           std::string_view process = "transfer");
 
  private:
-  void index(const MhlManifest& manifest);
+  void index(const MhlChainEntry& entry, const MhlManifest& manifest);
 
   bool loaded_ = false;
   std::string trackedFolder_;
   std::optional<std::string> chainBytes_;  // as read; none when there was no chain file
   std::vector<MhlChainEntry> chain_;
   std::map<std::string, MhlHash, std::less<>> latest_;  // key: format, '\0', path
+  std::map<std::string, MhlHash, std::less<>> good_;    // the same, "failed" left out
+  std::vector<MhlGeneration> generationList_;
 };
 
 }  // namespace kd

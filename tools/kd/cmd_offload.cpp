@@ -2,9 +2,7 @@
 // list in each, resumable.
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <iostream>
 #include <mutex>
@@ -14,6 +12,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "Progress.h"
 #include "Rights.h"
 #include "files/KdFileManager.h"
 #include "files/Offload.h"
@@ -21,98 +20,8 @@
 
 namespace {
 
-std::atomic<bool> stopAsked{false};
-
-extern "C" void askToStop(int) {
-  stopAsked.store(true);
-  std::signal(SIGINT, SIG_DFL);  // a second interrupt ends kd at once
-  std::signal(SIGTERM, SIG_DFL);
-}
-
-std::string size(std::uint64_t bytes) {
-  return KdFileManager::formatFileSize(static_cast<double>(bytes));
-}
-
-std::string clock(double seconds) {
-  const long s = static_cast<long>(seconds);
-  char text[32];
-  if (s >= 3600)
-    std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
-  else
-    std::snprintf(text, sizeof text, "%ld:%02ld", s / 60, s % 60);
-  return text;
-}
-
-// Progress on standard error: on a terminal a bar redrawn in place with the
-// current file's name; otherwise a plain line every few seconds. Reports come
-// from the copy's threads as well as the main one; thread-safe.
-class Progress {
- public:
-  explicit Progress(bool terminal)
-      : terminal_(terminal),
-        start_(Clock::now()),
-        lastLine_(terminal ? Clock::time_point() : start_) {}
-
-  void file(const std::string& path) {
-    std::lock_guard lock(mu_);
-    file_ = path;
-    draw();
-  }
-  void bytes(std::uint64_t done, std::uint64_t total) {
-    std::lock_guard lock(mu_);
-    if (done < done_) return;  // reports from threads may come late
-    done_ = done;
-    total_ = total;
-    draw();
-  }
-  void end() {
-    std::lock_guard lock(mu_);
-    if (terminal_ && drawn_) std::fputs("\r\033[K", stderr);
-    ended_ = true;
-  }
-
- private:
-  using Clock = std::chrono::steady_clock;
-
-  void draw() {
-    if (ended_) return;
-    const Clock::time_point now = Clock::now();
-    if (!terminal_ && now - lastLine_ < std::chrono::seconds(5)) return;
-    if (terminal_ && now - lastLine_ < std::chrono::milliseconds(100)) return;
-    lastLine_ = now;
-    drawn_ = true;
-    const double seconds = std::chrono::duration<double>(now - start_).count();
-    const double rate = seconds > 0 ? static_cast<double>(done_) / seconds : 0;
-    const int percent = total_ ? static_cast<int>(done_ * 100 / total_) : 0;
-    const std::string left = rate > 0 && total_ >= done_
-                                 ? clock(static_cast<double>(total_ - done_) / rate)
-                                 : std::string("--:--");
-    if (terminal_) {
-      constexpr int kWidth = 24;
-      std::string bar(static_cast<std::size_t>(percent * kWidth / 100), '#');
-      bar.resize(kWidth, '.');
-      std::string name = file_;
-      if (name.size() > 40) name = "…" + name.substr(name.size() - 39);
-      std::fprintf(stderr, "\r\033[K[%s] %3d%% %s of %s  %s/s  %s left  %s", bar.c_str(), percent,
-                   size(done_).c_str(), size(total_).c_str(),
-                   KdFileManager::formatFileSize(rate).c_str(), left.c_str(), name.c_str());
-    } else {
-      std::fprintf(stderr, "kd offload: %d%%, %s of %s, %s/s, %s left: %s\n", percent,
-                   size(done_).c_str(), size(total_).c_str(),
-                   KdFileManager::formatFileSize(rate).c_str(), left.c_str(), file_.c_str());
-    }
-    std::fflush(stderr);
-  }
-
-  const bool terminal_;
-  const Clock::time_point start_;
-  std::mutex mu_;
-  // Guarded by mu_:
-  Clock::time_point lastLine_{};
-  std::string file_;
-  std::uint64_t done_ = 0, total_ = 0;
-  bool drawn_ = false, ended_ = false;
-};
+using kd::tool::clock;
+using kd::tool::size;
 
 double rateOf(const kd::OffloadReport& r) {
   const double seconds = r.elapsed.count();
@@ -222,10 +131,9 @@ void setupOffload(CLI::App& app) {
       std::fprintf(stderr, "kd offload: %s\n", problem->c_str());
       kd::tool::exitWith(2);
     }
-    std::signal(SIGINT, askToStop);
-    std::signal(SIGTERM, askToStop);
-    options.stop = &stopAsked;
-    auto progress = std::make_shared<Progress>(::isatty(STDERR_FILENO) == 1);
+    options.stop = kd::tool::stopOnInterrupt();
+    auto progress =
+        std::make_shared<kd::tool::Progress>(::isatty(STDERR_FILENO) == 1, "kd offload");
     kd::OffloadProgress callbacks;
     callbacks.fileStarted = [progress](const std::string& path, std::uint64_t) {
       progress->file(path);

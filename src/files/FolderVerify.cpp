@@ -1,0 +1,258 @@
+// Checking a folder against its ASC MHL history, without the card.
+#include "files/FolderVerify.h"
+
+#include <fnmatch.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <set>
+
+#include "files/AscMhl.h"
+#include "files/OffloadInternal.h"
+
+namespace kd {
+namespace {
+
+// The kinds a check can compute, the fastest first: a file recorded with
+// several is read for the first of these.
+constexpr std::array<std::string_view, 5> kPreferred = {"xxh128", "xxh3", "xxh64", "md5", "sha1"};
+
+int preference(std::string_view format) {
+  const auto it = std::find(kPreferred.begin(), kPreferred.end(), format);
+  return it == kPreferred.end() ? -1 : static_cast<int>(it - kPreferred.begin());
+}
+
+std::chrono::system_clock::time_point timeOf(const struct timespec& t) {
+  return std::chrono::system_clock::time_point(
+      std::chrono::duration_cast<std::chrono::system_clock::duration>(
+          std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec)));
+}
+
+// Whether the history's ignore patterns leave a file out: a pattern without a
+// '/' names any part of the path ("._*", ".DS_Store"), one ending in '/' a
+// folder, and one with a '/' inside the whole path.
+bool ignored(const std::vector<std::string>& patterns, const std::string& path) {
+  for (const std::string& pattern : patterns) {
+    if (pattern.empty()) continue;
+    const bool folderOnly = pattern.back() == '/';
+    const std::string bare = folderOnly ? pattern.substr(0, pattern.size() - 1) : pattern;
+    if (bare.find('/') != std::string::npos) {
+      if (::fnmatch(bare.c_str(), path.c_str(), FNM_PATHNAME | FNM_PERIOD) == 0) return true;
+      continue;
+    }
+    std::size_t start = 0;
+    for (;;) {
+      const std::size_t end = path.find('/', start);
+      const bool last = end == std::string::npos;
+      const std::string part = path.substr(start, last ? std::string::npos : end - start);
+      if ((!folderOnly || !last) && ::fnmatch(bare.c_str(), part.c_str(), 0) == 0) return true;
+      if (last) break;
+      start = end + 1;
+    }
+  }
+  return false;
+}
+
+// Whether `path` or a folder above it is among `paths`.
+bool within(const std::set<std::string>& paths, std::string path) {
+  for (;;) {
+    if (paths.count(path)) return true;
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return false;
+    path.resize(slash);
+  }
+}
+
+std::string baseName(const std::string& folder) {
+  std::string name = folder;
+  while (name.size() > 1 && name.back() == '/') name.pop_back();
+  const std::size_t slash = name.rfind('/');
+  return slash == std::string::npos ? name : name.substr(slash + 1);
+}
+
+}  // namespace
+
+FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
+                                const OffloadProgress& progress) {
+  const auto started = std::chrono::steady_clock::now();
+  FolderVerifyReport report;
+  report.folder = options.folder;
+  auto finish = [&]() -> FolderVerifyReport {
+    report.elapsed = std::chrono::steady_clock::now() - started;
+    return report;
+  };
+
+  struct stat st {};
+  if (::stat(options.folder.c_str(), &st) != 0) {
+    report.error = "Cannot read the folder " + options.folder + ": " + std::strerror(errno);
+    return finish();
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    report.error = options.folder + " is not a folder";
+    return finish();
+  }
+  MhlHistory history;
+  std::string error;
+  if (!MhlHistory::load(options.folder, history, error)) {
+    report.error = "The hash list of " + options.folder + " cannot be read: " + error;
+    return finish();
+  }
+  report.generations = history.generations();
+  if (report.generations == 0) {
+    report.error = options.folder +
+                   " keeps no hash list (no ascmhl folder with a chain file): there is nothing "
+                   "to check it against";
+    return finish();
+  }
+  const std::vector<std::string> patterns = history.generationList().back().ignorePatterns;
+
+  // What each file was when it was last found good, in the kind read for it.
+  std::map<std::string, MhlHash> expected;
+  std::set<std::string> everGood;
+  for (MhlHash& record : history.goodRecords()) {
+    everGood.insert(record.path);
+    const int rank = preference(record.format);
+    if (rank < 0) continue;
+    auto [it, fresh] = expected.try_emplace(record.path, record);
+    if (!fresh && rank < preference(it->second.format)) it->second = std::move(record);
+  }
+  // New files are read in the kind most files were recorded with.
+  std::map<std::string, int> kindCounts;
+  for (const auto& [path, record] : expected) ++kindCounts[record.format];
+  report.hash = "xxh64";
+  int most = 0;
+  for (const auto& [kind, count] : kindCounts)
+    if (count > most) most = count, report.hash = kind;
+  // Recorded, but with nothing this check can compare.
+  std::map<std::string, std::string> uncheckable;
+  for (const std::string& path : history.recordedPaths())
+    if (!expected.count(path))
+      uncheckable[path] = everGood.count(path) ? "recorded only in a kind this check cannot compute"
+                                               : "recorded only as failed, never as good";
+
+  offload::CardTree tree = offload::readCard(options.folder, true);
+  if (!tree.error.empty()) {
+    report.error = tree.error;
+    return finish();
+  }
+  std::set<std::string> left;  // excluded paths, recorded files below them are not missing
+  for (OffloadExclusion& e : tree.excluded) {
+    if (e.path == MhlHistory::kFolderName) continue;  // the history itself
+    left.insert(e.path);
+    report.excluded.push_back(std::move(e));
+  }
+  std::vector<const offload::CardFile*> files;
+  std::uint64_t total = 0;
+  for (const offload::CardFile& f : tree.files) {
+    const bool nested = ("/" + f.path).find("/ascmhl/") != std::string::npos;
+    if (nested || ignored(patterns, f.path)) {
+      left.insert(f.path);
+      report.excluded.push_back(
+          {f.path, nested ? "a hash list of a folder inside" : "left out by the hash list"});
+      continue;
+    }
+    files.push_back(&f);
+    total += f.size;
+  }
+
+  const auto now = std::chrono::system_clock::now();
+  std::vector<MhlHash> entries;
+  std::map<std::string, std::string> newDigests;  // path -> digest in report.hash
+  std::set<std::string> present;
+  std::uint64_t done = 0;
+  for (const offload::CardFile* f : files) {
+    if (options.stop && options.stop->load()) {
+      report.error = "Stopped before every file was read; nothing was added to the hash list";
+      return finish();
+    }
+    present.insert(f->path);
+    if (progress.fileStarted) progress.fileStarted(f->path, f->size);
+    const auto record = expected.find(f->path);
+    const std::string kind = record != expected.end() ? record->second.format : report.hash;
+    const std::optional<KdFileManager::CopyDigest> digest = KdFileManager::copyDigestNamed(kind);
+    std::string why;
+    std::optional<std::string> found;
+    if (digest) {
+      found = offload::digestOfFile(
+          options.folder + "/" + f->path, *digest, true,
+          [&](std::uint64_t n) {
+            done += n;
+            if (progress.bytes) progress.bytes(done, total);
+          },
+          why);
+    } else {
+      why = "the " + kind + " digest is not available";
+    }
+    std::optional<std::string> recorded;
+    if (record != expected.end()) recorded = record->second.digest;
+    if (!found) {
+      report.changed.push_back({f->path, "cannot be read: " + why, recorded, std::nullopt});
+      continue;
+    }
+    if (record == expected.end()) {
+      if (const auto u = uncheckable.find(f->path); u != uncheckable.end())
+        report.changed.push_back({f->path, u->second, std::nullopt, found});
+      else
+        newDigests.emplace(f->path, *found);
+      continue;
+    }
+    MhlHash entry{f->path, f->size, timeOf(f->modified), kind, *found, "verified", now};
+    const std::optional<std::uint64_t> size = record->second.size;
+    if (*found != record->second.digest || (size && *size != f->size)) {
+      entry.action = "failed";
+      report.changed.push_back({f->path,
+                                size && *size != f->size
+                                    ? "its size changed from " + std::to_string(*size) + " to " +
+                                          std::to_string(f->size) + " bytes"
+                                    : "its bytes differ from what the hash list recorded",
+                                recorded, found});
+    } else {
+      ++report.filesVerified;
+    }
+    entries.push_back(std::move(entry));
+  }
+  report.bytesRead = done;
+
+  // Gone, or (a new file with a gone file's digest) renamed.
+  std::map<std::string, std::string> gone;  // path -> digest in report.hash, "" otherwise
+  for (const std::string& path : history.recordedPaths()) {
+    if (present.count(path) || within(left, path)) continue;
+    const auto record = expected.find(path);
+    gone[path] = record != expected.end() && record->second.format == report.hash
+                     ? record->second.digest
+                     : std::string();
+  }
+  for (auto& [path, digest] : gone) {
+    auto match = std::find_if(newDigests.begin(), newDigests.end(),
+                              [&](const auto& n) { return !digest.empty() && n.second == digest; });
+    if (match != newDigests.end()) {
+      report.renamed.emplace_back(path, match->first);
+      newDigests.erase(match);
+    } else {
+      report.missing.push_back(path);
+    }
+  }
+  for (const auto& [path, digest] : newDigests) report.added.push_back(path);
+
+  if (options.mhl && !entries.empty()) {
+    MhlCreator creator;
+    creator.creationDate = now;
+    char host[256] = {};
+    if (::gethostname(host, sizeof host - 1) != 0) std::strcpy(host, "localhost");
+    creator.hostname = host;
+    creator.tool = options.tool;
+    creator.toolVersion = options.toolVersion;
+    report.manifest = history.addGeneration(creator, baseName(options.folder), patterns, entries,
+                                            error, "in-place");
+    if (!report.manifest)
+      report.error = "What was found could not be added to the hash list: " + error;
+  }
+  return finish();
+}
+
+}  // namespace kd

@@ -1,0 +1,114 @@
+// Checking a copy later against its hash list: what changed, went, came or
+// looks renamed is named, the outcome becomes a generation of its own, and
+// a folder without a usable history is refused.
+#include "files/FolderVerify.h"
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "FilesFixture.h"
+#include "OffloadSupport.h"
+#include "files/AscMhl.h"
+#include "files/Offload.h"
+
+namespace kd::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class FolderVerify : public FilesTest {
+ protected:
+  // An offloaded sample card: DEST/EOS_DIGITAL with its history.
+  std::string offloaded() {
+    const std::string card = dir_.mkdir("card/EOS_DIGITAL");
+    writeCard(card, sampleCards()[1]);
+    OffloadOptions options;
+    options.card = card;
+    options.destinations = {dir_.mkdir("dest")};
+    EXPECT_TRUE(offloadCard(options).allGood());
+    return dir_ / "dest/EOS_DIGITAL";
+  }
+  static FolderVerifyReport verify(const std::string& folder, bool mhl = true) {
+    FolderVerifyOptions options;
+    options.folder = folder;
+    options.mhl = mhl;
+    return verifyFolder(options);
+  }
+};
+
+TEST_F(FolderVerify, NamesEveryDifferenceAndRecordsWhatItRead) {
+  const std::string folder = offloaded();
+  const FolderVerifyReport clean = verify(folder);
+  ASSERT_TRUE(clean.allGood()) << clean.error;
+  EXPECT_EQ(clean.filesVerified, sampleCards()[1].files.size());
+  EXPECT_TRUE(clean.excluded.empty());
+  ASSERT_TRUE(clean.manifest);
+
+  // A changed byte, a file gone, one renamed, one new, one beside the others
+  // that the history's patterns leave out.
+  const std::string clips = folder + "/DCIM/100EOS5D/";
+  std::string bytes = readFile(clips + "IMG_0001.CR2");
+  bytes[7] ^= 1;
+  fs::remove(clips + "IMG_0001.CR2");
+  dir_.touch("dest/EOS_DIGITAL/DCIM/100EOS5D/IMG_0001.CR2", bytes);
+  fs::remove(clips + "EMPTY.TXT");
+  fs::rename(clips + "MVI_0002.MOV", clips + "MVI_0002 copy.MOV");
+  dir_.touch("dest/EOS_DIGITAL/DCIM/NEW.TXT", "new");
+  dir_.touch("dest/EOS_DIGITAL/DCIM/._NEW.TXT", "side file");
+
+  const FolderVerifyReport dry = verify(folder, false);
+  EXPECT_FALSE(dry.allGood());
+  EXPECT_FALSE(dry.manifest);
+  const FolderVerifyReport found = verify(folder);
+  ASSERT_TRUE(found.error.empty()) << found.error;
+  ASSERT_EQ(found.changed.size(), 1u);
+  EXPECT_EQ(found.changed[0].path, "DCIM/100EOS5D/IMG_0001.CR2");
+  EXPECT_NE(found.changed[0].recorded, found.changed[0].found);
+  EXPECT_EQ(found.missing, std::vector<std::string>{"DCIM/100EOS5D/EMPTY.TXT"});
+  EXPECT_EQ(found.added, std::vector<std::string>{"DCIM/NEW.TXT"});
+  ASSERT_EQ(found.renamed.size(), 1u);
+  EXPECT_EQ(found.renamed[0].second, "DCIM/100EOS5D/MVI_0002 copy.MOV");
+  EXPECT_EQ(found.filesVerified, 1u);  // .hidden_settings
+  ASSERT_EQ(found.excluded.size(), 1u);
+  EXPECT_EQ(found.excluded[0].path, "DCIM/._NEW.TXT");
+
+  MhlHistory history;
+  std::string error;
+  ASSERT_TRUE(MhlHistory::load(folder, history, error)) << error;
+  ASSERT_EQ(history.generations(), 3);
+  const MhlGeneration& last = history.generationList().back();
+  EXPECT_EQ(last.process, "in-place");
+  EXPECT_EQ(last.verified, 1u);
+  EXPECT_EQ(last.failed, 1u);
+  EXPECT_EQ(history.latest("DCIM/100EOS5D/IMG_0001.CR2", "xxh64")->action, "failed");
+
+  // The failed record is not what the next check compares with: the file is
+  // still changed.
+  const FolderVerifyReport again = verify(folder, false);
+  ASSERT_EQ(again.changed.size(), 1u);
+  EXPECT_EQ(again.changed[0].recorded, found.changed[0].recorded);
+}
+
+TEST_F(FolderVerify, AFolderWithoutAUsableHistoryIsRefused) {
+  const struct {
+    const char* what;
+    std::string folder;
+    const char* says;
+  } cases[] = {
+      {"missing", dir_ / "none", "No such file"},
+      {"no history", dir_.mkdir("plain"), "keeps no hash list"},
+      {"damaged", dir_.mkdir("damaged"), "cannot be read"},
+  };
+  dir_.touch("damaged/ascmhl/ascmhl_chain.xml", "<ascmhldirectory");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const FolderVerifyReport report = verify(c.folder);
+    EXPECT_FALSE(report.allGood());
+    EXPECT_NE(report.error.find(c.says), std::string::npos) << report.error;
+  }
+  EXPECT_EQ(readFile(dir_ / "damaged/ascmhl/ascmhl_chain.xml"), "<ascmhldirectory");
+}
+
+}  // namespace
+}  // namespace kd::test

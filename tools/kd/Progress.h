@@ -1,0 +1,49 @@
+// Progress of long work on standard error: on a terminal a bar redrawn in
+// place with the current file's name; otherwise a plain line every few
+// seconds, so that a log of the run shows it is alive.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+namespace kd::tool {
+
+// A size in the units kd prints everywhere.
+std::string size(std::uint64_t bytes);
+// Seconds as M:SS or H:MM:SS.
+std::string clock(double seconds);
+
+// Makes Ctrl-C and SIGTERM set the flag returned (a second one ends kd at
+// once), for long work that stops cleanly between stretches.
+const std::atomic<bool>* stopOnInterrupt();
+
+// Reports come from worker threads as well as the main one; thread-safe.
+// `label` starts the plain lines ("kd offload").
+class Progress {
+ public:
+  Progress(bool terminal, std::string label);
+
+  void file(const std::string& path);
+  void bytes(std::uint64_t done, std::uint64_t total);
+  void end();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void draw();
+
+  const bool terminal_;
+  const std::string label_;
+  const Clock::time_point start_;
+  std::mutex mu_;
+  // Guarded by mu_:
+  Clock::time_point lastLine_{};
+  std::string file_;
+  std::uint64_t done_ = 0, total_ = 0;
+  bool drawn_ = false, ended_ = false;
+};
+
+}  // namespace kd::tool
