@@ -50,10 +50,38 @@ TEST_F(KdHashTool, ListsPassTheCheckersAndItsOwnCheck) {
                   std::string(algo) + "sum " + files + " > theirs && " + kd + " hash -c theirs"),
               0);
   }
-  // MD5 unless told otherwise.
+  // MD5 unless told otherwise; standard input for "-" or no file.
   tmp.touch("x", "abc");
-  EXPECT_EQ(run(tmp.path(), kd + " hash x > out"), 0);
-  EXPECT_EQ(kd::test::readFile(tmp / "out"), "900150983cd24fb0d6963f7d28e17f72  x\n");
+  EXPECT_EQ(run(tmp.path(), kd + " hash x > out && " + kd + " hash < x >> out"), 0);
+  EXPECT_EQ(kd::test::readFile(tmp / "out"),
+            "900150983cd24fb0d6963f7d28e17f72  x\n900150983cd24fb0d6963f7d28e17f72  -\n");
+}
+
+// The xxHash kinds and the tagged form: what kd writes, xxhsum and the
+// coreutils checkers read; what they write, kd reads.
+TEST_F(KdHashTool, SpeaksXxhsumAndTaggedLists) {
+  if (::system("command -v xxhsum >/dev/null") != 0) GTEST_SKIP() << "xxhsum is not installed";
+  const std::string files = "A001C003.mov empty 'with space.wav'";
+  const struct {
+    const char* what;
+    std::string command;  // run in the folder; its status must be 0
+  } cases[] = {
+      {"xxh64 for xxhsum", kd + " hash --hash xxh64 " + files + " > l && xxhsum -c l"},
+      {"xxh3 for xxhsum", kd + " hash --hash xxh3 " + files + " > l && xxhsum -c l"},
+      {"xxh128 for xxhsum", kd + " hash --hash xxh128 " + files + " > l && xxhsum -c l"},
+      {"tagged for sha256sum", kd + " hash --sha256 --tag " + files + " > l && sha256sum -c l"},
+      {"xxhsum -H1", "xxhsum -H1 " + files + " > l && " + kd + " hash -c l"},
+      {"xxhsum -H2, named", "xxhsum -H2 " + files + " > l.xxh128 && " + kd + " hash -c l.xxh128"},
+      {"xxhsum -H2, told", "xxhsum -H2 " + files + " | " + kd + " hash --hash xxh128 -c -"},
+      {"xxhsum -H3", "xxhsum -H3 " + files + " | " + kd + " hash -c -"},
+      {"xxhsum --tag", "xxhsum --tag -H2 " + files + " | " + kd + " hash -c -"},
+      {"BSD tags", "md5sum --tag " + files + " | " + kd + " hash -c -"},
+      {"an xxh128 list taken as MD5 fails", "xxhsum -H2 empty > l && ! " + kd + " hash -c l"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(run(tmp.path(), c.command), 0);
+  }
 }
 
 TEST_F(KdHashTool, CheckFailsOnAnyDifference) {

@@ -1,9 +1,10 @@
 // kd hash: prints the digests of files as checksum lists that the coreutils
-// checkers accept, and checks such lists.
+// checkers and xxhsum accept, and checks such lists.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -11,9 +12,9 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Commands.h"
@@ -25,42 +26,46 @@
 
 namespace {
 
-constexpr std::uint64_t kProgressStep = 52428800;  // the hashes' question interval
+constexpr std::uint64_t kProgressStep = 52428800;  // a progress line every 50 MiB
 constexpr std::uint64_t kProgressFrom = 2 * kProgressStep;
 
-struct Algorithm {
-  KdDigestKind kind;
-  const char* flag;
-  const char* label;
+// The digest kinds: kd's name for each, the tag the BSD-style lists
+// ("SHA256 (FILE) = DIGEST") and xxhsum give it, and its length in hex.
+struct Kind {
+  const char* name;
+  const char* tag;
   std::size_t hexLength;
 };
-constexpr Algorithm kAlgorithms[] = {{KdDigestKind::MD5, "md5", "MD5", 32},
-                                     {KdDigestKind::SHA1, "sha1", "SHA-1", 40},
-                                     {KdDigestKind::SHA256, "sha256", "SHA-256", 64},
-                                     {KdDigestKind::SHA512, "sha512", "SHA-512", 128}};
+constexpr Kind kKinds[] = {{"md5", "MD5", 32},       {"sha1", "SHA1", 40},
+                           {"sha256", "SHA256", 64}, {"sha512", "SHA512", 128},
+                           {"xxh64", "XXH64", 16},   {"xxh3", "XXH3", 16},
+                           {"xxh128", "XXH128", 32}};
 
-// The progress line on standard error, fed from the hashes' delegate on worker
-// threads. A report for a file that is no longer the current one is dropped,
-// so no line is drawn after the file's result. Shared (by shared pointer)
-// between the command and the delegate's pending tasks; thread-safe.
+const Kind* kindNamed(std::string_view name) {
+  for (const Kind& k : kKinds)
+    if (name == k.name || name == k.tag) return &k;
+  return nullptr;
+}
+
+// The progress line on standard error for large files, on a terminal.
+// Single-threaded: the digest loop reports from the command's thread.
 class Progress {
  public:
   explicit Progress(bool enabled) : enabled_(enabled) {}
 
-  // Starts a file; returns its ticket for step().
-  unsigned begin(const std::string& name, std::uint64_t size) {
-    std::lock_guard lock(mu_);
-    ++current_;
+  void begin(const std::string& name, std::uint64_t size) {
     shown_ = enabled_ && size >= kProgressFrom;
     name_ = name;
     size_ = size;
-    steps_ = 0;
-    return current_;
+    drawn_ = false;
   }
-  void step(unsigned ticket) {
-    std::lock_guard lock(mu_);
-    if (ticket != current_ || !shown_) return;
-    const std::uint64_t done = ++steps_ * kProgressStep;
+  void at(std::uint64_t done) {
+    if (!shown_ || done / kProgressStep == last_ / kProgressStep) {
+      last_ = done;
+      return;
+    }
+    last_ = done;
+    drawn_ = true;
     std::fprintf(stderr, "\r\033[Khashing %s: %llu of %llu MiB (%d%%)", name_.c_str(),
                  static_cast<unsigned long long>(done >> 20),
                  static_cast<unsigned long long>(size_ >> 20),
@@ -68,78 +73,64 @@ class Progress {
     std::fflush(stderr);
   }
   void end() {
-    std::lock_guard lock(mu_);
-    ++current_;
-    if (shown_ && steps_ > 0) std::fputs("\r\033[K", stderr);
-    shown_ = false;
+    if (drawn_) std::fputs("\r\033[K", stderr);
+    drawn_ = false;
+    last_ = 0;
   }
 
  private:
   const bool enabled_;
-  std::mutex mu_;
-  unsigned current_ = 0;                // guarded by mu_
-  bool shown_ = false;                  // guarded by mu_
-  std::string name_;                    // guarded by mu_
-  std::uint64_t size_ = 0, steps_ = 0;  // guarded by mu_
+  bool shown_ = false, drawn_ = false;
+  std::string name_;
+  std::uint64_t size_ = 0, last_ = 0;
 };
 
-// SHA-256 has no whole-file operation in the library: read the file here and
-// digest it through the context form.
-std::optional<std::string> sha256OfFile(const std::string& path, Progress& progress,
-                                        unsigned ticket) {
-  kd::UniqueFd fd(kd::retryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
-  if (!fd) {
-    std::fprintf(stderr, "kd hash: %s: %s\n", path.c_str(), std::strerror(errno));
+// The digest of a file ("-": standard input), or nothing after a message on
+// standard error that says why.
+std::optional<std::string> digestOfFile(const Kind& kind, const std::string& path,
+                                        Progress& progress) {
+  kd::UniqueFd opened;
+  int fd = STDIN_FILENO;
+  if (path != "-") {
+    opened =
+        kd::UniqueFd(kd::retryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+    if (!opened) {
+      std::fprintf(stderr, "kd hash: %s: %s\n", path.c_str(), std::strerror(errno));
+      return std::nullopt;
+    }
+    fd = opened.get();
+  }
+  struct stat st {};
+  if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+    std::fprintf(stderr, "kd hash: %s: %s\n", path.c_str(), std::strerror(EISDIR));
     return std::nullopt;
   }
-  KdSHA256Context context;
-  kd::ReadAhead reader(fd.get());
+  const std::optional<KdFileManager::CopyDigest> digest = KdFileManager::copyDigestNamed(kind.name);
+  const std::unique_ptr<KdFileManager::CopyDigester> digester =
+      digest && digest->make ? digest->make() : nullptr;
+  if (!digester) {
+    std::fprintf(stderr, "kd hash: %s: the %s digest is not available\n", path.c_str(), kind.name);
+    return std::nullopt;
+  }
+  progress.begin(path, S_ISREG(st.st_mode) ? static_cast<std::uint64_t>(st.st_size) : 0);
+  kd::ReadAhead reader(fd);
   std::uint64_t total = 0;
   for (;;) {
     const kd::ReadAhead::Read chunk = reader.next();
     if (chunk.length == 0) break;
     if (chunk.length < 0) {
+      progress.end();
       std::fprintf(stderr, "kd hash: %s: %s\n", path.c_str(), std::strerror(chunk.error));
       return std::nullopt;
     }
-    context.update(chunk.data, static_cast<std::size_t>(chunk.length));
+    digester->update(chunk.data, static_cast<std::size_t>(chunk.length));
     total += static_cast<std::uint64_t>(chunk.length);
-    if (total % kProgressStep == 0) progress.step(ticket);
+    progress.at(total);
   }
-  return KdFileManager::sha256HashWithContext(std::move(context));
-}
-
-std::optional<std::string> digestOfFile(KdDigestKind kind, const std::string& path,
-                                        const std::shared_ptr<Progress>& progress,
-                                        const std::string& shownName) {
-  struct stat st {};
-  const std::uint64_t size =
-      ::stat(path.c_str(), &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
-  const unsigned ticket = progress->begin(shownName, size);
-  // A question may come after the hash has returned: the delegate holds the
-  // progress line by shared pointer.
-  auto delegate = std::make_shared<KdChecksumDelegate>();
-  delegate->checksumShouldContinue = [progress, ticket](const std::string&) {
-    progress->step(ticket);
-    return true;
-  };
-  std::optional<std::string> digest;
-  switch (kind) {
-    case KdDigestKind::MD5:
-      digest = KdFileManager::md5HashForFile(path, delegate);
-      break;
-    case KdDigestKind::SHA1:
-      digest = KdFileManager::sha1HashForFile(path, delegate);
-      break;
-    case KdDigestKind::SHA256:
-      digest = sha256OfFile(path, *progress, ticket);
-      break;
-    case KdDigestKind::SHA512:
-      digest = KdFileManager::sha512HashForFile(path, delegate);
-      break;
-  }
-  progress->end();
-  return digest;
+  progress.end();
+  std::optional<std::string> text = digester->text();
+  if (!text) std::fprintf(stderr, "kd hash: %s: the digest failed\n", path.c_str());
+  return text;
 }
 
 // A file name as the checkers write it: with "\\", "\n" and "\r" escaped, in
@@ -206,9 +197,15 @@ class ListOutput {
     else
       std::cout << name << text << '\n';
   }
-  void digestLine(const std::string& digest, const std::string& name) {
+  // "DIGEST  NAME", or with `tag` "KIND (NAME) = DIGEST"; a leading backslash
+  // when the name is escaped.
+  void digestLine(const Kind& kind, const std::string& digest, const std::string& name, bool tag) {
     const bool esc = needsEscape(name);
-    std::cout << (esc ? "\\" : "") << digest << "  " << (esc ? escaped(name) : name) << '\n';
+    const std::string shown = esc ? escaped(name) : name;
+    if (tag)
+      std::cout << (esc ? "\\" : "") << kind.tag << " (" << shown << ") = " << digest << '\n';
+    else
+      std::cout << (esc ? "\\" : "") << digest << "  " << shown << '\n';
   }
   bool flush() { return static_cast<bool>(std::cout.flush()); }
 };
@@ -216,21 +213,41 @@ class ListOutput {
 struct ListEntry {
   std::string digest;
   std::string name;
+  const Kind* kind = nullptr;  // set by a tagged line
 };
 
-// One line of a checksum list: "DIGEST  NAME" or "DIGEST *NAME", with a
-// leading backslash when the name is escaped.
+bool allHex(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    return std::isxdigit(static_cast<unsigned char>(c)) != 0;
+  });
+}
+
+// One line of a checksum list: "DIGEST  NAME", "DIGEST *NAME" or
+// "KIND (NAME) = DIGEST", with a leading backslash when the name is escaped.
 std::optional<ListEntry> parseLine(std::string line) {
   bool esc = false;
   if (!line.empty() && line[0] == '\\') {
     esc = true;
     line.erase(0, 1);
   }
-  std::size_t hex = 0;
-  while (hex < line.size() && std::isxdigit(static_cast<unsigned char>(line[hex]))) ++hex;
-  if (hex + 2 > line.size() || line[hex] != ' ' || (line[hex + 1] != ' ' && line[hex + 1] != '*'))
-    return std::nullopt;
-  ListEntry entry{line.substr(0, hex), line.substr(hex + 2)};
+  ListEntry entry;
+  const std::size_t open = line.find(" (");
+  const std::size_t close = line.rfind(") = ");
+  if (open != std::string::npos && close != std::string::npos && close > open &&
+      allHex(line.substr(close + 4))) {
+    entry.kind = kindNamed(line.substr(0, open));
+    if (!entry.kind) return std::nullopt;
+    entry.name = line.substr(open + 2, close - open - 2);
+    entry.digest = line.substr(close + 4);
+  } else {
+    std::size_t hex = 0;
+    while (hex < line.size() && std::isxdigit(static_cast<unsigned char>(line[hex]))) ++hex;
+    if (hex == 0 || hex + 2 > line.size() || line[hex] != ' ' ||
+        (line[hex + 1] != ' ' && line[hex + 1] != '*'))
+      return std::nullopt;
+    entry.digest = line.substr(0, hex);
+    entry.name = line.substr(hex + 2);
+  }
   for (char& c : entry.digest) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   if (esc) {
     std::optional<std::string> name = unescaped(entry.name);
@@ -242,31 +259,36 @@ std::optional<ListEntry> parseLine(std::string line) {
   return entry;
 }
 
-const Algorithm* algorithmForLength(std::size_t length) {
-  for (const Algorithm& a : kAlgorithms)
-    if (a.hexLength == length) return &a;
+bool endsWith(const std::string& text, std::string_view end) {
+  return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
+// The kind of an untagged line, told by its length: 16 hex digits are xxh64
+// and 32 are MD5, unless the list's name says xxh3 or xxh128 (as xxhsum's
+// lists are named).
+const Kind* kindForLength(std::size_t length, const std::string& listFile) {
+  if (length == 16) return kindNamed(endsWith(listFile, ".xxh3") ? "xxh3" : "xxh64");
+  if (length == 32) return kindNamed(endsWith(listFile, ".xxh128") ? "xxh128" : "md5");
+  for (const Kind& k : kKinds)
+    if (k.hexLength == length) return &k;
   return nullptr;
 }
 
-int hashFiles(const Algorithm& algorithm, const std::vector<std::string>& files,
-              const std::shared_ptr<Progress>& progress) {
+int hashFiles(const Kind& kind, const std::vector<std::string>& files, bool tag,
+              Progress& progress) {
   ListOutput output;
   int status = 0;
   for (const std::string& file : files) {
-    const std::optional<std::string> digest = digestOfFile(algorithm.kind, file, progress, file);
-    if (digest) {
-      output.digestLine(*digest, file);
-    } else {
-      std::fprintf(stderr, "kd hash: %s: not hashed\n", file.c_str());
+    if (const std::optional<std::string> digest = digestOfFile(kind, file, progress))
+      output.digestLine(kind, *digest, file, tag);
+    else
       status = 1;
-    }
   }
   if (!output.flush()) status = 1;
   return status;
 }
 
-int checkList(const Algorithm* named, const std::string& listFile,
-              const std::shared_ptr<Progress>& progress) {
+int checkList(const Kind* named, const std::string& listFile, Progress& progress) {
   std::ifstream file;
   std::istream* in = &std::cin;
   if (listFile != "-") {
@@ -279,26 +301,31 @@ int checkList(const Algorithm* named, const std::string& listFile,
   }
   ListOutput output;
   unsigned mismatched = 0, unreadable = 0, malformed = 0, checked = 0, lineNumber = 0;
+  bool guessed = false;  // a line of 16 or 32 digits that failed as xxh64 or MD5
   for (std::string line; std::getline(*in, line);) {
     ++lineNumber;
+    if (!line.empty() && line.back() == '\r') line.pop_back();  // a list from Windows
     if (line.empty()) continue;
     std::optional<ListEntry> entry = parseLine(line);
-    const Algorithm* algorithm =
-        entry ? (named ? named : algorithmForLength(entry->digest.size())) : nullptr;
-    if (!entry || !algorithm || entry->digest.size() != algorithm->hexLength) {
-      std::fprintf(stderr, "kd hash: %s: line %u is not a checksum line\n", listFile.c_str(),
-                   lineNumber);
+    const Kind* kind = !entry        ? nullptr
+                       : entry->kind ? entry->kind
+                       : named       ? named
+                                     : kindForLength(entry->digest.size(), listFile);
+    if (!entry || !kind || entry->digest.size() != kind->hexLength ||
+        (named && entry->kind && named != entry->kind)) {
+      std::fprintf(stderr, "kd hash: %s: line %u is not a checksum line%s\n", listFile.c_str(),
+                   lineNumber, named ? (std::string(" of ") + named->name).c_str() : "");
       ++malformed;
       continue;
     }
     ++checked;
-    const std::optional<std::string> digest =
-        digestOfFile(algorithm->kind, entry->name, progress, entry->name);
+    const std::optional<std::string> digest = digestOfFile(*kind, entry->name, progress);
     if (!digest) {
       ++unreadable;
       output.line(entry->name, ": FAILED open or read");
     } else if (*digest != entry->digest) {
       ++mismatched;
+      guessed = guessed || (!named && !entry->kind && kind->hexLength <= 32);
       output.line(entry->name, ": FAILED");
     } else {
       output.line(entry->name, ": OK");
@@ -311,6 +338,11 @@ int checkList(const Algorithm* named, const std::string& listFile,
   }
   if (mismatched)
     std::fprintf(stderr, "kd hash: %u file(s) did not match their checksum\n", mismatched);
+  if (guessed)
+    std::fputs(
+        "kd hash: lines of 16 or 32 hex digits were taken as xxh64 or MD5; if the list holds "
+        "xxh3 or xxh128 digests, say so with --hash\n",
+        stderr);
   if (unreadable) std::fprintf(stderr, "kd hash: %u file(s) could not be read\n", unreadable);
   if (malformed) std::fprintf(stderr, "kd hash: %u line(s) were not understood\n", malformed);
   if (checked == 0 && malformed == 0)
@@ -319,47 +351,55 @@ int checkList(const Algorithm* named, const std::string& listFile,
 }
 
 void setupHash(CLI::App& app) {
-  auto* cmd = app.add_subcommand("hash", "Print or check MD5, SHA-1, SHA-256 or SHA-512 digests");
+  auto* cmd = app.add_subcommand("hash", "Print or check digests of files (MD5, SHA, xxHash)");
+  static std::string kindName;
   static bool flags[4] = {};
+  static bool tag = false;
   static std::string listFile;
   static std::vector<std::string> files;
-  std::vector<CLI::Option*> options;
-  for (std::size_t i = 0; i < 4; ++i) {
-    const Algorithm& a = kAlgorithms[i];
-    options.push_back(
-        cmd->add_flag(std::string("--") + a.flag, flags[i],
-                      std::string(a.label) + " digests" + (i == 0 ? " (the default)" : "")));
-  }
-  for (auto* o : options)
-    for (auto* other : options)
+  std::vector<CLI::Option*> kindOptions;
+  std::vector<std::string> names;
+  for (const Kind& k : kKinds) names.push_back(k.name);
+  kindOptions.push_back(cmd->add_option("--hash", kindName,
+                                        "The digest: md5 (the default), sha1, sha256, sha512, "
+                                        "xxh64, xxh3 or xxh128")
+                            ->check(CLI::IsMember(names)));
+  for (std::size_t i = 0; i < 4; ++i)
+    kindOptions.push_back(cmd->add_flag(std::string("--") + kKinds[i].name, flags[i],
+                                        std::string("The same as --hash ") + kKinds[i].name));
+  for (auto* o : kindOptions)
+    for (auto* other : kindOptions)
       if (o != other) o->excludes(other);
+  cmd->add_flag("--tag", tag, "Print \"KIND (FILE) = DIGEST\" lines (xxh3 always does)");
   auto* checkOpt = cmd->add_option("-c,--check", listFile,
                                    "Check the files of a checksum list (\"-\": standard input)");
-  auto* filesOpt = cmd->add_option("FILE", files, "Files to hash");
+  auto* filesOpt = cmd->add_option("FILE", files, "Files to hash (none or \"-\": standard input)");
   checkOpt->excludes(filesOpt);
   cmd->footer(
-      "Prints one line per file, \"DIGEST  FILE\", that md5sum -c, sha1sum -c, sha256sum -c\n"
-      "and sha512sum -c accept. With -c, reads such a list and prints \"FILE: OK\" or\n"
-      "\"FILE: FAILED\" per line; without a digest flag each line's digest is told by its\n"
-      "length. Exits 1 when any file differs or cannot be read, or when a line of the list\n"
-      "is not understood. On a terminal, files from 100 MiB show a progress line on\n"
-      "standard error. Example: kd hash --sha1 A001.mov > list && kd hash -c list");
+      "Prints one line per file, \"DIGEST  FILE\", that md5sum -c, sha1sum -c,\n"
+      "sha256sum -c, sha512sum -c and (for xxh64 and xxh128) xxhsum -c accept; with\n"
+      "--tag, and always for xxh3, \"KIND (FILE) = DIGEST\" lines as the BSD tools and\n"
+      "xxhsum --tag write them. With -c, reads such a list (of either form, from any\n"
+      "of those tools) and prints \"FILE: OK\" or \"FILE: FAILED\" per line. Without\n"
+      "--hash, an untagged line's kind is told by its length: 16 hex digits are\n"
+      "xxh64 and 32 are MD5, unless the list's name ends in .xxh3 or .xxh128. Exits 1\n"
+      "when any file differs or cannot be read, or when a line of the list is not\n"
+      "understood. On a terminal, files from 100 MiB show a progress line on standard\n"
+      "error. Example: kd hash --hash xxh64 A001.mov > list && kd hash -c list");
   cmd->callback([checkOpt] {
-    const Algorithm* named = nullptr;
+    const Kind* named = kindName.empty() ? nullptr : kindNamed(kindName);
     for (std::size_t i = 0; i < 4; ++i)
-      if (flags[i]) named = &kAlgorithms[i];
-    if (checkOpt->count() == 0 && files.empty()) {
-      std::fputs("kd hash: name at least one FILE, or a list with -c (see kd hash --help)\n",
-                 stderr);
-      kd::tool::exitWith(2);
-    }
-    // The hashes report read errors to the application log: give them one
-    // ("kd.1.log") where this user has a log folder.
+      if (flags[i]) named = &kKinds[i];
+    // Read errors of the library's parts go to the application log: give them
+    // one ("kd.1.log") where this user has a log folder.
     if (KdLocalPaths::logDirectory(true)) KdLog::createNewLog(std::string("kd"));
-    const auto progress = std::make_shared<Progress>(::isatty(STDERR_FILENO) == 1);
-    const int status = checkOpt->count() > 0
-                           ? checkList(named, listFile, progress)
-                           : hashFiles(named ? *named : kAlgorithms[0], files, progress);
+    Progress progress(::isatty(STDERR_FILENO) == 1);
+    if (files.empty()) files.push_back("-");
+    const Kind& kind = named ? *named : kKinds[0];
+    const int status =
+        checkOpt->count() > 0
+            ? checkList(named, listFile, progress)
+            : hashFiles(kind, files, tag || kind.name == std::string("xxh3"), progress);
     KdLog::finishWriting();
     if (status != 0) kd::tool::exitWith(status);
   });
