@@ -3,6 +3,16 @@
 # installs under /usr) get files that point at the programs actually installed.
 include(GNUInstallDirs)
 
+# What goes in which Debian package (cmake/KdPackage.cmake): the programs with
+# their service files and documentation (the default), the shared library, and
+# its development files.
+set(KD_COMPONENT_PROGRAMS programs)
+set(KD_COMPONENT_LIBRARY library)
+set(KD_COMPONENT_DEV development)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME ${KD_COMPONENT_PROGRAMS})
+# The Debian revision of the packages (dist/debian/changelog.in).
+set(KD_DEBIAN_RELEASE 1)
+
 # Whether CMAKE_INSTALL_SYSCONFDIR was given (on the command line or in the
 # cache before GNUInstallDirs set its default): then it decides where the
 # autostart entry goes, else the convention of the prefix does.
@@ -34,22 +44,34 @@ endif()
 # bash-completion's folder, relative to the prefix likewise.
 set(KD_BASH_COMPLETION_DIR "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
 
-# kd_install_configured(TEMPLATE OUTPUT DESTINATION [COMPONENT c]): installs
-# TEMPLATE, configured at install time (@KD_FULL_BINDIR@, @KD_PREFIX@, ...), as
-# DESTINATION/OUTPUT. DESTINATION is relative to the prefix, absolute, or
-# AUTOSTART for the XDG autostart folder.
+# kd_install_configured(TEMPLATE OUTPUT DESTINATION [COMPONENT c] [COMPRESS]):
+# installs TEMPLATE, configured at install time (@KD_FULL_BINDIR@, @KD_PREFIX@,
+# ...), as DESTINATION/OUTPUT (OUTPUT.gz with COMPRESS). DESTINATION is relative
+# to the prefix, absolute, AUTOSTART for the XDG autostart folder, POLKIT for
+# polkit's actions or ZSH_COMPLETION for zsh's completion functions.
 function(kd_install_configured template output destination)
+  cmake_parse_arguments(K "COMPRESS" "COMPONENT" "" ${ARGN})
+  if(NOT K_COMPONENT)
+    set(K_COMPONENT ${KD_COMPONENT_PROGRAMS})
+  endif()
   set(code "")
   foreach(name BINDIR LIBDIR INCLUDEDIR DATADIR DOCDIR MANDIR SYSCONFDIR)
     string(APPEND code "set(KD_DIR_${name} [==[${CMAKE_INSTALL_${name}}]==])\n")
   endforeach()
+  if(K_COMPRESS)
+    set(compress TRUE)
+  else()
+    set(compress FALSE)
+  endif()
   string(APPEND code
          "set(KD_TEMPLATE [==[${template}]==])\n"
          "set(KD_OUTPUT [==[${output}]==])\n"
          "set(KD_DESTINATION [==[${destination}]==])\n"
+         "set(KD_COMPRESS ${compress})\n"
          "set(KD_SYSCONFDIR_DEFAULT ${KD_SYSCONFDIR_DEFAULT})\n"
          "set(KD_VERSION [==[${PROJECT_VERSION}]==])\n"
+         "set(KD_DEBIAN_RELEASE [==[${KD_DEBIAN_RELEASE}]==])\n"
          "set(KD_WORK_DIR [==[${PROJECT_BINARY_DIR}/install-configured]==])\n"
          "include([==[${PROJECT_SOURCE_DIR}/cmake/KdInstallConfigured.cmake]==])\n")
-  install(CODE "${code}")
+  install(CODE "${code}" COMPONENT ${K_COMPONENT})
 endfunction()

@@ -37,16 +37,20 @@ target_include_directories(kd_shared PUBLIC
   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/kd>)
 add_library(Kd::Kd ALIAS kd_shared)
 
+# The library itself (libKd.so.1 and the file it names) goes to the library's
+# package, the link-time name libKd.so to the development package.
 install(TARGETS kd_shared EXPORT KdTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
-        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${KD_COMPONENT_LIBRARY}
+                NAMELINK_COMPONENT ${KD_COMPONENT_DEV}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${KD_COMPONENT_DEV}
+        RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${KD_COMPONENT_LIBRARY})
 
 # Headers keep their folders: <kd/log/KdLog.h>, and the headers' own includes
 # ("common/Path.h") resolve through include/kd. Platform implementations and
 # test hooks are not part of the interface.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kd
+        COMPONENT ${KD_COMPONENT_DEV}
         FILES_MATCHING PATTERN "*.h"
         PATTERN "linux" EXCLUDE
         PATTERN "macos" EXCLUDE
@@ -54,13 +58,13 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/
         PATTERN "FerrimoHelper.h" EXCLUDE)
 
 set(KD_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Kd)
-install(EXPORT KdTargets NAMESPACE Kd:: DESTINATION ${KD_CMAKE_DIR})
+install(EXPORT KdTargets NAMESPACE Kd:: DESTINATION ${KD_CMAKE_DIR} COMPONENT ${KD_COMPONENT_DEV})
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/KdConfig.cmake.in
                               ${PROJECT_BINARY_DIR}/KdConfig.cmake
                               INSTALL_DESTINATION ${KD_CMAKE_DIR})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/KdConfigVersion.cmake
                                  COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/KdConfig.cmake ${PROJECT_BINARY_DIR}/KdConfigVersion.cmake
-        DESTINATION ${KD_CMAKE_DIR})
+        DESTINATION ${KD_CMAKE_DIR} COMPONENT ${KD_COMPONENT_DEV})
 kd_install_configured(${PROJECT_SOURCE_DIR}/cmake/kd.pc.in kd.pc
-                      ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+                      ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT ${KD_COMPONENT_DEV})

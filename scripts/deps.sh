@@ -5,12 +5,13 @@
 # dependencies (CPack with dpkg-shlibdeps); dbus-daemon, python3-dbus and
 # python3-gi: the mount agent's scope test (a private user bus). libglib2.0-bin
 # (gio), gvfs (its trash back end), unzip and xxhash (xxhsum): the trash and archive tests read
-# what the library writes with the desktop's own tools (not linked). The python3-*
+# what the library writes with the desktop's own tools (not linked). lintian:
+# Debian's checks of the packages; zsh: the zsh completion's test. The python3-*
 # packages run the ASC MHL reference tool of the hash-list interop tests.
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
           libplist-dev libssl-dev libarchive-dev libmount-dev libblkid-dev libcli11-dev libsystemd-dev
-          libpam0g-dev libxxhash-dev libgtest-dev libgmock-dev libbenchmark-dev
+          libpam0g-dev libxxhash-dev libgtest-dev libgmock-dev libbenchmark-dev lintian zsh
           util-linux passwd sudo procps libxml2-utils exfatprogs exfat-fuse xxhash python3
           systemd desktop-file-utils man-db file dpkg-dev
           dbus-daemon python3-dbus python3-gi libglib2.0-bin gvfs unzip

@@ -2,8 +2,15 @@
 #include "auth/KdAuthorization.h"
 
 #include <sys/stat.h>
+#if defined(__GLIBC__)
+#include <dlfcn.h>
+#include <link.h>
+#endif
 
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
 
 #include "common/Path.h"
 #include "log/KdLog.h"
@@ -38,6 +45,29 @@ bool isTrustworthyHelper(const std::string& path) {
          ::access(path.c_str(), X_OK) == 0 &&
          ::stat(kd::path::deletingLastComponent(path).c_str(), &folder) == 0 &&
          (folder.st_mode & 022) == 0;
+}
+
+// Where the installed co-process lies relative to the shared library that holds
+// this code: its folder, then the way from the library folder to the program
+// folder (both as installed, so that the pair holds for any prefix). None when
+// this code is linked into the program itself.
+std::optional<std::string> besideInstalledLibrary(const char* name) {
+#if defined(__GLIBC__) && defined(KD_BINDIR_FROM_LIBDIR)
+  Dl_info info{};
+  link_map* object = nullptr;
+  if (::dladdr1(reinterpret_cast<const void*>(&isTrustworthyHelper), &info,
+                reinterpret_cast<void**>(&object), RTLD_DL_LINKMAP) == 0 ||
+      !object || !object->l_name || object->l_name[0] != '/')
+    return std::nullopt;  // the program's own code ("" names the program)
+  char library[PATH_MAX];
+  if (!::realpath(object->l_name, library)) return std::nullopt;
+  // Lexically, so that the name stays the one polkit's action was written for.
+  std::filesystem::path folder = std::filesystem::path(library).parent_path();
+  return (folder / KD_BINDIR_FROM_LIBDIR / name).lexically_normal().string();
+#else
+  (void)name;
+  return std::nullopt;
+#endif
 }
 
 }  // namespace
@@ -120,14 +150,18 @@ bool KdAuthorization::canAuthorize() {
 
 KdAuthorization::OptString KdAuthorization::privilegedHelperPath() {
   static constexpr char kName[] = "kd-privileged";
-  if (auto self = kd::platform().mainBundle().executablePath) {
-    std::string beside = kd::path::append(kd::path::deletingLastComponent(*self), kName);
-    if (isTrustworthyHelper(beside)) return beside;
+  std::vector<std::string> candidates;
+  // Beside the running program, then where the library is installed from, then
+  // in the program folder of the running program's installation (../bin).
+  auto self = kd::platform().mainBundle().executablePath;
+  if (self) candidates.push_back(kd::path::append(kd::path::deletingLastComponent(*self), kName));
+  if (auto installed = besideInstalledLibrary(kName)) candidates.push_back(*installed);
+  if (self) {
+    std::string prefix = kd::path::deletingLastComponent(kd::path::deletingLastComponent(*self));
+    candidates.push_back(kd::path::append(prefix, std::string("bin/") + kName));
   }
-#ifdef KD_INSTALL_BINDIR
-  std::string installed = kd::path::append(KD_INSTALL_BINDIR, kName);
-  if (isTrustworthyHelper(installed)) return installed;
-#endif
+  for (const std::string& candidate : candidates)
+    if (isTrustworthyHelper(candidate)) return candidate;
   return std::nullopt;
 }
 

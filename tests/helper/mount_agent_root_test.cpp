@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <sstream>
 #include <thread>
@@ -294,4 +296,37 @@ TEST(MountAgentRoot, FiftyQuickMountsStartOneRunEach) {
   EXPECT_EQ(countOf(log, ": the helper (pid "), countOf(log, ": started the helper"))
       << "every run's end is reported:\n"
       << log;
+}
+
+// With the desktop set to never start programs on media insertion (a stand-in
+// gsettings says so), a card starts no helper run, and the journal says why;
+// the login run still records the session's start.
+TEST(MountAgentRoot, AutorunNeverStartsNothingForACard) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting a tmpfs needs root";
+  TempDir dir;
+  const std::string record = dir / "runs";
+  const std::string appDir = dir.mkdir("Ferrimo.app");
+  const std::string helper =
+      dir.touch("FerrimoHelper", "#!/bin/sh\necho \"$*\" >> '" + record + "'\n");
+  chmod(helper.c_str(), 0755);
+  const std::string tools = dir.mkdir("tools");
+  const std::string gsettings = dir.touch("tools/gsettings", "#!/bin/sh\necho true\n");
+  chmod(gsettings.c_str(), 0755);
+  const char* path = std::getenv("PATH");
+  MediaMount card;
+
+  Agent agent(dir, helper, appDir, {"PATH=" + tools + ":" + (path ? path : "/usr/bin:/bin")});
+  ASSERT_TRUE(agent.started());
+  ASSERT_EQ(waitForLines(record, 1, 5000).size(), 1u);
+  ASSERT_TRUE(card.mount()) << strerror(errno);
+  const std::string errPath = dir / "stderr";
+  EXPECT_TRUE(waitForText(errPath,
+                          "new removable volume " + card.target() +
+                              ": the desktop is set to never start programs on media insertion "
+                              "(autorun-never): Ferrimo is not started",
+                          5000))
+      << readFile(errPath);
+  ASSERT_TRUE(card.unmount());
+  agent.stop();
+  EXPECT_EQ(lines(record), std::vector<std::string>{"-setup"}) << "only the login run";
 }

@@ -176,10 +176,19 @@ int MountAgent::run(int stopFd) {
       // mounts would rotate the helper's logs away and could start Ferrimo
       // again for a card that is still mounted.
       for (const auto& m : newMounts(known, table)) {
-        if (isRemovableMedia(m))
+        if (!isRemovableMedia(m)) {
+          if (options_.verbose)
+            report(Priority::Info, "new mount %s is not removable media: ignored",
+                   m.target.c_str());
+        } else if (options_.autorunNever && options_.autorunNever()) {
+          // The user's choice for every program on insertion, Ferrimo included.
+          report(Priority::Notice,
+                 "new removable volume %s: the desktop is set to never start programs on "
+                 "media insertion (autorun-never): Ferrimo is not started",
+                 m.target.c_str());
+        } else {
           enqueue({}, "new removable volume " + m.target);
-        else if (options_.verbose)
-          report(Priority::Info, "new mount %s is not removable media: ignored", m.target.c_str());
+        }
       }
       known = keysOf(table);
     }

@@ -31,6 +31,10 @@ struct Options {
   // Start each run through this executable's "--in-scope" trampoline (empty:
   // run the helper directly, inside the agent's own control group).
   std::string trampoline;
+  // Asked for every new removable volume: true when the desktop is set to
+  // never start programs on media insertion; then no helper run starts.
+  // Empty: never set.
+  std::function<bool()> autorunNever;
 };
 
 // How the agent tells mounts apart. The kernel hands a freed mount id to the

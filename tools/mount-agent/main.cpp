@@ -14,6 +14,7 @@
 #include <iostream>
 
 #include "Journal.h"
+#include "MediaHandling.h"
 #include "MountAgent.h"
 #include "Scope.h"
 #include "common/Path.h"
@@ -99,17 +100,19 @@ int main(int argc, char** argv) {
   app.add_flag("--no-scope", noScope,
                "Run the helper inside the agent's own control group instead of a scope of "
                "its own from the systemd user manager");
+  app.set_version_flag("--version", "ferrimo-mount-agent " KD_VERSION);
   app.add_flag("-v,--verbose", options.verbose,
                "Also report the mounts that are not removable media (and start nothing)");
   try {
     app.parse(argc, argv);
-  } catch (const CLI::CallForHelp& e) {
+  } catch (const CLI::Success& e) {  // --help, --version
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     std::cerr << "ferrimo-mount-agent: " << e.what() << " (see --help)" << std::endl;
     return 2;
   }
   options.runSetup = !noSetup;
+  options.autorunNever = kd::agent::autorunNever;
   if (!noScope) options.trampoline = "/proc/self/exe";
 
   std::string lockError;
