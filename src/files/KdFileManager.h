@@ -313,8 +313,9 @@ class KdFileManager {
   static bool isVolumeMountedForPath(const std::string& path);
   // As above with the prefix "/Volumes/", so "/VolumesX/a" counts as outside.
   static bool isDriveMountedForPath(const std::string& path);
-  // The mounted local volume that holds the path; "/" for a path outside any
-  // volume, none for a path under "/Volumes" whose volume is not mounted.
+  // The innermost mounted local volume that holds the path (the longest mount
+  // point); "/" for a path outside any volume, none for a path under
+  // "/Volumes" whose volume is not mounted.
   static std::optional<std::string> volumeMountPointForPath(const std::string& path);
   // The disk information of the volume mounted at `mountPoint`; none when
   // nothing is mounted exactly there.
