@@ -27,7 +27,10 @@ bool KdFileManager::isVolumeMountedForPath(const std::string& path) {
 }
 
 bool KdFileManager::isDriveMountedForPath(const std::string& path) {
-  return volumeFolderExists(path, "/Volumes/");
+  // The platform's own drive folders (on Linux /media/<user>/<name> and the
+  // like) must be mount points as well.
+  return volumeFolderExists(path, "/Volumes/") &&
+         kd::platform().volumes().isDriveFolderMounted(path);
 }
 
 std::optional<std::string> KdFileManager::volumeMountPointForPath(const std::string& path) {

@@ -92,7 +92,7 @@ class VolumesPlatform : public FakeMacPlatform {
     }
   };
   Volumes& volumes() override { return volumes_; }
-  FakeVolumes volumes_{nativePlatform().volumes()};
+  FakeVolumes volumes_{FakeMacPlatform::volumes()};
 };
 
 TEST(VolumeRules, OnTheMacOSFake) {
