@@ -248,11 +248,35 @@ const Algorithm* algorithmForLength(std::size_t length) {
   return nullptr;
 }
 
+// Whether the file can be opened for reading as a file; says why not
+// ("kd hash: X: No such file or directory") when it cannot. The library's
+// own message for a file it cannot open speaks of a destination file, which
+// means nothing here.
+bool readable(const std::string& path) {
+  kd::UniqueFd fd(kd::retryOnEintr(
+      [&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }));
+  struct stat st {};
+  int err = 0;
+  if (!fd)
+    err = errno;
+  else if (::fstat(fd.get(), &st) != 0)
+    err = errno;
+  else if (S_ISDIR(st.st_mode))
+    err = EISDIR;
+  if (err == 0) return true;
+  std::fprintf(stderr, "kd hash: %s: %s\n", path.c_str(), std::strerror(err));
+  return false;
+}
+
 int hashFiles(const Algorithm& algorithm, const std::vector<std::string>& files,
               const std::shared_ptr<Progress>& progress) {
   ListOutput output;
   int status = 0;
   for (const std::string& file : files) {
+    if (!readable(file)) {
+      status = 1;
+      continue;
+    }
     const std::optional<std::string> digest = digestOfFile(algorithm.kind, file, progress, file);
     if (digest) {
       output.digestLine(*digest, file);
@@ -293,7 +317,8 @@ int checkList(const Algorithm* named, const std::string& listFile,
     }
     ++checked;
     const std::optional<std::string> digest =
-        digestOfFile(algorithm->kind, entry->name, progress, entry->name);
+        readable(entry->name) ? digestOfFile(algorithm->kind, entry->name, progress, entry->name)
+                              : std::nullopt;
     if (!digest) {
       ++unreadable;
       output.line(entry->name, ": FAILED open or read");
