@@ -135,7 +135,8 @@ TEST_F(VolumesRoot, ExfatCardImage) {
 
 // What createDirectory does under the drive folders: /media/kd/CARD,
 // /media/USB, /run/media/kd/CARD and /mnt/CARD are mounted; GONE is not there
-// and LEFT is a plain folder left behind; CARD/link points at GONE.
+// and LEFT is a plain folder left behind; CARD/link points at GONE. The last
+// rows run with a drive mounted straight at /mnt.
 constexpr struct {
   const char* path;
   bool made;
@@ -154,26 +155,35 @@ constexpr struct {
     {"/run/media/kd/GONE/Backup", false},
     {"/mnt/CARD/Backup", true},
     {"/mnt/GONE/Backup", false},
+    {"/mnt/Backup", true},  // with a drive at /mnt
 };
 constexpr int kNoNamespace = 77;
 
-// Runs the cases in a mount namespace of its own, with tmpfs over /media,
-// /run and /mnt, so that nothing is seen by the machine or lands on its disk.
-int driveFoldersChild(const std::vector<std::string>&) {
-  if (::unshare(CLONE_NEWNS) != 0 ||
-      ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-    return kNoNamespace;
-  auto tmpfs = [](const char* at) { return ::mount("tmpfs", at, "tmpfs", 0, "size=1m") == 0; };
-  for (const char* root : {"/media", "/run", "/mnt"})
-    if (!tmpfs(root)) return kNoNamespace;
+// Runs the cases in a mount namespace of its own, inside a tmpfs as its root
+// (given as the argument), so that nothing is seen by the machine or lands on
+// its disk, and /media and /mnt are plain folders as they usually are.
+int driveFoldersChild(const std::vector<std::string>& args) {
+  const std::string root = args.at(0);
+  auto tmpfs = [](const std::string& at) {
+    return ::mount("tmpfs", at.c_str(), "tmpfs", 0, "size=1m") == 0;
+  };
   std::error_code ec;
+  if (::unshare(CLONE_NEWNS) != 0 ||
+      ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 || !tmpfs(root) ||
+      !fs::create_directories(root + "/proc", ec) ||
+      ::mount("/proc", (root + "/proc").c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0 ||
+      ::chroot(root.c_str()) != 0 || ::chdir("/") != 0)
+    return kNoNamespace;
   fs::create_directories("/media/kd/LEFT", ec);
+  fs::create_directories("/run", ec);
+  if (!tmpfs("/run")) return kNoNamespace;  // nested mounts, as on a desktop
   for (const char* card : {"/media/kd/CARD", "/media/USB", "/run/media/kd/CARD", "/mnt/CARD"})
     if (!fs::create_directories(card, ec) || !tmpfs(card)) return kNoNamespace;
   fs::create_directory_symlink("/media/kd/GONE", "/media/kd/CARD/link", ec);
 
   int failures = 0;
   for (const auto& c : kDriveFolderCases) {
+    if (std::string_view(c.path) == "/mnt/Backup" && !tmpfs("/mnt")) return kNoNamespace;
     if (KdFileManager::createDirectory(c.path, false) == c.made) continue;
     std::printf("%s: %s\n", c.path, c.made ? "refused" : "made");
     ++failures;
@@ -195,8 +205,8 @@ KD_CHILD_MODE("drive-folders", driveFoldersChild);
 
 TEST_F(VolumesRoot, CreateDirectoryRefusesDriveFoldersWithoutTheirDrive) {
   const std::string out = dir_ / "out";
-  const int rc =
-      run({selfExecutable(), "--kd-child", "drive-folders"}, {.out = out, .err = dir_ / "err"});
+  const int rc = run({selfExecutable(), "--kd-child", "drive-folders", dir_.mkdir("root")},
+                     {.out = out, .err = dir_ / "err"});
   if (rc == kNoNamespace) GTEST_SKIP() << "no mount namespace of our own here";
   EXPECT_EQ(rc, 0) << readFile(out);
 }

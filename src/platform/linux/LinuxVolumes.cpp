@@ -92,7 +92,7 @@ class MountPoints {
 // Whether the drive folder that `stack` (the components below "/") ends at,
 // if it ends at one, is mounted: /media/<user>/<name> (or a drive mounted
 // straight at /media/<name>, as older systems do), /run/media/<user>/<name>
-// or /mnt/<name>.
+// or /mnt/<name> (or a drive mounted at /mnt itself, by hand).
 bool driveFolderMounted(const std::vector<std::string>& stack, MountPoints& mounts) {
   auto upTo = [&](std::size_t n) {
     std::string folder;
@@ -102,7 +102,7 @@ bool driveFolderMounted(const std::vector<std::string>& stack, MountPoints& moun
   const std::size_t n = stack.size();
   if (stack[0] == "media" && n == 3) return mounts.has(upTo(3)) || mounts.has(upTo(2));
   if (stack[0] == "run" && n == 4 && stack[1] == "media") return mounts.has(upTo(4));
-  if (stack[0] == "mnt" && n == 2) return mounts.has(upTo(2));
+  if (stack[0] == "mnt" && n == 2) return mounts.has(upTo(2)) || mounts.has(upTo(1));
   return true;
 }
 
