@@ -311,10 +311,13 @@ class KdFileManager {
   // Volume rules by path text (see docs/files.md). A path outside "/Volumes"
   // counts as mounted; one inside counts when its volume folder exists.
   static bool isVolumeMountedForPath(const std::string& path);
-  // As above with the prefix "/Volumes/", so "/VolumesX/a" counts as outside.
+  // As above with the prefix "/Volumes/", so "/VolumesX/a" counts as outside;
+  // and every drive folder of the platform on the way must be a mount point
+  // (Volumes::isDriveFolderMounted).
   static bool isDriveMountedForPath(const std::string& path);
-  // The mounted local volume that holds the path; "/" for a path outside any
-  // volume, none for a path under "/Volumes" whose volume is not mounted.
+  // The innermost mounted local volume that holds the path (the longest mount
+  // point); "/" for a path outside any volume, none for a path under
+  // "/Volumes" whose volume is not mounted.
   static std::optional<std::string> volumeMountPointForPath(const std::string& path);
   // The disk information of the volume mounted at `mountPoint`; none when
   // nothing is mounted exactly there.

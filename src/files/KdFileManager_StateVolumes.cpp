@@ -27,16 +27,25 @@ bool KdFileManager::isVolumeMountedForPath(const std::string& path) {
 }
 
 bool KdFileManager::isDriveMountedForPath(const std::string& path) {
-  return volumeFolderExists(path, "/Volumes/");
+  // The platform's own drive folders (on Linux /media/<user>/<name> and the
+  // like) must be mount points as well.
+  return volumeFolderExists(path, "/Volumes/") &&
+         kd::platform().volumes().isDriveFolderMounted(path);
 }
 
 std::optional<std::string> KdFileManager::volumeMountPointForPath(const std::string& path) {
-  for (const auto& volume : kd::platform().volumes().mountedLocalVolumePaths()) {
-    if (volume == "/") continue;
+  // Mounts nest (a card under /run/media/<user> inside a tmpfs /run): the
+  // innermost mount that holds the path, the longest mount point, is its
+  // volume. Of equal ones the first listed wins.
+  const std::string* best = nullptr;
+  const auto volumes = kd::platform().volumes().mountedLocalVolumePaths();
+  for (const auto& volume : volumes) {
+    if (volume == "/" || (best && volume.size() <= best->size())) continue;
     if (path == volume ||
         (startsWith(path, volume) && path.size() > volume.size() && path[volume.size()] == '/'))
-      return volume;
+      best = &volume;
   }
+  if (best) return *best;
   if (startsWith(path, "/Volumes")) return std::nullopt;  // a volume that is not mounted
   return std::string("/");                                // the start-up volume
 }

@@ -80,6 +80,20 @@ std::optional<std::shared_ptr<const Inside>> enter(const Candidate& folder) {
   return std::make_shared<const Inside>(Inside{st.st_dev, st.st_ino, folder.inside});
 }
 
+// The chain of `path`, reached from a folder (whose chain is `inside`) by a
+// literal "." or "..": the pattern itself steps back to a folder the search
+// is inside, which is no link loop. Its chain is then that folder's own: cut
+// at the folder, so that going on from there is allowed. A ".." out of a
+// folder reached through a link leads elsewhere; it keeps the chain.
+std::shared_ptr<const Inside> steppedBack(const std::string& path,
+                                          const std::shared_ptr<const Inside>& inside) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return inside;
+  for (const Inside* f = inside.get(); f; f = f->outer.get())
+    if (f->dev == st.st_dev && f->ino == st.st_ino) return f->outer;
+  return inside;
+}
+
 std::vector<std::string> expand(const std::string& pattern,
                                 const std::optional<std::string>& basePath) {
   if (pattern.find('*') == std::string::npos) {
@@ -93,6 +107,7 @@ std::vector<std::string> expand(const std::string& pattern,
       next.push_back({start, nullptr});
     } else {
       const bool wildcard = component.find('*') != std::string::npos;
+      const bool stepsBack = component == "." || component == "..";
       std::vector<std::string> found;
       for (const Candidate& folder : candidates) {
         auto inside = enter(folder);
@@ -104,7 +119,10 @@ std::vector<std::string> expand(const std::string& pattern,
           std::string joined = kd::path::append(folder.path, component);
           if (existsAt(joined)) found.push_back(std::move(joined));
         }
-        for (auto& path : found) next.push_back({std::move(path), *inside});
+        for (auto& path : found) {
+          auto chain = stepsBack ? steppedBack(path, *inside) : *inside;
+          next.push_back({std::move(path), std::move(chain)});
+        }
       }
     }
     candidates = std::move(next);

@@ -67,6 +67,13 @@ void printToStdout(std::string_view text) {
   std::fflush(stdout);
 }
 
+// Whether the log's own troubles are printed (KdLog::setPrintsOwnTroubles).
+std::atomic<bool> gPrintsOwnTroubles{true};
+
+void printTrouble(std::string_view text) {
+  if (gPrintsOwnTroubles.load(std::memory_order_relaxed)) printToStdout(text);
+}
+
 // Length in UTF-16 code units, the unit the queue's counter and the
 // short-line rule count in.
 std::size_t utf16Length(std::string_view s) {
@@ -343,8 +350,8 @@ void KdLog::Impl::writeLine(const std::string& text, std::size_t units) {
   }
   if (!fd && !openCurrentLog()) {
     if (!disabled.load()) {
-      printToStdout(kd::format("Unable to log the following information: %s\n", text));
-      printToStdout("Unable to open log for output\n");
+      printTrouble(kd::format("Unable to log the following information: %s\n", text));
+      printTrouble("Unable to open log for output\n");
     }
     bytesInQueue.fetch_sub(units);
     return;
@@ -375,7 +382,7 @@ void KdLog::Impl::writePending() {
     if (n <= 0) {
       // The lines of this chunk are lost; they stay counted as queued.
       if (!disabled.load())
-        printToStdout(kd::format("Exception writing to log: %s\n", std::strerror(errno)));
+        printTrouble(kd::format("Exception writing to log: %s\n", std::strerror(errno)));
       const std::size_t written = pending.size() - rest.size();
       if (written > 0) lineTorn = pending[written - 1] != '\n';
       pending.clear();
@@ -400,7 +407,7 @@ void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
     kd::PlistDict global =
         kd::readPlistDictionaryOrEmpty(kd::path::append(*prefs, kGlobalPrefsFile));
     if (kd::plistFlagIsSet(global, "disable-logging")) {
-      printToStdout("Logging is disabled\n");
+      printTrouble("Logging is disabled\n");
       disabled.store(true);
       return;
     }
@@ -424,7 +431,7 @@ void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
   struct stat folderStat {};
   if (!folder || !kd::createFolders(*folder, 0700, owner) ||
       (owner && (::stat(folder->c_str(), &folderStat) != 0 || folderStat.st_uid != owner->uid))) {
-    printToStdout(kd::format("Unable to create folder %s.\n", folder));
+    printTrouble(kd::format("Unable to create folder %s.\n", folder));
     return;
   }
 
@@ -440,7 +447,7 @@ void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
       const std::string to = kd::format("%@/%@.%li.log", *folder, appName, i + 1);
       // A move never replaces a file (the .5 file may have refused to go).
       if (pathExists(to) || ::rename(from.c_str(), to.c_str()) != 0) {
-        printToStdout(kd::format("Unable to move file %s to %s.\n", from, to));
+        printTrouble(kd::format("Unable to move file %s to %s.\n", from, to));
         return;
       }
     }
@@ -449,7 +456,7 @@ void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
   std::string error;
   if (!current) error = "no log folder";
   if (!current || !kd::writeFileAtomically(*current, "", &error, kd::ownerForUserPath(*current))) {
-    printToStdout(kd::format("Unable to create log file %s - %s\n", current, error));
+    printTrouble(kd::format("Unable to create log file %s - %s\n", current, error));
     return;
   }
   int f = kd::retryOnEintr(
@@ -545,6 +552,10 @@ void KdLog::createNewLog(std::optional<std::string> name) {
     if (log.impl_.ended) return;
   }
   log.impl_.postAndWait([&log, name] { log.impl_.createNewLog(name); });
+}
+
+void KdLog::setPrintsOwnTroubles(bool print) {
+  gPrintsOwnTroubles.store(print, std::memory_order_relaxed);
 }
 
 void KdLog::finishWriting() {

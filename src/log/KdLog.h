@@ -57,6 +57,11 @@ class KdLog {
   static std::string escapeTextForLogging(std::string_view text);
   // The existing <appName>.1.log to .5.log of the user's log folder, newest first.
   static std::vector<std::string> availableLogs();
+  // Whether the log prints its own troubles on stdout ("Unable to log the
+  // following information: ...", "Unable to create folder ...", "Logging is
+  // disabled"); on by default. A command-line front-end that reports failures
+  // in its own words turns it off where the log is no concern of its user.
+  static void setPrintsOwnTroubles(bool print);
   // Waits until everything queued before the call is written; returns at once
   // on the writer thread.
   static void finishWriting();

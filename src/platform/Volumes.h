@@ -41,6 +41,16 @@ class Volumes {
   // the keys of macOS's disk information ("VolumeName", "FilesystemType",
   // "TotalSize", ...); none when nothing is mounted there.
   virtual std::optional<PlistDict> diskInfoForMountPoint(const std::string& mountPoint) = 0;
+
+  // Whether every drive folder that `path` passes through is mounted. A drive
+  // folder is one in which the system mounts a drive by its name; when the
+  // drive is unplugged the folder is missing or is a plain folder on the
+  // start-up disk, and a folder made there would not be on the drive. True
+  // for a path through no drive folder. macOS's "/Volumes/<name>" is a text
+  // rule of KdFileManager and no business of this call (macOS answers true);
+  // Linux checks /media/<user>/<name>, /run/media/<user>/<name> and
+  // /mnt/<name> (docs/platform.md).
+  virtual bool isDriveFolderMounted(const std::string& path) = 0;
 };
 
 class ForwardingVolumes : public Volumes {
@@ -52,6 +62,9 @@ class ForwardingVolumes : public Volumes {
   }
   std::optional<PlistDict> diskInfoForMountPoint(const std::string& mountPoint) override {
     return target_.diskInfoForMountPoint(mountPoint);
+  }
+  bool isDriveFolderMounted(const std::string& path) override {
+    return target_.isDriveFolderMounted(path);
   }
 
  protected:

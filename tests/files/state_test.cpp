@@ -88,11 +88,11 @@ class VolumesPlatform : public FakeMacPlatform {
   struct FakeVolumes : ForwardingVolumes {
     using ForwardingVolumes::ForwardingVolumes;
     std::vector<std::string> mountedLocalVolumePaths() override {
-      return {"/", "/Volumes/Card", "/Volumes/Card 2"};
+      return {"/", "/Volumes/Card", "/Volumes/Card 2", "/run", "/run/media/bob/CARD"};
     }
   };
   Volumes& volumes() override { return volumes_; }
-  FakeVolumes volumes_{nativePlatform().volumes()};
+  FakeVolumes volumes_{FakeMacPlatform::volumes()};
 };
 
 TEST(VolumeRules, OnTheMacOSFake) {
@@ -105,6 +105,8 @@ TEST(VolumeRules, OnTheMacOSFake) {
       {"/Volumes/Card/DCIM", "/Volumes/Card"},
       {"/Volumes/Card", "/Volumes/Card"},
       {"/Volumes/Card 2/x", "/Volumes/Card 2"},
+      {"/run/media/bob/CARD/DCIM", "/run/media/bob/CARD"},  // the inner of nested mounts
+      {"/run/media/bob/CARDX", "/run"},
       {"/Volumes/CardX", std::nullopt},
       {"/Volumes/Card X/a", std::nullopt},
       {"/Volumes", std::nullopt},

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <pwd.h>
+#include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -17,6 +18,7 @@
 #include "FilesFixture.h"
 #include "ScopedMount.h"
 #include "support/ChildMode.h"
+#include "support/Process.h"
 #include "tasks/KdTaskEx.h"
 
 namespace fs = std::filesystem;
@@ -129,6 +131,84 @@ TEST_F(VolumesRoot, ExfatCardImage) {
   EXPECT_FALSE(FM::isFileLocked(clip));
   EXPECT_EQ(logged(), Lines{"Unable to unlock file " + clip + ": Operation not supported"});
   EXPECT_EQ(FM::fileSize(m.point()), 7u);
+}
+
+// What createDirectory does under the drive folders: /media/kd/CARD,
+// /media/USB, /run/media/kd/CARD and /mnt/CARD are mounted; GONE is not there
+// and LEFT is a plain folder left behind; CARD/link points at GONE. The last
+// rows run with a drive mounted straight at /mnt.
+constexpr struct {
+  const char* path;
+  bool made;
+} kDriveFolderCases[] = {
+    {"/media/kd/CARD/Backup", true},
+    {"/media/kd/CARD", true},
+    {"/media/USB/Backup", true},  // a drive mounted straight under /media
+    {"/media/kd2", true},         // no drive folder
+    {"/media/kd/GONE/Backup", false},
+    {"/media/kd/GONE", false},
+    {"/media/kd/LEFT/Backup", false},
+    {"/media/kd/CARD/../GONE/Backup", false},
+    {"/media/kd/GONE/..", false},
+    {"/media/kd/CARD/link/Backup", false},
+    {"/run/media/kd/CARD/Backup", true},
+    {"/run/media/kd/GONE/Backup", false},
+    {"/mnt/CARD/Backup", true},
+    {"/mnt/GONE/Backup", false},
+    {"/mnt/Backup", true},  // with a drive at /mnt
+};
+constexpr int kNoNamespace = 77;
+
+// Runs the cases in a mount namespace of its own, inside a tmpfs as its root
+// (given as the argument), so that nothing is seen by the machine or lands on
+// its disk, and /media and /mnt are plain folders as they usually are.
+int driveFoldersChild(const std::vector<std::string>& args) {
+  const std::string root = args.at(0);
+  auto tmpfs = [](const std::string& at) {
+    return ::mount("tmpfs", at.c_str(), "tmpfs", 0, "size=1m") == 0;
+  };
+  std::error_code ec;
+  if (::unshare(CLONE_NEWNS) != 0 ||
+      ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 || !tmpfs(root) ||
+      !fs::create_directories(root + "/proc", ec) ||
+      ::mount("/proc", (root + "/proc").c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0 ||
+      ::chroot(root.c_str()) != 0 || ::chdir("/") != 0)
+    return kNoNamespace;
+  fs::create_directories("/media/kd/LEFT", ec);
+  fs::create_directories("/run", ec);
+  if (!tmpfs("/run")) return kNoNamespace;  // nested mounts, as on a desktop
+  for (const char* card : {"/media/kd/CARD", "/media/USB", "/run/media/kd/CARD", "/mnt/CARD"})
+    if (!fs::create_directories(card, ec) || !tmpfs(card)) return kNoNamespace;
+  fs::create_directory_symlink("/media/kd/GONE", "/media/kd/CARD/link", ec);
+
+  int failures = 0;
+  for (const auto& c : kDriveFolderCases) {
+    if (std::string_view(c.path) == "/mnt/Backup" && !tmpfs("/mnt")) return kNoNamespace;
+    if (KdFileManager::createDirectory(c.path, false) == c.made) continue;
+    std::printf("%s: %s\n", c.path, c.made ? "refused" : "made");
+    ++failures;
+  }
+  for (const char* gone : {"/media/kd/GONE", "/media/kd/LEFT/Backup", "/run/media/kd/GONE"}) {
+    if (!fs::exists(gone, ec)) continue;
+    std::printf("%s was made on the disk below\n", gone);
+    ++failures;
+  }
+  // Nested mounts: the card, not the tmpfs /run it lies in.
+  const auto point = KdFileManager::volumeMountPointForPath("/run/media/kd/CARD/DCIM");
+  if (point != "/run/media/kd/CARD") {
+    std::printf("the card's mount point is %s\n", point.value_or("none").c_str());
+    ++failures;
+  }
+  return failures == 0 ? 0 : 1;
+}
+KD_CHILD_MODE("drive-folders", driveFoldersChild);
+
+TEST_F(VolumesRoot, CreateDirectoryRefusesDriveFoldersWithoutTheirDrive) {
+  const std::string out = dir_ / "out";
+  const int rc = run({selfExecutable(), "--kd-child", "drive-folders", dir_.mkdir("root")},
+                     {.out = out, .err = dir_ / "err"});
+  if (rc == kNoNamespace) GTEST_SKIP() << "no mount namespace of our own here";
+  EXPECT_EQ(rc, 0) << readFile(out);
 }
 
 bool immutable(const std::string& path) {

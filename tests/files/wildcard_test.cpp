@@ -72,6 +72,13 @@ TEST_F(WildcardTree, ExpandsLevelByLevel) {
       {"/*/hs_param.bin", vol, hsParams},
       {vol.substr(1) + "/sub/*", {}, {vol + "/sub/hs_param.bin"}},  // no base: from "/"
       {vol + "/*/hs_param.bi?", {}, {}},  // "?" is literal on a level without "*"
+      // A literal ".." or "." steps back, once per candidate; no link loop.
+      {vol + "/CONTENTS/*/../CLIPS001/*",
+       {},
+       {vol + "/CONTENTS/CLIPS001/../CLIPS001/C0001", vol + "/CONTENTS/CLIPS001/../CLIPS001/C0002",
+        vol + "/CONTENTS/CLIPS002/../CLIPS001/C0001",
+        vol + "/CONTENTS/CLIPS002/../CLIPS001/C0002"}},
+      {vol + "/sub/./*", {}, {vol + "/sub/./hs_param.bin"}},
       // Without "*" the pattern comes back as it is, existing or not.
       {"x/????.mov", {}, {"x/????.mov"}},
       {"x/????.mov", tmp.path(), {missing}},

@@ -88,6 +88,34 @@ TEST(KdToolOutput, RunStatusesAndMessagesOnStandardError) {
   }
 }
 
+// A failure is told once, in kd's words: not in the library's wording for
+// another operation, and without the log's own troubles (as root with nobody
+// at the console there is no user log to write to).
+TEST(KdToolOutput, FailuresAreToldOnceInPlainWords) {
+  kd::test::TempDir dir;
+  dir.touch("file");
+  const std::string missing = dir / "missing", file = dir / "file";
+  const std::string list = dir.touch("list", std::string(32, '0') + "  " + missing + "\n");
+  struct Case {
+    std::vector<std::string> args;
+    std::string out, err;
+  } cases[] = {
+      {{"hash", missing}, "", "kd hash: " + missing + ": No such file or directory\n"},
+      {{"hash", "--sha256", dir.path()}, "", "kd hash: " + dir.path() + ": Is a directory\n"},
+      {{"hash", "--check", list},
+       missing + ": FAILED open or read\n",
+       "kd hash: " + missing +
+           ": No such file or directory\nkd hash: 1 file(s) could not be read\n"},
+      {{"mkdir", "--no-auth", file + "/sub"}, "", "kd mkdir: " + file + "/sub: Not a directory\n"},
+  };
+  for (const Case& c : cases) {
+    Result r = runKd(dir, c.args);
+    EXPECT_EQ(r.status, 1) << c.args[0];
+    EXPECT_EQ(r.out, c.out) << c.args[0];
+    EXPECT_EQ(r.err, c.err) << c.args[0];
+  }
+}
+
 TEST(KdToolOutput, RelativeMatchStartsInTheCurrentFolderAndNullEndsRecords) {
   kd::test::TempDir dir;
   const std::string cwd = dir.mkdir("cwd");

@@ -54,6 +54,9 @@ class FakeMacPlatform : public ForwardingPlatform {
   // No media are mounted and nothing runs: the fake never asks the machine.
   std::vector<std::string> mountedRemovableMedia() override { return {}; }
   bool isApplicationRunning(std::string_view) override { return false; }
+  // The machine's volumes, but no drive folders of its own: on macOS the
+  // "/Volumes" text rule alone decides whether a drive is mounted.
+  Volumes& volumes() override { return volumes_; }
 
  private:
   template <class Field, class Value>
@@ -62,6 +65,11 @@ class FakeMacPlatform : public ForwardingPlatform {
     field = std::forward<Value>(value);
   }
   static constexpr char kRootHome[] = "/var/root";
+  struct MacVolumes : ForwardingVolumes {
+    using ForwardingVolumes::ForwardingVolumes;
+    bool isDriveFolderMounted(const std::string&) override { return true; }
+  };
+  MacVolumes volumes_{nativePlatform().volumes()};
   mutable std::mutex mu_;
   std::uint32_t uid_ = 501;
   std::string user_ = "bob";

@@ -17,9 +17,10 @@ void setupMkdir(CLI::App& app) {
   kd::tool::addRightsOptions(cmd, rights, true);
   cmd->footer(
       "Creates each folder PATH with its missing parents. A path under an unmounted\n"
-      "volume (/Volumes/NAME that does not exist) is refused. Where the user lacks\n"
-      "the rights, kd asks for a password unless --no-auth is given. Exits 1 when any\n"
-      "PATH failed.");
+      "volume is refused: /Volumes/NAME that does not exist, or a drive folder\n"
+      "(/media/USER/NAME, /run/media/USER/NAME, /mnt/NAME) that is no mount point.\n"
+      "Where the user lacks the rights, kd asks for a password unless --no-auth is\n"
+      "given. Exits 1 when any PATH failed.");
   cmd->callback([] {
     kd::tool::openCommandLog();
     bool allDone = true;

@@ -3,6 +3,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "log/KdLog.h"
 
 namespace kd::tool {
 std::vector<CommandSetup>& commands() {
@@ -53,6 +54,11 @@ int runCommand(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   kd::tool::separateDataFromMessages();
+  // kd says what failed in its own words. The log's troubles with itself
+  // ("Unable to log the following information: ..." for every line, as root
+  // with nobody at the console where there is no user log at all) are no
+  // failure of the command and would repeat the library's wording.
+  KdLog::setPrintsOwnTroubles(false);
   const int status = runCommand(argc, argv);
   // Data that did not reach its reader makes the command fail, unless it has
   // already failed for a reason of its own.

@@ -5,7 +5,10 @@
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <memory>
+#include <set>
 
 #include "common/Path.h"
 #include "platform/linux/BlockDevices.h"
@@ -64,6 +67,82 @@ std::string fileSystemType(const std::string& type) {
 // fuse mounts name their kind of mount, not the file system ("fuseblk").
 bool isFuseType(const std::string& type) {
   return type == "fuseblk" || type == "fuse" || type.rfind("fuse.", 0) == 0;
+}
+
+// The mount points of the mount table, read on first need; one check.
+class MountPoints {
+ public:
+  // Whether `folder`, its links resolved, is a mount point.
+  bool has(const std::string& folder) {
+    std::unique_ptr<char, decltype(&std::free)> real(::realpath(folder.c_str(), nullptr),
+                                                     std::free);
+    if (!real) return false;
+    if (!read_) {
+      for (auto& m : readMountTable()) targets_.insert(std::move(m.target));
+      read_ = true;
+    }
+    return targets_.count(real.get()) > 0;
+  }
+
+ private:
+  bool read_ = false;
+  std::set<std::string> targets_;
+};
+
+// Whether the drive folder that `stack` (the components below "/") ends at,
+// if it ends at one, is mounted: /media/<user>/<name> (or a drive mounted
+// straight at /media/<name>, as older systems do), /run/media/<user>/<name>
+// or /mnt/<name> (or a drive mounted at /mnt itself, by hand).
+bool driveFolderMounted(const std::vector<std::string>& stack, MountPoints& mounts) {
+  auto upTo = [&](std::size_t n) {
+    std::string folder;
+    for (std::size_t i = 0; i < n; ++i) folder += "/" + stack[i];
+    return folder;
+  };
+  const std::size_t n = stack.size();
+  if (stack[0] == "media" && n == 3) return mounts.has(upTo(3)) || mounts.has(upTo(2));
+  if (stack[0] == "run" && n == 4 && stack[1] == "media") return mounts.has(upTo(4));
+  if (stack[0] == "mnt" && n == 2) return mounts.has(upTo(2)) || mounts.has(upTo(1));
+  return true;
+}
+
+// Walks an absolute path as the kernel would make its folders one by one,
+// taking "." and ".." as they come, and checks every drive folder on the way:
+// "/media/u/CARD/../GONE" and "/media/u/GONE/.." both pass through GONE.
+bool driveFoldersMountedAlong(const std::string& path, MountPoints& mounts) {
+  std::vector<std::string> stack;
+  for (const std::string& part : path::components(path)) {
+    if (part == "/" || part == "." || part.empty()) continue;
+    if (part == "..") {
+      if (!stack.empty()) stack.pop_back();
+      continue;
+    }
+    stack.push_back(part);
+    if (!driveFolderMounted(stack, mounts)) return false;
+  }
+  return true;
+}
+
+// The deepest existing part of `path` with its links resolved, followed by
+// the rest as written; none when a part cannot be looked at (the text alone
+// then decides).
+std::optional<std::string> resolvedPath(const std::string& path) {
+  std::string existing = path.empty() ? std::string(".") : path;
+  std::vector<std::string> rest;
+  for (;;) {
+    std::unique_ptr<char, decltype(&std::free)> real(::realpath(existing.c_str(), nullptr),
+                                                     std::free);
+    if (real) {
+      std::string out(real.get());
+      for (auto it = rest.rbegin(); it != rest.rend(); ++it) out = path::append(out, *it);
+      return out;
+    }
+    if ((errno != ENOENT && errno != ENOTDIR) || existing == "/" || existing == ".")
+      return std::nullopt;
+    rest.push_back(path::lastComponent(existing));
+    std::string parent = path::deletingLastComponent(existing);
+    existing = parent.empty() ? std::string(1, '.') : std::move(parent);
+  }
 }
 
 }  // namespace
@@ -133,6 +212,15 @@ class LinuxVolumes final : public Volumes {
       info["Ejectable"] = false;
     }
     return info;
+  }
+
+  // Both the path as written and where its links lead: a link into an empty
+  // drive folder is refused as much as the folder itself.
+  bool isDriveFolderMounted(const std::string& path) override {
+    MountPoints mounts;
+    if (!path.empty() && path[0] == '/' && !driveFoldersMountedAlong(path, mounts)) return false;
+    const std::optional<std::string> real = resolvedPath(path);
+    return !real || driveFoldersMountedAlong(*real, mounts);
   }
 };
 
