@@ -86,7 +86,9 @@ class KdAuthorization {
   // standard folders and anything that holds one of them, judged on the path
   // with trailing slashes removed, "." and ".." resolved and the links of its
   // parent folders followed (and the path's own link when a trailing slash
-  // makes tools follow it).
+  // makes tools follow it). A path that goes below /proc, /sys or /dev on the
+  // way (/proc/self/cwd/..., a link to /dev/fd) is protected too: its links
+  // lead elsewhere in the process that acts on it.
   static bool isProtectedTarget(const std::string& path);
 
   // Where the co-process is looked for: beside the running program, then
@@ -121,6 +123,14 @@ class KdAuthorization {
   static OptString absolutePath(const std::string& path);
   // Refuses a protected path with `message` in the system log.
   bool refuses(const std::string& path, const char* message);
+  // Whether `path` goes below /proc, /sys or /dev on the way (see
+  // isProtectedTarget); true when it cannot be made absolute.
+  static bool reachesKernelTrees(const std::string& path);
+  // The user's and the machine's key folders, as written and resolved.
+  static std::vector<std::string> protectedKeyFolders();
+  // Removes an absolute path with rights, judged again and removed through
+  // descriptors where it is removed (the co-process, or this root process).
+  bool removeWithRights(const std::string& absolute);
   bool trashInto(const std::string& source, bool deleteOnRootAccount);
 
   mutable std::mutex mutex_;

@@ -60,6 +60,9 @@ struct PrivilegeOpening {
   int error = 0;  // the system's error number for StartFailed
 };
 
+// The tool name of the co-process's own guarded removal (not a path).
+inline constexpr char kGuardedRemove[] = "kd:remove";
+
 class PrivilegeService {
  public:
   virtual ~PrivilegeService() = default;
@@ -77,6 +80,12 @@ class PrivilegeService {
   virtual PrivilegeOpening openInteractively(const std::string& helperPath) = 0;
   // Starts the co-process with the rights the process already has.
   virtual PrivilegeOpening openInherited(const std::string& helperPath) = 0;
+  // Removes `path` (absolute) with the process's own rights as the
+  // co-process removes it: refused (EPERM) when where it really is counts as
+  // protected (system places and `keys`), a link removed and never followed,
+  // the tree removed through descriptors. 0 when gone or never there,
+  // otherwise the system's error number.
+  virtual int removeGuarded(const std::string& path, const std::vector<std::string>& keys) = 0;
 };
 
 // Forwards every call to another service; fakes derive from it.
@@ -96,6 +105,9 @@ class ForwardingPrivilegeService : public PrivilegeService {
   }
   PrivilegeOpening openInherited(const std::string& helperPath) override {
     return target_.openInherited(helperPath);
+  }
+  int removeGuarded(const std::string& path, const std::vector<std::string>& keys) override {
+    return target_.removeGuarded(path, keys);
   }
 
  private:

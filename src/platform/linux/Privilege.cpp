@@ -14,6 +14,7 @@
 #include <optional>
 #include <thread>
 
+#include "platform/linux/GuardedRemove.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/LinuxPrivilege.h"
 #include "platform/linux/PrivilegedWire.h"
@@ -21,6 +22,8 @@
 extern char** environ;
 
 namespace kd {
+
+static_assert(std::string_view(kGuardedRemove) == wire::kRemove);
 
 namespace {
 
@@ -383,6 +386,10 @@ PrivilegeOpening LinuxPrivilege::openInteractively(const std::string& helperPath
 
 PrivilegeOpening LinuxPrivilege::openInherited(const std::string& helperPath) {
   return start({helperPath}, nullptr, config_.passwordStartTimeoutMs, config_.requireRoot);
+}
+
+int LinuxPrivilege::removeGuarded(const std::string& path, const std::vector<std::string>& keys) {
+  return guarded::removePath(path, keys);
 }
 
 PrivilegeService& LinuxPlatform::privilege() {
