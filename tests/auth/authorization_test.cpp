@@ -167,6 +167,7 @@ TEST(KdAuthorizationGuard, ProtectedTargetsAreJudgedWhereTheyLead) {
   ScopedPlatform scoped(identity);
   ::symlink("/usr", (work + "/usr-link").c_str());
   ::symlink(home.c_str(), (work + "/home-link").c_str());
+  ::symlink("/proc/self/cwd", (work + "/magic").c_str());
 
   for (const auto& [path, protectedTarget] : std::vector<std::pair<std::string, bool>>{
            {"/", true},
@@ -194,6 +195,12 @@ TEST(KdAuthorizationGuard, ProtectedTargetsAreJudgedWhereTheyLead) {
            {work, false},
            {"/usr/share/doc/x", false},
            {"/usr/local/share/x", false},
+           // Links of the kernel's trees lead elsewhere in the co-process.
+           {"/proc/self/cwd" + work + "/x", true},
+           {"/proc/thread-self/cwd" + work + "/x", true},
+           {"/dev/fd/3/x", true},
+           {work + "/magic" + work + "/x", true},
+           {work + "/magic", false},  // the link itself
            {"", true},
        }) {
     EXPECT_EQ(KdAuthorization::isProtectedTarget(path), protectedTarget) << path;
