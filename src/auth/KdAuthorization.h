@@ -116,7 +116,8 @@ class KdAuthorization {
   // The launcher, waiting for the tool: the exit status as an int32, or
   // -1 / -2 / the start error.
   std::int32_t runWaiting(const std::string& tool, const std::vector<std::string>& arguments);
-  // Moves without replacing anything; true when the item is at its new place.
+  // Moves without replacing anything (a rename judged where it is made, mv
+  // across file systems); true when the item is at its new place.
   bool moveFile(const std::string& source, const std::string& destination);
   // The path made absolute against the working folder (the co-process works
   // in "/"); none when the working folder is unknown.

@@ -100,6 +100,20 @@ bool KdAuthorization::authRemoveFile(const std::string& path) {
 }
 
 bool KdAuthorization::moveFile(const std::string& source, const std::string& destination) {
+  // Renamed where it is judged, through descriptors, when both lie on one
+  // file system; mv copies across file systems.
+  const std::vector<std::string> keys = protectedKeyFolders();
+  int renamed = EPERM;
+  if (KdLocalPaths::isRoot()) {
+    renamed = kd::platform().privilege().renameGuarded(source, destination, keys);
+  } else if (std::shared_ptr<kd::PrivilegedChannel> channel = session()) {
+    std::vector<std::string> arguments{source, destination};
+    arguments.insert(arguments.end(), keys.begin(), keys.end());
+    kd::PrivilegedRun run = channel->run(kd::kGuardedRename, arguments, true);
+    if (run.status == -1) liveChannel();  // drops the session when the co-process has gone
+    renamed = run.status == 0 ? run.exitStatus : EPERM;
+  }
+  if (renamed != EXDEV) return renamed == 0;
   // Never onto something that is there, and never into a folder of the
   // destination's name. mv -n reports success when it skips: look.
   return runWaiting(kMv, {"-n", "-T", "--", source, destination}) == 0 && mayExist(destination) &&

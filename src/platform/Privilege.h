@@ -60,8 +60,10 @@ struct PrivilegeOpening {
   int error = 0;  // the system's error number for StartFailed
 };
 
-// The tool name of the co-process's own guarded removal (not a path).
+// The tool names of the co-process's own guarded removal and renaming (not
+// paths).
 inline constexpr char kGuardedRemove[] = "kd:remove";
+inline constexpr char kGuardedRename[] = "kd:rename";
 
 class PrivilegeService {
  public:
@@ -86,6 +88,10 @@ class PrivilegeService {
   // the tree removed through descriptors. 0 when gone or never there,
   // otherwise the system's error number.
   virtual int removeGuarded(const std::string& path, const std::vector<std::string>& keys) = 0;
+  // Renames as the co-process renames: the source judged as for
+  // removeGuarded, nothing replaced (EEXIST), EXDEV across file systems.
+  virtual int renameGuarded(const std::string& source, const std::string& destination,
+                            const std::vector<std::string>& keys) = 0;
 };
 
 // Forwards every call to another service; fakes derive from it.
@@ -108,6 +114,10 @@ class ForwardingPrivilegeService : public PrivilegeService {
   }
   int removeGuarded(const std::string& path, const std::vector<std::string>& keys) override {
     return target_.removeGuarded(path, keys);
+  }
+  int renameGuarded(const std::string& source, const std::string& destination,
+                    const std::vector<std::string>& keys) override {
+    return target_.renameGuarded(source, destination, keys);
   }
 
  private:

@@ -333,6 +333,10 @@ TEST_F(AsAdmin, RightPassword) {
 
 TEST_F(AsAdmin, RightPasswordWithoutAsking) {
   auto auth = Access::make(false);
+  // sudo reads a password up to its line end: one that holds a line end is
+  // refused whole, at once, rather than handed over in part.
+  EXPECT_FALSE(auth->authStartWithUser(user_, password_ + "\n" + password_));
+  EXPECT_FALSE(auth->isAuthorized());
   ASSERT_TRUE(auth->authStartWithUser(user_, password_));
   EXPECT_EQ(auth->authExecTask("/bin/sh", {"-c", "test \"$(id -u)\" = 0"}, false), 0);
   const int pid = Access::coProcessId(*auth);

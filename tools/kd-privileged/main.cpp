@@ -5,8 +5,9 @@
 // answers on its standard output; see platform/linux/PrivilegedWire.h. Only
 // requests that carry the session's secret (agreed at the start, over those
 // pipes) are served: any other ends it. Each request names a tool by absolute
-// path and its arguments, or asks for the guarded removal of a path (judged
-// here, where it is removed; see platform/linux/GuardedRemove.h); a tool is started
+// path and its arguments, or asks for the guarded removal or renaming of a
+// path (judged here, where it is changed; see platform/linux/GuardedFiles.h).
+// A tool is started
 // with posix_spawn (never through a shell), with its input on the null device,
 // a fixed environment and no other descriptor. A waited-for run returns the
 // tool's exit status and its (bounded) output.
@@ -33,7 +34,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/GuardedRemove.h"
+#include "platform/linux/GuardedFiles.h"
 #include "platform/linux/PrivilegedWire.h"
 
 namespace {
@@ -201,13 +202,16 @@ bool serve(const wire::Request& request) {
   wire::Reply reply;
   const std::string& tool = request.argv.front();
   struct stat st {};
-  if (tool == wire::kRemove) {
-    if (request.argv.size() < 2) {
+  if (tool == wire::kRemove || tool == wire::kRename) {
+    const bool rename = tool == wire::kRename;
+    const std::size_t paths = rename ? 2 : 1;
+    if (request.argv.size() < 1 + paths) {
       reply.status = EINVAL;
     } else {
-      const std::vector<std::string> keys(request.argv.begin() + 2, request.argv.end());
+      const std::vector<std::string> keys(request.argv.begin() + 1 + paths, request.argv.end());
       reply.status = 0;
-      reply.exitStatus = kd::guarded::removePath(request.argv[1], keys);
+      reply.exitStatus = rename ? kd::guarded::renamePath(request.argv[1], request.argv[2], keys)
+                                : kd::guarded::removePath(request.argv[1], keys);
     }
   } else if (tool.empty() || tool.front() != '/') {
     reply.status = EINVAL;

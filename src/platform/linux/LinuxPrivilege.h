@@ -50,6 +50,8 @@ class LinuxPrivilege final : public PrivilegeService {
   PrivilegeOpening openInteractively(const std::string& helperPath) override;
   PrivilegeOpening openInherited(const std::string& helperPath) override;
   int removeGuarded(const std::string& path, const std::vector<std::string>& keys) override;
+  int renameGuarded(const std::string& source, const std::string& destination,
+                    const std::vector<std::string>& keys) override;
 
  private:
   Config config_;

@@ -14,7 +14,7 @@
 #include <optional>
 #include <thread>
 
-#include "platform/linux/GuardedRemove.h"
+#include "platform/linux/GuardedFiles.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/LinuxPrivilege.h"
 #include "platform/linux/PrivilegedWire.h"
@@ -24,6 +24,7 @@ extern char** environ;
 namespace kd {
 
 static_assert(std::string_view(kGuardedRemove) == wire::kRemove);
+static_assert(std::string_view(kGuardedRename) == wire::kRename);
 
 namespace {
 
@@ -390,6 +391,11 @@ PrivilegeOpening LinuxPrivilege::openInherited(const std::string& helperPath) {
 
 int LinuxPrivilege::removeGuarded(const std::string& path, const std::vector<std::string>& keys) {
   return guarded::removePath(path, keys);
+}
+
+int LinuxPrivilege::renameGuarded(const std::string& source, const std::string& destination,
+                                  const std::vector<std::string>& keys) {
+  return guarded::renamePath(source, destination, keys);
 }
 
 PrivilegeService& LinuxPlatform::privilege() {

@@ -48,6 +48,9 @@ inline constexpr std::size_t kSecretBytes = 32;
 // descriptors where it runs (argv: kRemove, the path, then folders that the
 // caller protects besides the system's).
 inline constexpr char kRemove[] = "kd:remove";
+// Likewise its own renaming without replacing (argv: kRename, the source, the
+// destination, then the caller's protected folders).
+inline constexpr char kRename[] = "kd:rename";
 
 // `n` random bytes from the kernel; none when it cannot give them (never a
 // weaker substitute: they guard a session of root's rights).
