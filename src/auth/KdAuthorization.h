@@ -12,7 +12,10 @@
 // authorized, -2 tool missing, otherwise the system's). Every path reaches a
 // tool after "--", and the destructive commands refuse system folders twice:
 // by the literal guard of KdLocalPaths and by a check of where the path
-// really leads (`isProtectedTarget`).
+// really leads (`isProtectedTarget`). Removing and renaming are then judged a
+// third time where they happen (the co-process, or this root process) and
+// done through descriptors, so that a path whose links lead elsewhere there,
+// or change after the check, cannot make them act outside it.
 //
 // Ownership: one instance per process (`sharedController`), created on first
 // use under a lock and never destroyed; it owns the co-process. Threads: every

@@ -254,6 +254,7 @@ PrivilegeOpening start(const std::vector<std::string>& argv, std::string* passwo
   }
   Launched child = launch(argv);
   if (child.pid == 0) {
+    wipe(*secret);
     if (password) wipe(*password);
     opening.failure = PrivilegeFailure::StartFailed;
     opening.error = child.error;
