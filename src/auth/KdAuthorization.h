@@ -12,7 +12,10 @@
 // authorized, -2 tool missing, otherwise the system's). Every path reaches a
 // tool after "--", and the destructive commands refuse system folders twice:
 // by the literal guard of KdLocalPaths and by a check of where the path
-// really leads (`isProtectedTarget`).
+// really leads (`isProtectedTarget`). Removing and renaming are then judged a
+// third time where they happen (the co-process, or this root process) and
+// done through descriptors, so that a path whose links lead elsewhere there,
+// or change after the check, cannot make them act outside it.
 //
 // Ownership: one instance per process (`sharedController`), created on first
 // use under a lock and never destroyed; it owns the co-process. Threads: every
@@ -86,7 +89,9 @@ class KdAuthorization {
   // standard folders and anything that holds one of them, judged on the path
   // with trailing slashes removed, "." and ".." resolved and the links of its
   // parent folders followed (and the path's own link when a trailing slash
-  // makes tools follow it).
+  // makes tools follow it). A path that goes below /proc, /sys or /dev on the
+  // way (/proc/self/cwd/..., a link to /dev/fd) is protected too: its links
+  // lead elsewhere in the process that acts on it.
   static bool isProtectedTarget(const std::string& path);
 
   // Where the co-process is looked for: beside the running program, then
@@ -114,13 +119,22 @@ class KdAuthorization {
   // The launcher, waiting for the tool: the exit status as an int32, or
   // -1 / -2 / the start error.
   std::int32_t runWaiting(const std::string& tool, const std::vector<std::string>& arguments);
-  // Moves without replacing anything; true when the item is at its new place.
+  // Moves without replacing anything (a rename judged where it is made, mv
+  // across file systems); true when the item is at its new place.
   bool moveFile(const std::string& source, const std::string& destination);
   // The path made absolute against the working folder (the co-process works
   // in "/"); none when the working folder is unknown.
   static OptString absolutePath(const std::string& path);
   // Refuses a protected path with `message` in the system log.
   bool refuses(const std::string& path, const char* message);
+  // Whether `path` goes below /proc, /sys or /dev on the way (see
+  // isProtectedTarget); true when it cannot be made absolute.
+  static bool reachesKernelTrees(const std::string& path);
+  // The user's and the machine's key folders, as written and resolved.
+  static std::vector<std::string> protectedKeyFolders();
+  // Removes an absolute path with rights, judged again and removed through
+  // descriptors where it is removed (the co-process, or this root process).
+  bool removeWithRights(const std::string& absolute);
   bool trashInto(const std::string& source, bool deleteOnRootAccount);
 
   mutable std::mutex mutex_;

@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr char kRm[] = "/bin/rm";
 constexpr char kMv[] = "/bin/mv";
 constexpr char kCp[] = "/bin/cp";
 constexpr char kMkdir[] = "/bin/mkdir";
@@ -80,13 +79,41 @@ std::int32_t KdAuthorization::runWaiting(const std::string& tool,
   return authExecTask(tool, arguments, /*async=*/false);
 }
 
+bool KdAuthorization::removeWithRights(const std::string& absolute) {
+  // The place is judged again where the removal happens: a path's links may
+  // lead elsewhere there, or change between this check and that one.
+  const std::vector<std::string> keys = protectedKeyFolders();
+  if (KdLocalPaths::isRoot()) return kd::platform().privilege().removeGuarded(absolute, keys) == 0;
+  std::shared_ptr<kd::PrivilegedChannel> channel = session();
+  if (!channel) return false;
+  std::vector<std::string> arguments{absolute};
+  arguments.insert(arguments.end(), keys.begin(), keys.end());
+  kd::PrivilegedRun run = channel->run(kd::kGuardedRemove, arguments, true);
+  if (run.status == -1) liveChannel();  // drops the session when the co-process has gone
+  return run.status == 0 && run.exitStatus == 0;
+}
+
 bool KdAuthorization::authRemoveFile(const std::string& path) {
   if (refuses(path, kRefuseDelete)) return false;
   OptString target = absolutePath(path);
-  return target && runWaiting(kRm, {"-Rdf", "--", *target}) == 0;
+  return target && removeWithRights(*target);
 }
 
 bool KdAuthorization::moveFile(const std::string& source, const std::string& destination) {
+  // Renamed where it is judged, through descriptors, when both lie on one
+  // file system; mv copies across file systems.
+  const std::vector<std::string> keys = protectedKeyFolders();
+  int renamed = EPERM;
+  if (KdLocalPaths::isRoot()) {
+    renamed = kd::platform().privilege().renameGuarded(source, destination, keys);
+  } else if (std::shared_ptr<kd::PrivilegedChannel> channel = session()) {
+    std::vector<std::string> arguments{source, destination};
+    arguments.insert(arguments.end(), keys.begin(), keys.end());
+    kd::PrivilegedRun run = channel->run(kd::kGuardedRename, arguments, true);
+    if (run.status == -1) liveChannel();  // drops the session when the co-process has gone
+    renamed = run.status == 0 ? run.exitStatus : EPERM;
+  }
+  if (renamed != EXDEV) return renamed == 0;
   // Never onto something that is there, and never into a folder of the
   // destination's name. mv -n reports success when it skips: look.
   return runWaiting(kMv, {"-n", "-T", "--", source, destination}) == 0 && mayExist(destination) &&
@@ -103,6 +130,8 @@ bool KdAuthorization::authMoveFile(const OptString& source, const OptString& des
     return false;
   }
   if (refuses(*source, kRefuseMove)) return false;
+  // A destination through the kernel's links would be another place for mv.
+  if (reachesKernelTrees(*destination)) return false;
   OptString from = absolutePath(*source), to = absolutePath(*destination);
   if (!from || !to || !mayExist(*from) || mayExist(*to)) return false;
   return moveFile(*from, *to);
@@ -117,6 +146,9 @@ bool KdAuthorization::authCopyFile(const OptString& source, const OptString& des
     systemLog("Error in authCopyFile: new path is null");
     return false;
   }
+  // Not judged by the guard, but a path through the kernel's links would
+  // name another place for cp than the one looked at here.
+  if (reachesKernelTrees(*source) || reachesKernelTrees(*destination)) return false;
   OptString from = absolutePath(*source), to = absolutePath(*destination);
   // As the move: never onto or into what is there.
   if (!from || !to || !mayExist(*from) || mayExist(*to)) return false;
@@ -124,6 +156,7 @@ bool KdAuthorization::authCopyFile(const OptString& source, const OptString& des
 }
 
 bool KdAuthorization::authCreateDir(const std::string& path) {
+  if (reachesKernelTrees(path)) return false;
   OptString target = absolutePath(path);
   if (!target || runWaiting(kMkdir, {"-p", "--", *target}) != 0) return false;
   if (!KdLocalPaths::isRoot()) ::usleep(500);
@@ -147,8 +180,7 @@ bool KdAuthorization::authTrashFolderContents(const std::string& path, bool dele
   bool allDone = true;
   for (const std::string& name : *names) {
     const std::string entry = kd::path::append(*folder, name);
-    const bool done =
-        removeInstead ? runWaiting(kRm, {"-R", "-f", "--", entry}) == 0 : authTrashFile(entry);
+    const bool done = removeInstead ? removeWithRights(entry) : authTrashFile(entry);
     allDone = allDone && done;
   }
   return allDone;

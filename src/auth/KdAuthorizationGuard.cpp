@@ -1,5 +1,6 @@
 // Where a privileged command's path really leads, and whether that place must
-// be left alone.
+// be left alone. The place rules themselves (common/ProtectedPlace.h) are the
+// ones the co-process applies again where it removes.
 //
 // The literal guard of KdLocalPaths compares text only: "/bin/" shortens to
 // "/b" and passes, although "rm -Rdf /bin/" follows the link to /usr/bin. Here
@@ -8,48 +9,23 @@
 #include <limits.h>
 #include <stdlib.h>
 
-#include <array>
+#include <unistd.h>
+
+#include <algorithm>
 #include <string_view>
 #include <vector>
 
 #include "auth/KdAuthorization.h"
 #include "common/Path.h"
+#include "common/ProtectedPlace.h"
 #include "paths/KdLocalPaths.h"
 #include "platform/Platform.h"
 
 namespace {
 
-std::vector<std::string> split(std::string_view path) {
-  std::vector<std::string> parts;
-  std::size_t i = 0;
-  while (i < path.size()) {
-    std::size_t j = path.find('/', i);
-    if (j == std::string_view::npos) j = path.size();
-    if (j > i) parts.emplace_back(path.substr(i, j - i));
-    i = j + 1;
-  }
-  return parts;
-}
-
-std::string join(const std::vector<std::string>& parts) {
-  std::string out;
-  for (const std::string& p : parts) out += "/" + p;
-  return out.empty() ? "/" : out;
-}
-
-// "." and ".." resolved as text, repeated and trailing slashes removed.
-std::string lexical(std::string_view absolute) {
-  std::vector<std::string> out;
-  for (std::string& part : split(absolute)) {
-    if (part == ".") continue;
-    if (part == "..") {
-      if (!out.empty()) out.pop_back();
-      continue;
-    }
-    out.push_back(std::move(part));
-  }
-  return join(out);
-}
+using kd::place::join;
+using kd::place::lexical;
+using kd::place::split;
 
 std::optional<std::string> realPath(const std::string& path) {
   char buf[PATH_MAX];
@@ -75,12 +51,6 @@ std::string resolveParent(const std::string& path) {
   if (last == "." || last == "..") return resolveExisting(path);
   parts.pop_back();
   return lexical(resolveExisting(join(parts)) + "/" + last);
-}
-
-bool isSameOrInside(const std::string& inner, const std::string& outer) {
-  if (outer == "/") return true;
-  return inner == outer ||
-         (inner.size() > outer.size() && inner.starts_with(outer) && inner[outer.size()] == '/');
 }
 
 // Folders that hold the system or the user's standard layout: the target may
@@ -111,22 +81,38 @@ std::vector<std::string> keyFolders() {
   return out;
 }
 
-bool isProtectedPlace(const std::string& place, const std::vector<std::string>& keys) {
-  static constexpr std::array<std::string_view, 18> kTopLevel = {
-      "bin",  "boot", "dev", "etc",  "home", "lost+found", "media", "mnt", "opt",
-      "proc", "root", "run", "sbin", "srv",  "sys",        "tmp",   "usr", "var"};
-  const std::vector<std::string> parts = split(place);
-  if (parts.empty()) return true;
-  if (parts.size() == 1) {
-    for (std::string_view name : kTopLevel)
-      if (parts[0] == name) return true;
-    if (parts[0].starts_with("lib")) return true;
+// Whether the path, followed as the kernel would, goes below /proc, /sys or
+// /dev at any step (also through a link that leads there). Their links name
+// another place in every process (/proc/self/cwd is the working folder of
+// whoever looks), so a path through them cannot be judged here for the
+// co-process or a tool that acts on it. The path's own last link is followed
+// only with a trailing slash, as tools do.
+bool reachesKernelTrees(const std::string& absolute) {
+  std::vector<std::string> pending = split(absolute);
+  std::reverse(pending.begin(), pending.end());
+  const bool followLast = absolute.size() > 1 && absolute.back() == '/';
+  std::vector<std::string> resolved;
+  for (int links = 0; !pending.empty();) {
+    std::string part = std::move(pending.back());
+    pending.pop_back();
+    if (part == ".") continue;
+    if (part == "..") {
+      if (!resolved.empty()) resolved.pop_back();
+      continue;
+    }
+    if (!resolved.empty() && kd::place::isKernelTree(resolved.front())) return true;
+    resolved.push_back(std::move(part));
+    if (pending.empty() && !followLast) break;
+    char target[PATH_MAX];
+    const ssize_t n = ::readlink(join(resolved).c_str(), target, sizeof target);
+    if (n <= 0) continue;           // not a link, or nothing there yet: text from here
+    if (++links > 40) return true;  // a loop: nothing to act on
+    resolved.pop_back();
+    if (target[0] == '/') resolved.clear();
+    std::vector<std::string> more = split(std::string_view(target, static_cast<std::size_t>(n)));
+    pending.insert(pending.end(), more.rbegin(), more.rend());
   }
-  if (parts.size() == 2 && (parts[0] == "usr" || parts[0] == "var" || parts[0] == "home"))
-    return true;
-  for (const std::string& key : keys)
-    if (isSameOrInside(key, place)) return true;
-  return false;
+  return !resolved.empty() && kd::place::isKernelTree(resolved.front()) && resolved.size() > 1;
 }
 
 }  // namespace
@@ -149,6 +135,15 @@ bool KdAuthorization::isProtectedTarget(const std::string& path) {
   // A trailing slash makes tools follow a link in the last component.
   if (absolute->back() == '/') places.push_back(resolveExisting(*absolute));
   for (const std::string& place : places)
-    if (isProtectedPlace(place, keys)) return true;
-  return false;
+    if (kd::place::isProtectedPlace(place, keys)) return true;
+  return reachesKernelTrees(*absolute);
+}
+
+bool KdAuthorization::reachesKernelTrees(const std::string& path) {
+  OptString absolute = absolutePath(path);
+  return !absolute || ::reachesKernelTrees(*absolute);
+}
+
+std::vector<std::string> KdAuthorization::protectedKeyFolders() {
+  return keyFolders();
 }

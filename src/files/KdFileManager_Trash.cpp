@@ -112,11 +112,16 @@ bool KdFileManager::trashFile(const std::string& givenPath, bool shouldAuth) {
     why = "the user has no home trash";
   }
   files::recordFailure(why, rightsWouldHelp);
-  if (!shouldAuth || !rightsWouldHelp) {
+  // Only the outcome is reported: a lack of rights is for the caller to mend
+  // (with rights, now or on a second call), so it is recorded, not logged.
+  if (!rightsWouldHelp) {
     kd::platform().systemLog(kd::format("Unable to trash path %@: %@.", path, why));
     return false;
   }
-  return KdAuthorization::sharedController().authTrashFile(path);
+  if (!shouldAuth) return false;
+  if (!KdAuthorization::sharedController().authTrashFile(path)) return false;
+  files::clearFailure();
+  return true;
 }
 
 bool KdFileManager::trashDirectoryContents(const std::string& folder, bool shouldAuth) {

@@ -60,6 +60,11 @@ struct PrivilegeOpening {
   int error = 0;  // the system's error number for StartFailed
 };
 
+// The tool names of the co-process's own guarded removal and renaming (not
+// paths).
+inline constexpr char kGuardedRemove[] = "kd:remove";
+inline constexpr char kGuardedRename[] = "kd:rename";
+
 class PrivilegeService {
  public:
   virtual ~PrivilegeService() = default;
@@ -77,6 +82,16 @@ class PrivilegeService {
   virtual PrivilegeOpening openInteractively(const std::string& helperPath) = 0;
   // Starts the co-process with the rights the process already has.
   virtual PrivilegeOpening openInherited(const std::string& helperPath) = 0;
+  // Removes `path` (absolute) with the process's own rights as the
+  // co-process removes it: refused (EPERM) when where it really is counts as
+  // protected (system places and `keys`), a link removed and never followed,
+  // the tree removed through descriptors. 0 when gone or never there,
+  // otherwise the system's error number.
+  virtual int removeGuarded(const std::string& path, const std::vector<std::string>& keys) = 0;
+  // Renames as the co-process renames: the source judged as for
+  // removeGuarded, nothing replaced (EEXIST), EXDEV across file systems.
+  virtual int renameGuarded(const std::string& source, const std::string& destination,
+                            const std::vector<std::string>& keys) = 0;
 };
 
 // Forwards every call to another service; fakes derive from it.
@@ -96,6 +111,13 @@ class ForwardingPrivilegeService : public PrivilegeService {
   }
   PrivilegeOpening openInherited(const std::string& helperPath) override {
     return target_.openInherited(helperPath);
+  }
+  int removeGuarded(const std::string& path, const std::vector<std::string>& keys) override {
+    return target_.removeGuarded(path, keys);
+  }
+  int renameGuarded(const std::string& source, const std::string& destination,
+                    const std::vector<std::string>& keys) override {
+    return target_.renameGuarded(source, destination, keys);
   }
 
  private:

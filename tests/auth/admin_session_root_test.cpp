@@ -128,25 +128,117 @@ TEST_F(AdminSession, AProgramStartedWithRightsHasThemWithoutAPassword) {
   EXPECT_FALSE(exists(admin_->work() + "/victim"));
 }
 
+// The co-process of a session held by AsAdmin.HoldSession, as it reports it;
+// 0 when it never did (`text`: what the run wrote).
+int heldSession(UniqueFd& output, std::string& text) {
+  char c = 0;
+  while (::read(output.get(), &c, 1) == 1) {
+    text.push_back(c);
+    std::smatch m;
+    if (c == '\n' && std::regex_search(text, m, std::regex("session (\\d+)\n")))
+      return std::stoi(m[1]);
+  }
+  return 0;
+}
+
 TEST_F(AdminSession, KillingTheProgramEndsTheCoProcess) {
   UniqueFd output;
   const pid_t pid = admin_->start("HoldSession", admin_->password(), &output);
   ASSERT_GT(pid, 0);
   std::string text;
-  int helper = 0;
-  char c = 0;
-  while (helper == 0 && ::read(output.get(), &c, 1) == 1) {
-    text.push_back(c);
-    std::smatch m;
-    if (c == '\n' && std::regex_search(text, m, std::regex("session (\\d+)\n")))
-      helper = std::stoi(m[1]);
-  }
+  const int helper = heldSession(output, text);
   ASSERT_GT(helper, 0) << text;
   EXPECT_FALSE(readFile("/proc/" + std::to_string(helper) + "/stat").empty());
   ::kill(pid, SIGKILL);
   int status = 0;
   ::waitpid(pid, &status, 0);
   EXPECT_TRUE(processGone(helper)) << "the co-process outlived its program";
+}
+
+// Written by another process of the same user into every pipe of the
+// session's holder that it can open through /proc/<holder>/fd: a request to
+// run "touch <file>" as root, without and with a guessed secret.
+int writeRequestsInto(const std::vector<std::string>& args) {
+  if (args.size() != 2) return 2;
+  auto request = [&](bool withSecret) {
+    std::string body = withSecret ? std::string(32, '\0') : std::string();
+    body.push_back(0);  // do not wait
+    const std::uint32_t argc = 2;
+    body.append(reinterpret_cast<const char*>(&argc), 4);
+    for (const std::string& a : {std::string("/usr/bin/touch"), args[1]}) {
+      const auto n = static_cast<std::uint32_t>(a.size());
+      body.append(reinterpret_cast<const char*>(&n), 4);
+      body += a;
+    }
+    const auto size = static_cast<std::uint32_t>(body.size());
+    return std::string(reinterpret_cast<const char*>(&size), 4) + body;
+  };
+  const std::string frames = request(false) + request(true);
+  int opened = 0;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator("/proc/" + args[0] + "/fd", ec)) {
+    UniqueFd fd(::open(entry.path().c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!fd) continue;
+    ++opened;
+    if (::write(fd.get(), frames.data(), frames.size()) < 0) continue;
+  }
+  std::printf("opened %d\n", opened);
+  return 0;
+}
+KD_CHILD_MODE("write-requests", writeRequestsInto);
+
+TEST_F(AdminSession, AnotherProcessOfTheUserCannotUseTheSession) {
+  UniqueFd output;
+  const pid_t holder = admin_->start("HoldSession", admin_->password(), &output);
+  ASSERT_GT(holder, 0);
+  std::string text;
+  const int helper = heldSession(output, text);
+  ASSERT_GT(helper, 0) << text;
+  const std::string planted = admin_->work() + "/planted";
+  const std::string self = path::append(admin_->bin(), path::lastComponent(selfExecutable()));
+  std::string attack;
+  EXPECT_EQ(admin_->run({self, "--kd-child", "write-requests", std::to_string(holder), planted}, "",
+                        &attack),
+            0);
+  EXPECT_EQ(attack, "opened 0\n");
+  // A served request would have run by now.
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_FALSE(exists(planted)) << "another process ran a command as root through the session";
+  ::kill(holder, SIGKILL);
+  ::waitpid(holder, nullptr, 0);
+}
+
+// Under a rule that asks for no password sudo leaves the password unread, and
+// the co-process skips it: however long, spaced or worded (even like the
+// start line), it is skipped whole; where sudo reads it, it works as well.
+TEST_F(AdminSession, AnyPasswordWorksWhetherSudoReadsItOrNot) {
+  std::string longPassword;
+  for (int i = 0; i < 5; ++i) longPassword += randomText(60);
+  for (const std::string& password :
+       {"KDSYNC " + randomText(32), longPassword, " with  spaces " + randomText(8) + " "}) {
+    admin_.reset();
+    admin_ = std::make_unique<ThrowawayAdmin>(password);
+    ASSERT_TRUE(admin_->ready());
+    for (bool noPassword : {true, false}) {
+      SCOPED_TRACE(password.substr(0, 12) + (noPassword ? " without asking" : " asked"));
+      ASSERT_TRUE(admin_->setRule(noPassword));
+      runAsAdmin("RightPasswordWithoutAsking", password);
+    }
+  }
+}
+
+// kd trash with rights reports what happened in the end, not that the first
+// try (without rights) was refused.
+TEST_F(AdminSession, KdTrashWithRightsReportsTheOutcome) {
+  const std::string item = admin_->work() + "/trash-me";
+  std::ofstream(item) << "x";
+  const std::string kd = admin_->install(KD_TOOL_PATH);
+  std::string text;
+  EXPECT_EQ(admin_->run({kd, "trash", "--password-fd", "0", item}, admin_->password(), &text), 0)
+      << text;
+  EXPECT_FALSE(exists(item));
+  EXPECT_EQ(text.find("Unable to trash"), std::string::npos) << text;
+  EXPECT_EQ(text.find("Permission denied"), std::string::npos) << text;
 }
 
 // --- The user's side ---------------------------------------------------------------
@@ -195,6 +287,9 @@ TEST_F(AsAdmin, RightPassword) {
 
   EXPECT_TRUE(auth->authRemoveFile(work_ + "/victim"));
   EXPECT_FALSE(exists(work_ + "/victim"));
+  // Here /proc/self/cwd is the home folder; in the co-process it is "/".
+  EXPECT_FALSE(auth->authRemoveFile("/proc/self/cwd" + work_ + "/keep"));
+  EXPECT_FALSE(auth->authRemoveFile("/proc/thread-self/cwd" + work_ + "/keep"));
   ASSERT_EQ(::chdir(work_.c_str()), 0);
   EXPECT_TRUE(auth->authRemoveFile("-rf"));
   EXPECT_FALSE(exists(work_ + "/-rf"));
@@ -238,6 +333,10 @@ TEST_F(AsAdmin, RightPassword) {
 
 TEST_F(AsAdmin, RightPasswordWithoutAsking) {
   auto auth = Access::make(false);
+  // sudo reads a password up to its line end: one that holds a line end is
+  // refused whole, at once, rather than handed over in part.
+  EXPECT_FALSE(auth->authStartWithUser(user_, password_ + "\n" + password_));
+  EXPECT_FALSE(auth->isAuthorized());
   ASSERT_TRUE(auth->authStartWithUser(user_, password_));
   EXPECT_EQ(auth->authExecTask("/bin/sh", {"-c", "test \"$(id -u)\" = 0"}, false), 0);
   const int pid = Access::coProcessId(*auth);

@@ -19,6 +19,7 @@
 #include "common/Path.h"
 #include "support/ChildMode.h"
 #include "support/ScopedEnv.h"
+#include "support/ScopedTmpfs.h"
 #include "support/TempDir.h"
 #include "tasks/KdTaskEx.h"
 
@@ -167,6 +168,7 @@ TEST(KdAuthorizationGuard, ProtectedTargetsAreJudgedWhereTheyLead) {
   ScopedPlatform scoped(identity);
   ::symlink("/usr", (work + "/usr-link").c_str());
   ::symlink(home.c_str(), (work + "/home-link").c_str());
+  ::symlink("/proc/self/cwd", (work + "/magic").c_str());
 
   for (const auto& [path, protectedTarget] : std::vector<std::pair<std::string, bool>>{
            {"/", true},
@@ -194,6 +196,12 @@ TEST(KdAuthorizationGuard, ProtectedTargetsAreJudgedWhereTheyLead) {
            {work, false},
            {"/usr/share/doc/x", false},
            {"/usr/local/share/x", false},
+           // Links of the kernel's trees lead elsewhere in the co-process.
+           {"/proc/self/cwd" + work + "/x", true},
+           {"/proc/thread-self/cwd" + work + "/x", true},
+           {"/dev/fd/3/x", true},
+           {work + "/magic" + work + "/x", true},
+           {work + "/magic", false},  // the link itself
            {"", true},
        }) {
     EXPECT_EQ(KdAuthorization::isProtectedTarget(path), protectedTarget) << path;
@@ -304,6 +312,16 @@ TEST_F(RootCommands, FileCommandsSucceedOnlyWhenTheirToolDid) {
   tmp_.mkdir("work/to");
   EXPECT_TRUE(auth_->authMoveFolderContents(work_ + "/from", work_ + "/to"));
   EXPECT_EQ(readFile(work_ + "/to/x") + readFile(work_ + "/to/y"), "xy");
+
+  // Onto another volume the move copies; a volume mounted at the path to
+  // remove is not emptied through it.
+  ScopedTmpfs volume(tmp_ / "volume", "size=1m");
+  ASSERT_TRUE(volume.mounted());
+  EXPECT_TRUE(auth_->authMoveFile(work_ + "/c", volume / "c"));
+  EXPECT_EQ(readFile(volume / "c"), "A");
+  EXPECT_FALSE(exists(work_ + "/c"));
+  EXPECT_FALSE(auth_->authRemoveFile(volume.path()));
+  EXPECT_TRUE(exists(volume / "c"));
 }
 
 TEST_F(RootCommands, TrashNamesThatClashGetTheTimeAndNothingIsReplaced) {

@@ -72,6 +72,80 @@ TEST(PrivilegedChannel, RunsToolsByArgvWithNothingOfOurs) {
   EXPECT_TRUE(processGone(pid));
 }
 
+// The co-process's own removal and renaming judge the path where they act:
+// its /proc links are its own (here /proc/self/cwd is "/"), links are removed
+// or renamed and never followed, and nothing is replaced.
+TEST(PrivilegedChannel, TheGuardedRemovalAndRenamingJudgeWhereTheyAct) {
+  TempDir tmp;
+  chmod(tmp.path().c_str(), 0755);
+  const std::string outside = tmp.touch("outside/file", "o");
+  tmp.touch("keep/k", "k");
+  tmp.touch("tree/a/b", "b");
+  ::symlink((tmp / "outside").c_str(), (tmp / "tree/a/to-outside").c_str());
+  ::symlink((tmp / "outside").c_str(), (tmp / "link").c_str());
+  ::symlink("/proc/self/cwd", (tmp / "magic").c_str());
+  ::symlink("/usr", (tmp / "usr-link").c_str());  // as if swapped in after a check
+  tmp.touch("keyed/inner/x", "x");
+  tmp.touch("file", "f");
+  for (const char* name : {"r1", "r3", "r4"}) tmp.touch(name, name);
+  LinuxPrivilege service(asWeAre());
+  PrivilegeOpening opening = service.openInherited(helperPath());
+  ASSERT_TRUE(opening.channel);
+  const std::string relative = tmp.path().substr(1);  // from "/", the co-process's working folder
+
+  struct Case {
+    std::string path;
+    std::vector<std::string> keys;
+    int result;
+    std::string gone, kept;
+  };
+  for (const Case& c : std::vector<Case>{
+           {tmp / "file", {}, 0, tmp / "file", ""},
+           {tmp / "tree", {}, 0, tmp / "tree", outside},
+           {tmp / "link/", {}, 0, tmp / "link", outside},
+           {tmp / "missing", {}, 0, "", ""},
+           {"/proc/self/cwd/" + relative + "/keep", {}, EPERM, "", tmp / "keep/k"},
+           {"/proc/thread-self/cwd/" + relative + "/keep", {}, EPERM, "", tmp / "keep/k"},
+           {tmp / "magic" + "/" + relative + "/keep", {}, EPERM, "", tmp / "keep/k"},
+           {tmp / "keep/.", {}, EPERM, "", tmp / "keep/k"},
+           {tmp / "usr-link/bin", {}, EPERM, "", "/usr/bin"},
+           {tmp / "keyed", {tmp / "keyed/inner"}, EPERM, "", tmp / "keyed/inner/x"},
+           {"/usr", {}, EPERM, "", "/usr/bin"},
+           {"/", {}, EPERM, "", "/usr/bin"},
+       }) {
+    SCOPED_TRACE(c.path);
+    std::vector<std::string> arguments{c.path};
+    arguments.insert(arguments.end(), c.keys.begin(), c.keys.end());
+    const PrivilegedRun run = opening.channel->run(kGuardedRemove, arguments, true);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.exitStatus, c.result);
+    EXPECT_TRUE(c.gone.empty() || !exists(c.gone));
+    EXPECT_TRUE(c.kept.empty() || exists(c.kept));
+  }
+
+  struct Rename {
+    std::string source, destination;
+    int result;
+    std::string kept;
+  };
+  for (const Rename& c : std::vector<Rename>{
+           {tmp / "r1", tmp / "r1-moved", 0, tmp / "r1-moved"},
+           {tmp / "r3", tmp / "keep", EEXIST, tmp / "r3"},
+           {"/proc/self/cwd/" + relative + "/keep", tmp / "stolen", EPERM, tmp / "keep/k"},
+           {tmp / "r4", "/proc/self/cwd/" + relative + "/r4-there", EPERM, tmp / "r4"},
+           {tmp / "r4", tmp / "magic" + "/" + relative + "/r4-there", EPERM, tmp / "r4"},
+           {"/usr", tmp / "usr", EPERM, "/usr/bin"},
+       }) {
+    SCOPED_TRACE(c.source + " -> " + c.destination);
+    const PrivilegedRun run = opening.channel->run(kGuardedRename, {c.source, c.destination}, true);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.exitStatus, c.result);
+    EXPECT_TRUE(exists(c.kept));
+  }
+  EXPECT_EQ(readFile(tmp / "r1-moved"), "r1");
+  EXPECT_EQ(readFile(tmp / "keep/k"), "k");
+}
+
 TEST(PrivilegedChannel, ACoProcessThatDiedIsNoChannel) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to end the co-process from outside";
   LinuxPrivilege service;

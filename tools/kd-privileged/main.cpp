@@ -2,8 +2,12 @@
 //
 // Started with root's rights by sudo or pkexec (or directly by a program that
 // already has them), it serves requests that arrive on its standard input and
-// answers on its standard output; see platform/linux/PrivilegedWire.h. Each
-// request names a tool by absolute path and its arguments; the tool is started
+// answers on its standard output; see platform/linux/PrivilegedWire.h. Only
+// requests that carry the session's secret (agreed at the start, over those
+// pipes) are served: any other ends it. Each request names a tool by absolute
+// path and its arguments, or asks for the guarded removal or renaming of a
+// path (judged here, where it is changed; see platform/linux/GuardedFiles.h).
+// A tool is started
 // with posix_spawn (never through a shell), with its input on the null device,
 // a fixed environment and no other descriptor. A waited-for run returns the
 // tool's exit status and its (bounded) output.
@@ -19,6 +23,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -29,6 +34,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/GuardedFiles.h"
 #include "platform/linux/PrivilegedWire.h"
 
 namespace {
@@ -54,16 +60,50 @@ void reapStarted() {
   }
 }
 
-// Skips what precedes the start line (a password that sudo did not need to
-// read), wiping it, and confirms the start.
-bool synchronise() {
-  for (std::size_t skipped = 0; skipped < 16; ++skipped) {
-    std::optional<std::string> line = wire::readLine(kIn);
-    if (!line) return false;
-    const bool sync = line->rfind(std::string(wire::kSync) + " ", 0) == 0;
-    explicit_bzero(line->data(), line->size());
-    if (sync) return wire::writeAll(kOut, std::string(wire::kReady) + "\n");
+std::string gSecret;  // the session's, from the start line
+
+// Reads one line, keeping at most kMaxLine bytes of it and dropping (wiping)
+// the rest; false at end of input or past `budget` bytes in all.
+bool readAnyLine(std::string& kept, bool& whole, std::size_t& budget) {
+  kept.clear();
+  whole = true;
+  for (char c = 0;;) {
+    if (budget == 0 || !wire::readExact(kIn, &c, 1)) return false;
+    --budget;
+    if (c == '\n') return true;
+    if (kept.size() < wire::kMaxLine)
+      kept.push_back(c);
+    else
+      whole = false;
+    c = 0;
   }
+}
+
+// Announces itself with a nonce of its own, then skips what precedes the
+// start line that carries it (a password that sudo did not need to read,
+// however long and whatever it says), wiping it; takes the session's secret
+// from that line and confirms.
+bool synchronise() {
+  std::optional<std::string> nonce = wire::randomBytes(wire::kNonceBytes);
+  if (!nonce) return false;
+  const std::string hello = std::string(wire::kHello) + " " + std::to_string(::getpid()) + " " +
+                            std::to_string(::geteuid()) + " " + wire::toHex(*nonce) + "\n";
+  if (!wire::writeAll(kOut, hello)) return false;
+  const std::string expected = std::string(wire::kSync) + " " + wire::toHex(*nonce) + " ";
+  std::size_t budget = 1u << 20;
+  std::string line;
+  for (bool whole = true; readAnyLine(line, whole, budget);) {
+    std::optional<std::string> secret;
+    if (whole && line.size() > expected.size() &&
+        wire::sameSecret(line.substr(0, expected.size()), expected))
+      secret = wire::fromHex(std::string_view(line).substr(expected.size()), wire::kSecretBytes);
+    explicit_bzero(line.data(), line.size());
+    if (secret) {
+      gSecret = std::move(*secret);
+      return wire::writeAll(kOut, std::string(wire::kReady) + "\n");
+    }
+  }
+  explicit_bzero(line.data(), line.size());
   return false;
 }
 
@@ -162,7 +202,18 @@ bool serve(const wire::Request& request) {
   wire::Reply reply;
   const std::string& tool = request.argv.front();
   struct stat st {};
-  if (tool.empty() || tool.front() != '/') {
+  if (tool == wire::kRemove || tool == wire::kRename) {
+    const bool rename = tool == wire::kRename;
+    const std::size_t paths = rename ? 2 : 1;
+    if (request.argv.size() < 1 + paths) {
+      reply.status = EINVAL;
+    } else {
+      const std::vector<std::string> keys(request.argv.begin() + 1 + paths, request.argv.end());
+      reply.status = 0;
+      reply.exitStatus = rename ? kd::guarded::renamePath(request.argv[1], request.argv[2], keys)
+                                : kd::guarded::removePath(request.argv[1], keys);
+    }
+  } else if (tool.empty() || tool.front() != '/') {
     reply.status = EINVAL;
   } else if (::stat(tool.c_str(), &st) != 0) {
     reply.status = errno == ENOENT || errno == ENOTDIR ? -2 : errno;
@@ -189,11 +240,11 @@ int main() {
   // pipes, no working folder, no signal dispositions.
   ::close_range(3, ~0U, 0);
   ::signal(SIGPIPE, SIG_IGN);
+  // Nobody but root may look into us or open our pipes through /proc.
+  ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
   if (::chdir("/") != 0) return 1;
   ::umask(022);
-  std::string hello = std::string(wire::kHello) + " " + std::to_string(::getpid()) + " " +
-                      std::to_string(::geteuid()) + "\n";
-  if (!wire::writeAll(kOut, hello) || !synchronise()) return 1;
+  if (!synchronise()) return 1;
 
   for (;;) {
     reapStarted();
@@ -202,7 +253,10 @@ int main() {
     std::optional<std::string> body = wire::readFrame(kIn);
     if (!body) break;  // our input closed: the program has ended or let us go
     std::optional<wire::Request> request = wire::decodeRequest(*body);
-    if (!request || !serve(*request)) return 2;
+    // A request without the session's secret did not come from the program
+    // that holds the session: end rather than serve anyone else.
+    if (!request || !wire::sameSecret(request->secret, gSecret)) return 3;
+    if (!serve(*request)) return 2;
   }
   return 0;
 }

@@ -18,21 +18,28 @@ namespace kd::tool {
 
 namespace {
 
-// A password that is wiped when it goes. Owns its text; one thread.
+// A password that is wiped when it goes. Owns its text, held where the
+// session is given it, so that no copy of it is made on the way; room is
+// made up front so that reading it never leaves a shorter copy behind in a
+// freed buffer. One thread.
 class Secret {
  public:
-  Secret() = default;
+  Secret() { text_->reserve(4096); }
   Secret(const Secret&) = delete;
   Secret& operator=(const Secret&) = delete;
   ~Secret() { wipe(); }
-  std::string& text() { return text_; }
+  std::string& text() { return *text_; }
+  // The form the session takes (by reference: nothing is copied).
+  const KdAuthorization::OptString& given() const { return text_; }
   void wipe() {
-    if (!text_.empty()) ::explicit_bzero(text_.data(), text_.size());
-    text_.clear();
+    // Everything the buffer holds, not only the current text.
+    text_->resize(text_->capacity());
+    ::explicit_bzero(text_->data(), text_->size());
+    text_->clear();
   }
 
  private:
-  std::string text_;
+  KdAuthorization::OptString text_{std::string()};
 };
 
 // Reads one line from `fd`, a byte at a time so that nothing after it is
@@ -87,7 +94,7 @@ bool startSession(const std::string& command, const std::string& what, RightsOpt
               << std::endl;
     return false;
   }
-  const bool started = auth.authStartWithUser(user, password.text());
+  const bool started = auth.authStartWithUser(user, password.given());
   password.wipe();
   if (!started)
     std::cerr << "kd " << command << ": " << what

@@ -49,6 +49,9 @@ class LinuxPrivilege final : public PrivilegeService {
                                     const std::string& password) override;
   PrivilegeOpening openInteractively(const std::string& helperPath) override;
   PrivilegeOpening openInherited(const std::string& helperPath) override;
+  int removeGuarded(const std::string& path, const std::vector<std::string>& keys) override;
+  int renameGuarded(const std::string& source, const std::string& destination,
+                    const std::vector<std::string>& keys) override;
 
  private:
   Config config_;

@@ -3,15 +3,18 @@
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
-#include <sys/random.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
+#include "platform/linux/GuardedFiles.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/LinuxPrivilege.h"
 #include "platform/linux/PrivilegedWire.h"
@@ -19,6 +22,9 @@
 extern char** environ;
 
 namespace kd {
+
+static_assert(std::string_view(kGuardedRemove) == wire::kRemove);
+static_assert(std::string_view(kGuardedRename) == wire::kRename);
 
 namespace {
 
@@ -56,30 +62,55 @@ void reap(pid_t pid) {
   std::thread([pid] { retryOnEintr([&] { return ::waitpid(pid, nullptr, 0); }); }).detach();
 }
 
-std::string nonce() {
-  unsigned char bytes[16] = {};
-  if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
-    auto t = std::chrono::steady_clock::now().time_since_epoch().count();
-    std::memcpy(bytes, &t, sizeof t);
+// While a session is held the process is not dumpable: its /proc entries
+// (fd, mem, environ) belong to root, so that another process of the same user
+// can neither open the session's pipes through /proc/<pid>/fd nor read its
+// secret from memory. The state before the first session comes back after the
+// last. Process-wide; any thread.
+class Undumpable {
+ public:
+  Undumpable() {
+    std::lock_guard lock(mutex());
+    if (count()++ == 0) {
+      before() = ::prctl(PR_GET_DUMPABLE, 0, 0, 0, 0);
+      ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+    }
   }
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char b : bytes) {
-    out.push_back(kHex[b >> 4]);
-    out.push_back(kHex[b & 15]);
+  ~Undumpable() {
+    std::lock_guard lock(mutex());
+    if (--count() == 0 && before() > 0) ::prctl(PR_SET_DUMPABLE, before(), 0, 0, 0);
   }
-  return out;
-}
+  Undumpable(const Undumpable&) = delete;
+  Undumpable& operator=(const Undumpable&) = delete;
+
+ private:
+  static std::mutex& mutex() {
+    static std::mutex m;
+    return m;
+  }
+  static int& count() {  // guarded by mutex()
+    static int n = 0;
+    return n;
+  }
+  static int& before() {  // guarded by mutex()
+    static int b = 0;
+    return b;
+  }
+};
 
 // The co-process and the launcher that started it (sudo, pkexec, or the
-// co-process itself). Requests are served one at a time under `mutex_`.
+// co-process itself), the session's secret, and the process's undumpable
+// state while it lives. Requests are served one at a time under `mutex_`.
 class CoProcess final : public PrivilegedChannel {
  public:
-  CoProcess(pid_t launcher, UniqueFd toChild, UniqueFd fromChild, int helperPid)
+  CoProcess(pid_t launcher, UniqueFd toChild, UniqueFd fromChild, int helperPid, std::string secret,
+            std::unique_ptr<Undumpable> undumpable)
       : launcher_(launcher),
         toChild_(std::move(toChild)),
         fromChild_(std::move(fromChild)),
-        helperPid_(helperPid) {}
+        helperPid_(helperPid),
+        secret_(std::move(secret)),
+        undumpable_(std::move(undumpable)) {}
   ~CoProcess() override {
     std::lock_guard lock(mutex_);
     endLocked();
@@ -90,16 +121,21 @@ class CoProcess final : public PrivilegedChannel {
     std::lock_guard lock(mutex_);
     if (!toChild_) return {};
     wire::Request request;
+    request.secret = secret_;
     request.wait = wait;
     request.argv.reserve(arguments.size() + 1);
     request.argv.push_back(tool);
     request.argv.insert(request.argv.end(), arguments.begin(), arguments.end());
     std::string body = wire::encodeRequest(request);
+    wipe(request.secret);
     std::string frame;
     wire::putU32(frame, static_cast<std::uint32_t>(body.size()));
     frame += body;
+    wipe(body);
     std::optional<wire::Reply> reply;
-    if (writeToPipe(toChild_.get(), frame)) {
+    const bool sent = writeToPipe(toChild_.get(), frame);
+    wipe(frame);
+    if (sent) {
       if (auto answer = wire::readFrame(fromChild_.get())) reply = wire::decodeReply(*answer);
     }
     if (!reply) {
@@ -135,6 +171,8 @@ class CoProcess final : public PrivilegedChannel {
     fromChild_.reset();
     reap(launcher_);
     launcher_ = 0;
+    wipe(secret_);
+    undumpable_.reset();
   }
 
   std::mutex mutex_;
@@ -142,6 +180,8 @@ class CoProcess final : public PrivilegedChannel {
   UniqueFd toChild_;    // guarded by mutex_
   UniqueFd fromChild_;  // guarded by mutex_
   const int helperPid_;
+  std::string secret_;                      // guarded by mutex_
+  std::unique_ptr<Undumpable> undumpable_;  // guarded by mutex_
 };
 
 struct Launched {
@@ -203,14 +243,25 @@ Launched launch(const std::vector<std::string>& argv) {
 PrivilegeOpening start(const std::vector<std::string>& argv, std::string* password, int timeoutMs,
                        bool requireRoot) {
   PrivilegeOpening opening;
+  // Undumpable before the pipes exist, so that they are never open to others.
+  auto undumpable = std::make_unique<Undumpable>();
+  std::optional<std::string> secret = wire::randomBytes(wire::kSecretBytes);
+  if (!secret) {
+    if (password) wipe(*password);
+    opening.failure = PrivilegeFailure::StartFailed;
+    opening.error = errno;
+    return opening;
+  }
   Launched child = launch(argv);
   if (child.pid == 0) {
+    wipe(*secret);
     if (password) wipe(*password);
     opening.failure = PrivilegeFailure::StartFailed;
     opening.error = child.error;
     return opening;
   }
   auto refuse = [&] {
+    wipe(*secret);
     child.toChild.reset();
     child.fromChild.reset();
     reap(child.pid);
@@ -227,6 +278,7 @@ PrivilegeOpening start(const std::vector<std::string>& argv, std::string* passwo
   if (!wire::waitReadable(child.fromChild.get(), timeoutMs)) return refuse();
   std::optional<std::string> hello = wire::readLine(child.fromChild.get());
   long helperPid = 0, euid = -1;
+  std::string nonce;
   {
     if (!hello || hello->rfind(std::string(wire::kHello) + " ", 0) != 0) return refuse();
     char* end = nullptr;
@@ -234,16 +286,22 @@ PrivilegeOpening start(const std::vector<std::string>& argv, std::string* passwo
     helperPid = std::strtol(text, &end, 10);
     if (end == text || *end != ' ') return refuse();
     euid = std::strtol(end + 1, &end, 10);
-    if (*end != '\0' || helperPid <= 0) return refuse();
+    if (*end != ' ' || helperPid <= 0) return refuse();
+    nonce = end + 1;
+    if (!wire::fromHex(nonce, wire::kNonceBytes)) return refuse();
   }
   if (requireRoot && euid != 0) return refuse();
-  std::string sync = std::string(wire::kSync) + " " + nonce() + "\n";
-  if (!writeToPipe(child.toChild.get(), sync) || !wire::waitReadable(child.fromChild.get(), 10000))
-    return refuse();
+  // The co-process's own nonce marks the line apart from anything a password
+  // could say; the secret then goes with every request.
+  std::string sync = std::string(wire::kSync) + " " + nonce + " " + wire::toHex(*secret) + "\n";
+  const bool synced = writeToPipe(child.toChild.get(), sync);
+  wipe(sync);
+  if (!synced || !wire::waitReadable(child.fromChild.get(), 10000)) return refuse();
   std::optional<std::string> ready = wire::readLine(child.fromChild.get());
   if (!ready || *ready != wire::kReady) return refuse();
   opening.channel = std::make_unique<CoProcess>(
-      child.pid, std::move(child.toChild), std::move(child.fromChild), static_cast<int>(helperPid));
+      child.pid, std::move(child.toChild), std::move(child.fromChild), static_cast<int>(helperPid),
+      std::move(*secret), std::move(undumpable));
   return opening;
 }
 
@@ -330,6 +388,15 @@ PrivilegeOpening LinuxPrivilege::openInteractively(const std::string& helperPath
 
 PrivilegeOpening LinuxPrivilege::openInherited(const std::string& helperPath) {
   return start({helperPath}, nullptr, config_.passwordStartTimeoutMs, config_.requireRoot);
+}
+
+int LinuxPrivilege::removeGuarded(const std::string& path, const std::vector<std::string>& keys) {
+  return guarded::removePath(path, keys);
+}
+
+int LinuxPrivilege::renameGuarded(const std::string& source, const std::string& destination,
+                                  const std::vector<std::string>& keys) {
+  return guarded::renamePath(source, destination, keys);
 }
 
 PrivilegeService& LinuxPlatform::privilege() {

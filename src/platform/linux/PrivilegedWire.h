@@ -1,21 +1,26 @@
 // The conversation between the library and its privileged co-process
 // (tools/kd-privileged), over the co-process's standard input and output.
 //
-// Start: the co-process writes "KDPRIV1 <pid> <euid>\n"; the library answers
-// with a line "KDSYNC <nonce>\n". Everything before that line on the
-// co-process's input (a password that sudo did not need to read) is thrown
-// away unread. The co-process confirms with "KDREADY\n".
+// Start: the co-process writes "KDPRIV1 <pid> <euid> <nonce>\n", the nonce
+// being random and its own; the library answers with a line
+// "KDSYNC <nonce> <secret>\n", the secret being random and the library's.
+// Every line before the one that carries the co-process's own nonce (a
+// password that sudo did not need to read, whatever its length or text) is
+// thrown away unread. The co-process confirms with "KDREADY\n".
 //
 // Then frames: a 32-bit length (host order; both ends are the same machine)
-// and a body. A request body is: u8 wait, u32 argc, argc strings (u32 length,
-// bytes), argv[0] being the tool's absolute path. A reply body is: i32 status,
-// i32 exitStatus, then the output and error strings.
+// and a body. A request body is: the session secret (kSecretBytes raw bytes),
+// u8 wait, u32 argc, argc strings (u32 length, bytes), argv[0] being the
+// tool's absolute path or kRemove. A request without the session's secret
+// ends the co-process. A reply body is: i32 status, i32 exitStatus, then the
+// output and error strings.
 //
 // Header-only so that the co-process needs nothing else of the library.
 // Stateless functions; callable from any thread.
 #pragma once
 
 #include <poll.h>
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -37,6 +42,65 @@ inline constexpr std::uint32_t kMaxFrame = 64u << 20;  // replies carry bounded 
 inline constexpr std::uint32_t kMaxArguments = 65536;
 inline constexpr std::size_t kMaxOutput = 16u << 20;  // per stream of one run
 inline constexpr std::size_t kMaxLine = 256;
+inline constexpr std::size_t kNonceBytes = 16;
+inline constexpr std::size_t kSecretBytes = 32;
+// Not a path: the co-process's own removal, judged and done through
+// descriptors where it runs (argv: kRemove, the path, then folders that the
+// caller protects besides the system's).
+inline constexpr char kRemove[] = "kd:remove";
+// Likewise its own renaming without replacing (argv: kRename, the source, the
+// destination, then the caller's protected folders).
+inline constexpr char kRename[] = "kd:rename";
+
+// `n` random bytes from the kernel; none when it cannot give them (never a
+// weaker substitute: they guard a session of root's rights).
+inline std::optional<std::string> randomBytes(std::size_t n) {
+  std::string out(n, '\0');
+  std::size_t got = 0;
+  while (got < n) {
+    ssize_t r = ::getrandom(out.data() + got, n - got, 0);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) return std::nullopt;
+    got += static_cast<std::size_t>(r);
+  }
+  return out;
+}
+
+inline std::string toHex(std::string_view bytes) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned char b : bytes) {
+    out.push_back(kHex[b >> 4]);
+    out.push_back(kHex[b & 15]);
+  }
+  return out;
+}
+
+// Lowercase hexadecimal of an exact length back to bytes; none otherwise.
+inline std::optional<std::string> fromHex(std::string_view text, std::size_t bytes) {
+  if (text.size() != 2 * bytes) return std::nullopt;
+  auto digit = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    return -1;
+  };
+  std::string out(bytes, '\0');
+  for (std::size_t i = 0; i < bytes; ++i) {
+    const int hi = digit(text[2 * i]), lo = digit(text[2 * i + 1]);
+    if (hi < 0 || lo < 0) return std::nullopt;
+    out[i] = static_cast<char>(hi << 4 | lo);
+  }
+  return out;
+}
+
+// Compares in a time that depends only on the lengths, so that a guess
+// learns nothing from how long the answer took.
+inline bool sameSecret(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  volatile unsigned char diff = 0;
+  for (std::size_t i = 0; i < a.size(); ++i) diff = diff | static_cast<unsigned char>(a[i] ^ b[i]);
+  return diff == 0;
+}
 
 // Writes everything, retrying partial writes and EINTR. False on failure.
 inline bool writeAll(int fd, std::string_view data) {
@@ -143,12 +207,13 @@ inline std::optional<std::string> readFrame(int fd) {
 }
 
 struct Request {
+  std::string secret;  // kSecretBytes
   bool wait = false;
   std::vector<std::string> argv;  // argv[0]: the tool
 };
 
 inline std::string encodeRequest(const Request& request) {
-  std::string body;
+  std::string body = request.secret;
   body.push_back(request.wait ? 1 : 0);
   putU32(body, static_cast<std::uint32_t>(request.argv.size()));
   for (const std::string& a : request.argv) putString(body, a);
@@ -156,12 +221,14 @@ inline std::string encodeRequest(const Request& request) {
 }
 
 inline std::optional<Request> decodeRequest(std::string_view body) {
-  Cursor c(body);
+  if (body.size() < kSecretBytes) return std::nullopt;
+  Request request;
+  request.secret.assign(body.substr(0, kSecretBytes));
+  Cursor c(body.substr(kSecretBytes));
   std::uint8_t wait = 0;
   std::uint32_t argc = 0;
   if (!c.u8(wait) || wait > 1 || !c.u32(argc) || argc == 0 || argc > kMaxArguments)
     return std::nullopt;
-  Request request;
   request.wait = wait == 1;
   request.argv.resize(argc);
   for (std::string& a : request.argv) {
