@@ -1,4 +1,5 @@
 // kd cp: copy a file or folder to a new path.
+#include <cstdio>
 #include <string>
 
 #include "Commands.h"
@@ -26,6 +27,12 @@ void setupCp(CLI::App& app) {
     const bool done = kd::tool::runWithRights(
         "cp", source + " to " + destination, rights,
         [](bool shouldAuth) { return KdFileManager::copyFile(source, destination, shouldAuth); });
+    // A file system without extended attributes (exFAT, FAT) cannot keep
+    // labels and tags: the copy is made all the same, and this says so.
+    if (done)
+      for (const std::string& note : KdFileManager::lastAttributesNotKept())
+        std::fprintf(stderr, "kd cp: extended attributes not kept by the destination: %s\n",
+                     note.c_str());
     KdLog::finishWriting();
     if (!done) kd::tool::exitWith(1);
   });

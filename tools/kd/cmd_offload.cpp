@@ -135,6 +135,12 @@ void printText(const kd::OffloadReport& r) {
     out << "\n";
     if (!d.lost.empty()) out << "  Given up:  " << d.lost << "\n";
     if (d.manifest) out << "  Manifest:  " << *d.manifest << "\n";
+    if (d.filesWithAttributesNotKept)
+      out << "  Not kept:  the extended attributes (labels, tags) of "
+          << d.filesWithAttributesNotKept
+          << (d.filesWithAttributesNotKept == 1 ? " file" : " files")
+          << ": the destination's file system holds none (first: " << d.attributesNotKeptExample
+          << ")\n";
     for (const kd::OffloadFailure& f : d.failures) {
       out << "  Failed:    " << f.path << ": " << f.reason << "\n";
       if (f.sourceDigest) out << "             card        " << *f.sourceDigest << "\n";
@@ -173,7 +179,9 @@ void printJson(const kd::OffloadReport& r) {
         << ", \"filesReverified\": " << d.filesReverified
         << ", \"filesMissing\": " << d.filesMissing << ", \"bytesCopied\": " << d.bytesCopied
         << ", \"lost\": " << (d.lost.empty() ? "null" : jsonString(d.lost))
-        << ", \"manifest\": " << optional(d.manifest) << ", \"failures\": [";
+        << ", \"manifest\": " << optional(d.manifest)
+        << ", \"filesWithAttributesNotKept\": " << d.filesWithAttributesNotKept
+        << ", \"failures\": [";
     for (std::size_t k = 0; k < d.failures.size(); ++k) {
       const kd::OffloadFailure& f = d.failures[k];
       out << (k ? ", " : "") << "{\"path\": " << jsonString(f.path)
