@@ -18,8 +18,10 @@ void setupCp(CLI::App& app) {
   kd::tool::addRightsOptions(cmd, rights, true);
   cmd->footer(
       "Copies SOURCE to DEST, which must not exist: nothing is ever replaced. A folder\n"
-      "is copied with everything below it; links stay links, permissions and\n"
-      "modification times are kept. The copy takes its name only when complete.\n"
+      "is copied with everything below it; links stay links, permissions,\n"
+      "modification times and extended attributes (labels, tags) are kept; those the\n"
+      "destination cannot hold are named on standard error. The copy takes its name\n"
+      "only when complete.\n"
       "Where the user lacks the rights, kd asks for a password unless --no-auth is\n"
       "given. Exits 1 on failure.");
   cmd->callback([] {
