@@ -114,7 +114,10 @@ struct Target {
     while (keep < parts.size() && keep + 1 < open.size() && open[keep + 1].name == parts[keep])
       ++keep;
     leaveTo(keep + 1);
-    if (std::optional<std::string> moved = intact()) return moved;
+    if (std::optional<std::string> moved = intact()) {
+      leaveTo(firstMoved().value_or(1));  // opened anew, and checked, by the next file
+      return moved;
+    }
     for (std::size_t i = keep; i < parts.size(); ++i) {
       const int above = current();
       const char* name = parts[i].c_str();
@@ -142,17 +145,22 @@ struct Target {
 
   // Whether every open folder still has its name in the one above: a folder
   // moved away or replaced during the run holds no copy that is where it
-  // belongs. The folders from the first one that moved are let go.
-  std::optional<std::string> intact() {
+  // belongs. The reason when one does not; the folders stay open (the
+  // caller's descriptors may still be in use).
+  std::optional<std::string> intact() const {
+    if (std::optional<std::size_t> moved = firstMoved()) {
+      std::string path;
+      for (std::size_t j = 1; j <= *moved; ++j) path += (j > 1 ? "/" : "") + open[j].name;
+      return "the folder " + path + " was moved or replaced during the offload";
+    }
+    return std::nullopt;
+  }
+  std::optional<std::size_t> firstMoved() const {
     for (std::size_t i = 1; i < open.size(); ++i) {
       struct stat st {};
       if (::fstatat(open[i - 1].fd.get(), open[i].name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
-          !sameItem(st, open[i].st)) {
-        std::string path;
-        for (std::size_t j = 1; j <= i; ++j) path += (j > 1 ? "/" : "") + open[j].name;
-        leaveTo(i);
-        return "the folder " + path + " was moved or replaced during the offload";
-      }
+          !sameItem(st, open[i].st))
+        return i;
     }
     return std::nullopt;
   }
