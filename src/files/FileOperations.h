@@ -76,6 +76,11 @@ bool refusesFolderAlias(const std::string& path, const char* message);
 void clearFailure();
 void recordFailure(int error);
 void recordFailure(const std::string& reason, bool needsRights = false);
+// Extended attributes that a copy could not keep (its file system holds
+// none): noted per item on the current thread, cleared with the failure
+// record, each as "<item>: <name>, <name>".
+void noteAttributesNotKept(const std::string& item, const std::vector<std::string>& names);
+const std::vector<std::string>& attributesNotKept();
 // Whether an error number means "no rights": a permission error or a locked item.
 bool isRightsError(int error);
 

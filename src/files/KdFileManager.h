@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "common/PropertyList.h"
+#include "common/UniqueFd.h"
 #include "files/KdDelegates.h"
 #include "files/KdDigestContext.h"
 
@@ -151,6 +152,10 @@ class KdFileManager {
   // rights: what a caller needs to decide about asking for a password.
   static std::string lastFailureReason();
   static bool lastFailureNeedsRights();
+  // The extended attributes that the last copy or move on this thread could
+  // not keep because the destination's file system holds none, each as
+  // "<item>: <name>, <name>"; the operation itself still succeeded.
+  static std::vector<std::string> lastAttributesNotKept();
 
   // ===================================================================
   // Hashing (KdFileManager_Hash.cpp)
@@ -248,6 +253,9 @@ class KdFileManager {
     std::string failure;
     // The system's error number of a failed write or flush; 0 otherwise.
     int error = 0;
+    // The source's extended attributes that the destination could not take
+    // (its file system holds none, or not that many); the copy still counts.
+    std::vector<std::string> attributesNotKept;
   };
   // The whole copy: `completed` is the result of the boolean operations.
   struct CopyResult {
@@ -275,6 +283,27 @@ class KdFileManager {
                                    int verificationType,
                                    std::shared_ptr<const KdFileCopyDelegate> delegate,
                                    std::any object = {}, std::any object2 = {});
+  // A destination that the caller has opened itself: `fd`, a regular file
+  // opened for reading and writing, is handed over (the copy closes it) and
+  // written from its start; `name` is its name in the open folder `folder`
+  // (the caller's), by which the copy checks at the end that the file still
+  // has its name there. `path` stands for it in messages and the outcome.
+  struct OpenDestination {
+    std::string path;
+    int folder = -1;
+    std::string name;
+    kd::UniqueFd fd;
+  };
+  // The same copy into destinations opened by the caller, so that a caller
+  // working below an open folder never has a destination looked up by path:
+  // no folders are made and nothing is opened by name. The source must be a
+  // regular file. With `keepPermissions` the source's permission bits (read,
+  // write, run; never set-id or sticky) go on every destination, as far as
+  // its file system holds them.
+  static CopyResult copyFileToOpenDestinations(
+      const std::string& source, std::vector<OpenDestination> destinations,
+      const CopyDigest& digest, std::shared_ptr<const KdFileCopyDelegate> delegate = nullptr,
+      bool keepPermissions = false);
   // The same copy with any digest kind, telling each destination's outcome.
   static CopyResult copyFileWithOutcome(
       const std::string& source, const std::vector<std::string>& destinations,

@@ -34,6 +34,7 @@
 #include "log/Format.h"
 #include "log/KdException.h"
 #include "log/KdLog.h"
+#include "platform/FileMetadata.h"
 #include "platform/Platform.h"
 
 namespace {
@@ -101,6 +102,10 @@ std::size_t writeFully(int fd, const unsigned char* from, std::size_t length, of
     done += static_cast<std::size_t>(n);
   }
   return done;
+}
+
+std::string errorText(int error) {
+  return std::strerror(error);
 }
 
 bool sameFile(const struct stat& a, const struct stat& b) {
@@ -173,13 +178,26 @@ class SlotBuffers {
 // copy runs; the caller's thread reads it after that thread has been joined.
 struct Destination {
   std::string path;
+  int folder = AT_FDCWD;  // the open folder that `name` is in; AT_FDCWD: `name` is the path
+  std::string name;
   kd::UniqueFd fd;
   std::unique_ptr<KdFileManager::CopyDigester> digest;
   SlotBuffers::Buffer readBack;
-  int writeError = 0;     // errno of the first failed write
-  int flushError = 0;     // errno of a failed flush or close
-  bool gone = false;      // its name no longer leads to the file written
-  int readBackError = 0;  // errno of the first failed read-back
+  int writeError = 0;                          // errno of the first failed write
+  int flushError = 0;                          // errno of a failed flush or close
+  bool gone = false;                           // its name no longer leads to the file written
+  int readBackError = 0;                       // errno of the first failed read-back
+  std::vector<std::string> attributesNotKept;  // the source's attributes it could not take
+  std::string metadataError;                   // why a date could not be set
+};
+
+// What goes on every destination once the whole source was copied: read only
+// while the copy runs.
+struct SourceMetadata {
+  int fd = -1;  // the source itself, for its extended attributes
+  struct stat st {};
+  std::optional<kd::FileDate> creationDate;
+  bool keepPermissions = false;
 };
 
 // What one destination did with one slot, read when the slot is accounted.
@@ -202,9 +220,10 @@ struct Slot {
 // digest) the source's digest.
 class Pipeline {
  public:
-  Pipeline(int source, std::vector<Destination>& destinations,
+  Pipeline(int source, const SourceMetadata& metadata, std::vector<Destination>& destinations,
            KdFileManager::CopyDigester* sourceDigest, std::shared_ptr<KdCancellation> cancellation)
       : source_(source),
+        metadata_(metadata),
         destinations_(destinations),
         sourceDigest_(sourceDigest),
         stages_(destinations.size() + (sourceDigest ? 1 : 0)),
@@ -239,7 +258,7 @@ class Pipeline {
   // Returns errno of a read error, 0 otherwise.
   int run(bool threaded, const Account& account) {
     if (threaded) startThreads();
-    std::uint64_t seq = 0, accounted = 0;
+    std::uint64_t seq = 0, accounted = 0, read = 0;
     int readError = 0;
     bool stopAccounting = false;
     auto accountUpTo = [&](std::uint64_t upTo) {
@@ -259,9 +278,15 @@ class Pipeline {
       slot.offset = seq * kSlotSize;
       slot.length = readFully(source_, slot.data.get(), kSlotSize, 0, false, readError);
       if (slot.length == 0) break;
+      read += slot.length;
       publish(seq, threaded);
       ++seq;
       if (slot.length < kSlotSize) break;
+    }
+    {
+      std::lock_guard lock(mu_);
+      complete_ = readError == 0 && !stopAccounting &&
+                  read >= static_cast<std::uint64_t>(metadata_.st.st_size);
     }
     closeRing();
     accountUpTo(seq);
@@ -388,7 +413,26 @@ class Pipeline {
     }
   }
 
-  // Flushes the destination to its device and closes it, unless the copy
+  // Puts the source's attributes, dates and (when asked) permission bits on
+  // the open destination; through the descriptor, so that only the file
+  // written gets them, whatever its name leads to by now.
+  void applyMetadata(Destination& d) {
+    kd::FileMetadata& files = kd::platform().fileMetadata();
+    d.attributesNotKept = files.copyExtendedAttributes(metadata_.fd, d.fd.get());
+    if (metadata_.creationDate)
+      files.setCreationDateOf(d.fd.get(), *metadata_.creationDate, &d.metadataError);
+    // A file system without permission bits (exFAT, FAT) keeps its own.
+    if (metadata_.keepPermissions) ::fchmod(d.fd.get(), metadata_.st.st_mode & 0777);
+    // The modification date with the file's own access time beside it:
+    // exFAT through FUSE drops a modification date sent alone.
+    struct stat own {};
+    if (::fstat(d.fd.get(), &own) != 0) own.st_atim.tv_nsec = UTIME_OMIT;
+    const struct timespec times[2] = {own.st_atim, metadata_.st.st_mtim};
+    if (::futimens(d.fd.get(), times) != 0) d.metadataError = errorText(errno);
+  }
+
+  // With the whole source copied, puts its metadata on the destination; then
+  // flushes the destination to its device and closes it, unless the copy
   // was stopped (then it is only closed). A destination whose name no longer
   // leads to the file written (removed or replaced meanwhile) has failed: what
   // was written is no longer where it was asked for.
@@ -396,11 +440,13 @@ class Pipeline {
     Destination& d = destinations_[index];
     if (!d.fd) return;
     if (!cancellation_->cancelled()) {
+      if (complete_) applyMetadata(d);
       if (::fdatasync(d.fd.get()) != 0) d.flushError = errno;
       struct stat written {
       }, named{};
       if (::fstat(d.fd.get(), &written) == 0 &&
-          (::lstat(d.path.c_str(), &named) != 0 || !sameFile(written, named))) {
+          (::fstatat(d.folder, d.name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+           !sameFile(written, named))) {
         d.gone = true;
         if (d.flushError == 0) d.flushError = ENOENT;
       }
@@ -409,6 +455,7 @@ class Pipeline {
   }
 
   const int source_;
+  const SourceMetadata& metadata_;
   std::vector<Destination>& destinations_;
   KdFileManager::CopyDigester* const sourceDigest_;
   const std::size_t stages_;
@@ -418,6 +465,9 @@ class Pipeline {
   // Set before the ring closes, read by the stages after: the lock on mu_
   // orders the two.
   bool inlineAfterFailure_ = false;
+  // Whether the whole source was read without a failure or a stop: set
+  // before the ring closes, read after, like inlineAfterFailure_.
+  bool complete_ = false;
 
   std::mutex mu_;
   std::condition_variable published_cv_;  // a slot was published, or the ring closed
@@ -491,9 +541,25 @@ std::optional<std::string> refusedDestination(const std::string& source,
   return std::nullopt;
 }
 
-std::string errorText(int error) {
-  return std::strerror(error);
+// Opens the source for reading: a regular file only, and never waiting on a
+// named pipe or a device (opened without blocking, checked, then made
+// blocking for the copy).
+kd::UniqueFd openSource(const std::string& source, struct stat& st) {
+  if (source.find('\0') != std::string::npos) return kd::UniqueFd();
+  kd::UniqueFd fd(kd::retryOnEintr(
+      [&] { return ::open(source.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }));
+  if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return kd::UniqueFd();
+  const int flags = ::fcntl(fd.get(), F_GETFL);
+  if (flags < 0 || ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) return kd::UniqueFd();
+  return fd;
 }
+
+KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const std::string& source,
+                                     kd::UniqueFd sourceFd, const struct stat& sourceStat,
+                                     std::vector<Destination>& open,
+                                     const KdFileManager::CopyDigest& digest,
+                                     const std::shared_ptr<const KdFileCopyDelegate>& delegate,
+                                     bool keepPermissions);
 
 KdFileManager::CopyResult copy(const std::string& source,
                                const std::vector<std::string>& destinations,
@@ -507,6 +573,13 @@ KdFileManager::CopyResult copy(const std::string& source,
   }
   if (destinations.empty()) {
     console("Error: You must have at least one destination. Aborting copy process...");
+    return result;
+  }
+  // Only a regular file is copied: refused before any folder or file is made.
+  struct stat given {};
+  if (source.find('\0') != std::string::npos ||
+      (::stat(source.c_str(), &given) == 0 && !S_ISREG(given.st_mode))) {
+    console("Error: Unable to read source file %@. Aborting copy process...", source);
     return result;
   }
   for (const std::string& path : destinations) {
@@ -524,7 +597,6 @@ KdFileManager::CopyResult copy(const std::string& source,
     return result;
   }
 
-  const auto cancellation = KdCancellation::make();
   KdCopySettings& settings = result.settings;
   settings.source = source;
   settings.destinations = destinations;
@@ -532,21 +604,13 @@ KdFileManager::CopyResult copy(const std::string& source,
   settings.object = std::move(object);
   settings.object2 = std::move(object2);
 
-  kd::UniqueFd sourceFd;
-  if (source.find('\0') == std::string::npos)
-    sourceFd.reset(kd::retryOnEintr([&] { return ::open(source.c_str(), O_RDONLY | O_CLOEXEC); }));
   struct stat sourceStat {};
-  if (!sourceFd || ::fstat(sourceFd.get(), &sourceStat) != 0) {
+  kd::UniqueFd sourceFd = openSource(source, sourceStat);
+  if (!sourceFd) {
     console("Error: Unable to read source file %@. Aborting copy process...", source);
     return result;
   }
-  ::posix_fadvise(sourceFd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-  const std::uint64_t size = static_cast<std::uint64_t>(sourceStat.st_size);
-  const std::uint64_t step = std::max(size / 1000, kMinProgressStep);
-  const std::optional<KdFileManager::Date> creationDate =
-      kd::platform().fileMetadata().creationDate(source);
 
-  const bool verifying = static_cast<bool>(digest.make);
   std::vector<Destination> open;
   open.reserve(destinations.size());
   for (const std::string& path : destinations) {
@@ -557,16 +621,41 @@ KdFileManager::CopyResult copy(const std::string& source,
     }
     Destination& d = open.emplace_back();
     d.path = path;
+    d.name = path;
     d.fd = std::move(fd);
-    if (verifying) d.digest = digest.make();
   }
+  return copyOpened(result, source, std::move(sourceFd), sourceStat, open, digest, delegate,
+                    /*keepPermissions=*/false);
+}
+
+// The copy from the open source to the open destinations.
+KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const std::string& source,
+                                     kd::UniqueFd sourceFd, const struct stat& sourceStat,
+                                     std::vector<Destination>& open,
+                                     const KdFileManager::CopyDigest& digest,
+                                     const std::shared_ptr<const KdFileCopyDelegate>& delegate,
+                                     bool keepPermissions) {
+  const auto cancellation = KdCancellation::make();
+  KdCopySettings& settings = result.settings;
+  ::posix_fadvise(sourceFd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+  const std::uint64_t size = static_cast<std::uint64_t>(sourceStat.st_size);
+  const std::uint64_t step = std::max(size / 1000, kMinProgressStep);
+  SourceMetadata metadata;
+  metadata.fd = sourceFd.get();
+  metadata.st = sourceStat;
+  metadata.creationDate = kd::platform().fileMetadata().creationDate(source);
+  metadata.keepPermissions = keepPermissions;
+
+  const bool verifying = static_cast<bool>(digest.make);
+  if (verifying)
+    for (Destination& d : open) d.digest = digest.make();
   std::unique_ptr<KdFileManager::CopyDigester> sourceDigest;
   if (verifying) sourceDigest = digest.make();
 
   std::uint64_t total = 0, lastReported = 0;
   int readError = 0;
   {
-    Pipeline pipeline(sourceFd.get(), open, sourceDigest.get(), cancellation);
+    Pipeline pipeline(sourceFd.get(), metadata, open, sourceDigest.get(), cancellation);
     if (!pipeline.allocate()) {
       KdLog::appendLogAndPrint("Error copying file %@ - out of memory", source);
       return result;
@@ -661,19 +750,15 @@ KdFileManager::CopyResult copy(const std::string& source,
     settings.destChecksums = std::move(texts);
   }
 
-  // Each attribute the source has goes on every destination. An error stays
+  // The metadata went on each destination as it was finished. An error stays
   // once it happened and is told again for every later destination.
   std::optional<std::string> metadataError;
-  for (const Destination& d : open) {
+  for (std::size_t i = 0; i < open.size(); ++i) {
+    const Destination& d = open[i];
+    result.destinations[i].attributesNotKept = d.attributesNotKept;
     // Whatever now has the name of a destination that went is not ours.
     if (d.gone) continue;
-    if (creationDate) {
-      std::string why;
-      if (!kd::platform().fileMetadata().setCreationDate(d.path, *creationDate, &why))
-        metadataError = why;
-    }
-    if (const int err = kd::files::setModificationTime(d.path, sourceStat.st_mtim))
-      metadataError = errorText(err);
+    if (!d.metadataError.empty()) metadataError = d.metadataError;
     if (metadataError) console("Error setting metadata for file %@ - %@", d.path, *metadataError);
   }
 
@@ -691,6 +776,69 @@ KdFileManager::CopyResult KdFileManager::copyFileWithOutcome(
   try {
     return copy(source, destinations, digest, std::move(delegate), std::move(object),
                 std::move(object2));
+  } catch (const std::exception& e) {
+    KdException::logException(e, kMethod);
+  } catch (...) {
+    KdException::logException("unknown", "an exception that is not a std::exception", kMethod);
+  }
+  return CopyResult();
+}
+
+namespace {
+
+KdFileManager::CopyResult copyToOpen(const std::string& source,
+                                     std::vector<KdFileManager::OpenDestination>& destinations,
+                                     const KdFileManager::CopyDigest& digest,
+                                     std::shared_ptr<const KdFileCopyDelegate> delegate,
+                                     bool keepPermissions) {
+  KdFileManager::CopyResult result;
+  if (destinations.empty()) {
+    console("Error: You must have at least one destination. Aborting copy process...");
+    return result;
+  }
+  KdCopySettings& settings = result.settings;
+  settings.source = source;
+  for (const KdFileManager::OpenDestination& d : destinations)
+    settings.destinations.push_back(d.path);
+  settings.delegate = delegate;
+
+  struct stat sourceStat {};
+  kd::UniqueFd sourceFd = openSource(source, sourceStat);
+  if (!sourceFd) {
+    console("Error: Unable to read source file %@. Aborting copy process...", source);
+    return result;
+  }
+  std::vector<Destination> open;
+  open.reserve(destinations.size());
+  for (KdFileManager::OpenDestination& given : destinations) {
+    struct stat st {};
+    bool usable = given.fd && ::fstat(given.fd.get(), &st) == 0 && S_ISREG(st.st_mode) &&
+                  !sameFile(st, sourceStat);
+    for (const Destination& d : open) {
+      struct stat other {};
+      if (usable && ::fstat(d.fd.get(), &other) == 0 && sameFile(st, other)) usable = false;
+    }
+    if (!usable || kd::retryOnEintr([&] { return ::ftruncate(given.fd.get(), 0); }) != 0) {
+      console("Error: Unable to open destination file %@. Aborting copy process...", given.path);
+      return result;
+    }
+    Destination& d = open.emplace_back();
+    d.path = given.path;
+    d.folder = given.folder;
+    d.name = given.name;
+    d.fd = std::move(given.fd);
+  }
+  return copyOpened(result, source, std::move(sourceFd), sourceStat, open, digest, delegate,
+                    keepPermissions);
+}
+
+}  // namespace
+
+KdFileManager::CopyResult KdFileManager::copyFileToOpenDestinations(
+    const std::string& source, std::vector<OpenDestination> destinations, const CopyDigest& digest,
+    std::shared_ptr<const KdFileCopyDelegate> delegate, bool keepPermissions) {
+  try {
+    return copyToOpen(source, destinations, digest, std::move(delegate), keepPermissions);
   } catch (const std::exception& e) {
     KdException::logException(e, kMethod);
   } catch (...) {

@@ -26,11 +26,23 @@ struct Failure {
   bool needsRights = false;
 };
 thread_local Failure tFailure;
+thread_local std::vector<std::string> tAttributesNotKept;
 
 }  // namespace
 
 void clearFailure() {
   tFailure = Failure{};
+  tAttributesNotKept.clear();
+}
+
+void noteAttributesNotKept(const std::string& item, const std::vector<std::string>& names) {
+  std::string note = item + ":";
+  for (std::size_t i = 0; i < names.size(); ++i) note += (i ? ", " : " ") + names[i];
+  tAttributesNotKept.push_back(std::move(note));
+}
+
+const std::vector<std::string>& attributesNotKept() {
+  return tAttributesNotKept;
 }
 
 void recordFailure(int error) {
@@ -94,6 +106,10 @@ bool fallsBack(bool shouldAuth, int error) {
 
 std::string KdFileManager::lastFailureReason() {
   return files::tFailure.reason;
+}
+
+std::vector<std::string> KdFileManager::lastAttributesNotKept() {
+  return files::attributesNotKept();
 }
 
 bool KdFileManager::lastFailureNeedsRights() {

@@ -18,6 +18,8 @@
 #include "common/Utf8.h"
 #include "files/FileOperations.h"
 #include "paths/KdLocalPaths.h"
+#include "platform/FileMetadata.h"
+#include "platform/Platform.h"
 
 namespace kd::files {
 
@@ -118,6 +120,15 @@ void keepOwner(int fd, const struct stat& st) {
   }
 }
 
+// Puts the extended attributes of the open item `from` (labels, tags, the
+// stored creation date) on its open copy `to`; those the copy's file system
+// cannot hold are noted for the caller to tell.
+void keepAttributes(int from, int to, const char* name) {
+  const std::vector<std::string> lost =
+      kd::platform().fileMetadata().copyExtendedAttributes(from, to);
+  if (!lost.empty()) noteAttributesNotKept(name, lost);
+}
+
 // Copies `name` of the folder `from` to `name` of the folder `to` (which must
 // not exist there).
 int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toName) {
@@ -145,6 +156,7 @@ int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toNam
     }));
     if (!out) return errno;
     if (int err = copyData(in.get(), out.get())) return err;
+    keepAttributes(in.get(), out.get(), fromName);
     keepOwner(out.get(), st);
     if (::fchmod(out.get(), st.st_mode & 07777) != 0) return errno;
     if (::futimens(out.get(), times) != 0) return errno;
@@ -162,6 +174,7 @@ int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toNam
     if (!names) return errno;
     for (const std::string& name : *names)
       if (int err = copyAt(in.get(), name.c_str(), out.get(), name.c_str())) return err;
+    keepAttributes(in.get(), out.get(), fromName);
     keepOwner(out.get(), st);
     if (::fchmod(out.get(), st.st_mode & 07777) != 0) return errno;
     if (::futimens(out.get(), times) != 0) return errno;

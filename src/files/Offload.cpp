@@ -49,30 +49,136 @@ std::chrono::system_clock::time_point timeOf(const struct timespec& t) {
           std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec)));
 }
 
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+bool sameItem(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// Renames within an open folder without replacing: EEXIST when the name is
+// taken. A file system that cannot refuse by itself (exFAT through FUSE) is
+// looked at first.
+int renameNoReplaceAt(int folder, const std::string& from, const std::string& to) {
+  if (::renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS) return errno;
+  struct stat st {};
+  if (::fstatat(folder, to.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
+  if (::fstatat(folder, from.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+  return ::renameat(folder, from.c_str(), folder, to.c_str()) == 0 ? 0 : errno;
+}
+
+// A folder of a destination held open, as it was when it was opened.
+struct OpenFolder {
+  std::string name;  // in the folder above; empty for the card's folder
+  UniqueFd fd;
+  struct stat st {};
+  bool changed = false;  // a file took its name here: flushed before the hash list
+};
+
 // One destination while the run goes on. Owned by the run; one thread.
+//
+// The card's folder in the destination is held open for the whole run, and
+// below it the folders of the current file, each opened from the one above
+// without following links: every file is made, checked and named through
+// these descriptors, never by a path that a link put in meanwhile could lead
+// elsewhere.
 struct Target {
-  std::string folder;  // <destination>/<name>
-  dev_t device = 0;
+  std::string folder;            // <destination>/<name>
+  std::vector<OpenFolder> open;  // open[0] the card's folder, then the current file's folders
   OffloadDestination report;
   bool historyUsable = false;
   MhlHistory history;
-  std::vector<MhlHash> entries;          // what this run adds to the hash list
-  std::vector<std::string> realFolders;  // relative folders seen to be no link
+  std::vector<MhlHash> entries;  // what this run adds to the hash list
 
-  // Why a file cannot go below the relative folder `folder`: a link or a
-  // file where a folder of the card belongs would take the copy elsewhere.
-  std::optional<std::string> wayBlocked(const std::string& folder) {
-    for (std::size_t end = 0; end != std::string::npos && !folder.empty();) {
-      end = folder.find('/', end + 1);
-      const std::string part = folder.substr(0, end);
-      if (std::find(realFolders.begin(), realFolders.end(), part) != realFolders.end()) continue;
-      struct stat st {};
-      if (::lstat((this->folder + "/" + part).c_str(), &st) != 0) return std::nullopt;
-      if (!S_ISDIR(st.st_mode))
+  const OpenFolder& root() const { return open.front(); }
+  int current() const { return open.back().fd.get(); }
+  std::string currentPath() const {
+    std::string path;
+    for (std::size_t i = 1; i < open.size(); ++i) path += (i > 1 ? "/" : "") + open[i].name;
+    return path;
+  }
+
+  // Opens the relative folder `relative` below the card's folder, making
+  // what is missing; the reason when it cannot. A link or a file where a
+  // folder of the card belongs would take the copy elsewhere: nothing goes
+  // below it.
+  std::optional<std::string> enter(const std::string& relative, bool make) {
+    std::vector<std::string> parts;
+    for (std::size_t start = 0; start < relative.size();) {
+      std::size_t end = relative.find('/', start);
+      if (end == std::string::npos) end = relative.size();
+      parts.push_back(relative.substr(start, end - start));
+      start = end + 1;
+    }
+    std::size_t keep = 0;
+    while (keep < parts.size() && keep + 1 < open.size() && open[keep + 1].name == parts[keep])
+      ++keep;
+    leaveTo(keep + 1);
+    if (std::optional<std::string> moved = intact()) {
+      leaveTo(firstMoved().value_or(1));  // opened anew, and checked, by the next file
+      return moved;
+    }
+    for (std::size_t i = keep; i < parts.size(); ++i) {
+      const int above = current();
+      const char* name = parts[i].c_str();
+      UniqueFd fd(retryOnEintr([&] { return ::openat(above, name, kFolderFlags); }));
+      if (!fd && errno == ENOENT && make) {
+        if (::mkdirat(above, name, 0755) != 0 && errno != EEXIST) return std::strerror(errno);
+        fd.reset(retryOnEintr([&] { return ::openat(above, name, kFolderFlags); }));
+      }
+      if (!fd && (errno == ELOOP || errno == ENOTDIR)) {
+        std::string part = currentPath();
+        part += (part.empty() ? "" : "/") + parts[i];
         return "a link or a file is where the folder " + part + " belongs; nothing was written";
-      realFolders.push_back(part);
+      }
+      OpenFolder& folder = open.emplace_back();
+      folder.name = parts[i];
+      if (!fd || ::fstat(fd.get(), &folder.st) != 0) {
+        const int err = errno;
+        open.pop_back();
+        return std::string(std::strerror(err));
+      }
+      folder.fd = std::move(fd);
     }
     return std::nullopt;
+  }
+
+  // Whether every open folder still has its name in the one above: a folder
+  // moved away or replaced during the run holds no copy that is where it
+  // belongs. The reason when one does not; the folders stay open (the
+  // caller's descriptors may still be in use).
+  std::optional<std::string> intact() const {
+    if (std::optional<std::size_t> moved = firstMoved()) {
+      std::string path;
+      for (std::size_t j = 1; j <= *moved; ++j) path += (j > 1 ? "/" : "") + open[j].name;
+      return "the folder " + path + " was moved or replaced during the offload";
+    }
+    return std::nullopt;
+  }
+  std::optional<std::size_t> firstMoved() const {
+    for (std::size_t i = 1; i < open.size(); ++i) {
+      struct stat st {};
+      if (::fstatat(open[i - 1].fd.get(), open[i].name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 ||
+          !sameItem(st, open[i].st))
+        return i;
+    }
+    return std::nullopt;
+  }
+
+  // Closes the open folders from `size` on, each flushed to its device first
+  // when a file took its name in it.
+  void leaveTo(std::size_t size) {
+    while (open.size() > size) {
+      if (open.back().changed) ::fsync(open.back().fd.get());
+      open.pop_back();
+    }
+  }
+
+  // Flushes every folder in which a file took its name, so that the names
+  // are on the device before the hash list that records them.
+  void flushFolders() {
+    leaveTo(1);
+    if (open.front().changed && ::fsync(open.front().fd.get()) == 0) open.front().changed = false;
   }
 
   bool live() const { return report.lost.empty(); }
@@ -87,24 +193,16 @@ struct Target {
     report.lost = std::move(reason);
     report.filesMissing += remaining;
   }
-  // Whether the destination's folder is still there, on the same device.
+  // Whether the destination's folder is still the one held open.
   std::optional<std::string> gone() const {
     struct stat st {};
-    if (::stat(folder.c_str(), &st) != 0)
+    if (::lstat(folder.c_str(), &st) != 0)
       return "the destination is gone (" + std::string(std::strerror(errno)) + ")";
-    if (!S_ISDIR(st.st_mode) || st.st_dev != device)
+    if (!S_ISDIR(st.st_mode) || !sameItem(st, root().st))
       return std::string("the destination is gone (its folder was replaced or unmounted)");
     return std::nullopt;
   }
 };
-
-// Opens for writing what the copy would write, to learn whether a
-// destination can take the file at all.
-bool canWrite(const std::string& part) {
-  UniqueFd fd(retryOnEintr(
-      [&] { return ::open(part.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666); }));
-  return static_cast<bool>(fd);
-}
 
 // The run itself; one per call of offloadCard, on the caller's thread.
 class Run {
@@ -180,7 +278,11 @@ class Run {
                         (error.empty() ? std::strerror(errno) : error);
         return false;
       }
-      if (!S_ISDIR(st.st_mode)) {  // a link would take the copies elsewhere
+      OpenFolder& root = t.open.emplace_back();
+      root.fd.reset(retryOnEintr([&] { return ::open(t.folder.c_str(), kFolderFlags); }));
+      // A link would take the copies elsewhere.
+      if (!S_ISDIR(st.st_mode) || !root.fd || ::fstat(root.fd.get(), &root.st) != 0 ||
+          !sameItem(root.st, st)) {
         report_.error = "The destination " + t.folder + " is a link, not a folder";
         return false;
       }
@@ -196,11 +298,10 @@ class Run {
         return false;
       }
       for (const Target& other : targets_)
-        if (&other != &t && other.device == st.st_dev && sameFolder(other.folder, st)) {
+        if (&other != &t && sameItem(other.root().st, st)) {
           report_.error = "The destination " + t.folder + " is named twice";
           return false;
         }
-      t.device = st.st_dev;
       if (options_.mhl) {
         t.historyUsable = MhlHistory::load(t.folder, t.history, error);
         if (!t.historyUsable)
@@ -211,18 +312,24 @@ class Run {
     return true;
   }
 
-  static bool sameFolder(const std::string& folder, const struct stat& st) {
-    struct stat other {};
-    return ::stat(folder.c_str(), &other) == 0 && other.st_ino == st.st_ino;
-  }
+  // One copy being made: the destination, the temporary file's name in the
+  // file's folder there, and its path for messages.
+  struct Part {
+    Target* target;
+    std::string name;
+    std::string path;
+  };
 
   void offloadFile(std::size_t index) {
     const CardFile& file = tree_.files[index];
     const std::string source = trimmed(options_.card) + "/" + file.path;
     if (progress_.fileStarted) progress_.fileStarted(file.path, file.size);
     const std::uint64_t remainingAfter = tree_.files.size() - index - 1;
+    const std::string name = baseName(file.path);
 
-    std::vector<Target*> copyTo, confirm;
+    std::vector<Part> copyTo;
+    std::vector<KdFileManager::OpenDestination> opened;
+    std::vector<Target*> confirm;
     for (Target& t : targets_) {
       if (!t.live()) continue;
       // A destination unmounted under the run leaves an empty mount point:
@@ -232,70 +339,64 @@ class Run {
         continue;
       }
       const std::string final = t.folder + "/" + file.path;
-      if (std::optional<std::string> blocked = t.wayBlocked(folderOf(file.path))) {
-        t.fail(final, *blocked);
+      if (std::optional<std::string> problem = t.enter(folderOf(file.path), true)) {
+        loseOrFail(t, final, *problem, remainingAfter);
         continue;
       }
+      const int folder = t.current();
       struct stat st {};
-      if (::lstat(final.c_str(), &st) == 0) {
+      if (::fstatat(folder, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
         if (S_ISREG(st.st_mode) && static_cast<std::uint64_t>(st.st_size) == file.size)
           confirm.push_back(&t);
         else
           t.fail(final, "something else is already there; it was left as it is");
-      } else if (errno == ENOENT || errno == ENOTDIR) {
-        std::string error;
-        if (errno == ENOENT && createFolders(folderOf(final), 0755, std::nullopt, &error)) {
-          copyTo.push_back(&t);
-        } else {
-          loseOrFail(t, final, error.empty() ? "its folder cannot be made" : error, remainingAfter);
-        }
-      } else {
-        loseOrFail(t, final, std::strerror(errno), remainingAfter);
+        continue;
       }
+      if (errno != ENOENT) {
+        loseOrFail(t, final, std::strerror(errno), remainingAfter);
+        continue;
+      }
+      Part part{&t, partOf(file), ""};
+      part.path = folderOf(final) + "/" + part.name;
+      // A temporary file of a stopped run is written anew.
+      if (::fstatat(folder, part.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+          S_ISREG(st.st_mode))
+        ::unlinkat(folder, part.name.c_str(), 0);
+      UniqueFd fd(retryOnEintr([&] {
+        return ::openat(folder, part.name.c_str(),
+                        O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+      }));
+      if (!fd) {
+        loseOrFail(t, part.path, std::strerror(errno), remainingAfter);
+        continue;
+      }
+      opened.push_back({part.path, folder, part.name, std::move(fd)});
+      copyTo.push_back(std::move(part));
     }
 
     std::optional<std::string> sourceDigest;
     const std::uint64_t before = done_;
-    for (int attempt = 0; !copyTo.empty(); ++attempt) {
-      std::vector<std::string> parts;
-      for (Target* t : copyTo) parts.push_back(partOf(*t, file));
-      const KdFileManager::CopyResult result =
-          KdFileManager::copyFileWithOutcome(source, parts, digest_, copyDelegate(before));
-      if (result.completed) {
-        sourceDigest = result.sourceDigest;
-        report_.bytesRead += result.bytesCopied;
-        finishCopies(file, copyTo, result, remainingAfter);
-        break;
-      }
-      if (stopAsked()) {
-        report_.error = "Stopped on request while copying " + source;
-        break;
-      }
-      // A destination that cannot take the file stops the copy for all:
-      // leave it out and copy again; otherwise the card is at fault.
-      std::vector<Target*> usable;
-      for (std::size_t i = 0; i < copyTo.size(); ++i) {
-        if (canWrite(parts[i])) {
-          usable.push_back(copyTo[i]);
+    if (!copyTo.empty()) {
+      const KdFileManager::CopyResult result = KdFileManager::copyFileToOpenDestinations(
+          source, std::move(opened), digest_, copyDelegate(before), /*keepPermissions=*/true);
+      if (!result.completed) {
+        if (stopAsked()) {
+          report_.error = "Stopped on request while copying " + source;
+          for (Target& t : targets_) t.lose(report_.error, remainingAfter + 1);
         } else {
-          loseOrFail(*copyTo[i], parts[i], std::strerror(errno), remainingAfter);
-          ::unlink(parts[i].c_str());
+          cardFailed(source, index);
         }
-      }
-      if (usable.size() == copyTo.size() || attempt > 0) {
-        cardFailed(source, index);
         return;
       }
-      copyTo = std::move(usable);
-    }
-    if (!report_.error.empty()) {
-      for (Target& t : targets_) t.lose(report_.error, remainingAfter + 1);
-      return;
+      sourceDigest = result.sourceDigest;
+      report_.bytesRead += result.bytesCopied;
+      finishCopies(file, copyTo, result, remainingAfter);
     }
 
     if (!confirm.empty() && !sourceDigest) {
       std::string error;
-      sourceDigest = offload::digestOfFile(source, digest_, false, readReporter(before), error);
+      sourceDigest =
+          offload::digestOfFile(AT_FDCWD, source, digest_, false, readReporter(before), error);
       if (!sourceDigest) {
         cardFailed(source, index, error);
         return;
@@ -309,7 +410,7 @@ class Run {
 
   // The temporary name, never one that a file of the card has (a card may
   // hold ".A.MOV.kdpart" beside "A.MOV").
-  std::string partOf(const Target& t, const CardFile& file) const {
+  std::string partOf(const CardFile& file) const {
     const std::string folder = folderOf(file.path);
     const std::string prefix = folder.empty() ? "" : folder + "/";
     std::string name = offloadPartName(baseName(file.path));
@@ -318,7 +419,7 @@ class Run {
                             [](const auto&a, const auto&b) { return pathOf(a) < pathOf(b); });
          ++n)
       name = offloadPartName(baseName(file.path) + "." + std::to_string(n));
-    return t.folder + "/" + prefix + name;
+    return name;
   }
   static const std::string& pathOf(const CardFile& f) { return f.path; }
   static const std::string& pathOf(const std::string& s) { return s; }
@@ -348,7 +449,7 @@ class Run {
   // The copy verified into its temporary files; with --reverify each is read
   // again from its device (the destinations side by side), and each one that
   // verified takes the file's real name, never replacing anything.
-  void finishCopies(const CardFile& file, const std::vector<Target*>& copyTo,
+  void finishCopies(const CardFile& file, const std::vector<Part>& copyTo,
                     const KdFileManager::CopyResult& result, std::uint64_t remainingAfter) {
     const std::size_t n = copyTo.size();
     std::vector<std::optional<std::string>> reread(n);
@@ -358,14 +459,17 @@ class Run {
       for (std::size_t i = 0; i < n; ++i)
         if (result.destinations[i].verified)
           threads.emplace_back([&, i] {
-            reread[i] = offload::digestOfFile(result.destinations[i].path, digest_, true, {},
-                                              rereadError[i]);
+            reread[i] = offload::digestOfFile(copyTo[i].target->current(), copyTo[i].name, digest_,
+                                              true, {}, rereadError[i]);
           });
       for (std::thread& thread : threads) thread.join();
     }
     const auto now = std::chrono::system_clock::now();
+    const std::string name = baseName(file.path);
     for (std::size_t i = 0; i < n; ++i) {
-      Target& t = *copyTo[i];
+      Target& t = *copyTo[i].target;
+      const std::string& part = copyTo[i].name;
+      const int folder = t.current();
       const KdFileManager::CopyOutcome& outcome = result.destinations[i];
       const std::string final = t.folder + "/" + file.path;
       std::string failure;
@@ -380,13 +484,26 @@ class Run {
         else if (reread[i] != result.sourceDigest)
           failure = "read again from the device, it differs from the card's file";
       }
-      if (const int err = failure.empty() ? files::renameNoReplace(outcome.path, final) : 0) {
-        failure = "it verified, but cannot take its name (" + std::string(std::strerror(err)) +
-                  "); it stays as " + outcome.path;
-        keepPart = true;
+      // The folders must still be where they belong, before the copy takes
+      // its name and after: a copy in a folder moved aside is not a copy at
+      // the destination.
+      if (failure.empty())
+        if (std::optional<std::string> moved = t.intact()) failure = *moved + "; nothing was kept";
+      if (failure.empty()) {
+        if (const int err = renameNoReplaceAt(folder, part, name)) {
+          failure = "it verified, but cannot take its name (" + std::string(std::strerror(err)) +
+                    "); it stays as " + copyTo[i].path;
+          keepPart = true;
+        } else {
+          t.open.back().changed = true;
+          if (std::optional<std::string> moved = t.intact()) {
+            failure = *moved + " while the copy took its name; it is not where it belongs";
+            keepPart = true;
+          }
+        }
       }
       if (!failure.empty()) {
-        if (!keepPart) ::unlink(outcome.path.c_str());
+        if (!keepPart) ::unlinkat(folder, part.c_str(), 0);
         t.fail(final, failure, result.sourceDigest, destinationDigest);
         if (outcome.error == ENOSPC || outcome.error == EDQUOT)
           t.lose("the destination is full (" + std::string(std::strerror(outcome.error)) + ")",
@@ -394,6 +511,9 @@ class Run {
         else if (std::optional<std::string> gone = t.gone())
           t.lose(*gone, remainingAfter);
         continue;
+      }
+      if (!outcome.attributesNotKept.empty()) {
+        if (t.report.filesWithAttributesNotKept++ == 0) t.report.attributesNotKeptExample = final;
       }
       ++t.report.filesCopied;
       if (options_.reverify) ++t.report.filesReverified;
@@ -416,7 +536,8 @@ class Run {
     if (recorded && recorded->size == file.size && !options_.reverify)
       found = recorded->digest;
     else
-      found = offload::digestOfFile(final, digest_, options_.reverify, {}, error);
+      found = offload::digestOfFile(t.current(), baseName(file.path), digest_, options_.reverify,
+                                    {}, error);
     const auto now = std::chrono::system_clock::now();
     if (!found) {
       t.fail(final, "already there, but it cannot be read: " + error, sourceDigest);
@@ -453,6 +574,7 @@ class Run {
     creator.hostname = host;
     creator.tool = options_.tool;
     creator.toolVersion = options_.toolVersion;
+    for (Target& t : targets_) t.flushFolders();
     for (Target& t : targets_) {
       if (!t.historyUsable || t.entries.empty() || t.gone()) continue;
       std::string error;
@@ -464,9 +586,15 @@ class Run {
     for (Target& t : targets_) {
       if (t.gone()) continue;
       for (auto folder = tree_.folders.rbegin(); folder != tree_.folders.rend(); ++folder) {
-        const std::string path = folder->path.empty() ? t.folder : t.folder + "/" + folder->path;
-        files::setModificationTime(path, folder->modified);
+        if (t.enter(folder->path, false)) continue;
+        // With the access time beside it: exFAT through FUSE drops a
+        // modification time sent alone.
+        struct stat st {};
+        if (::fstat(t.current(), &st) != 0) continue;
+        const struct timespec times[2] = {st.st_atim, folder->modified};
+        ::futimens(t.current(), times);
       }
+      t.leaveTo(1);
     }
   }
 

@@ -51,6 +51,10 @@ struct OffloadDestination {
   std::string lost;
   std::uint64_t filesMissing = 0;
   std::optional<std::string> manifest;  // the hash list written by this run
+  // Copies that could not take all of their card file's extended attributes
+  // (a destination whose file system holds none); the first such copy.
+  std::uint64_t filesWithAttributesNotKept = 0;
+  std::string attributesNotKeptExample;
   // Every file of the card is there and verified.
   bool good() const { return failures.empty() && lost.empty() && filesMissing == 0; }
 };

@@ -44,11 +44,12 @@ std::string exclusionReason(const std::string& relative, const std::string& name
 // Reads the card's tree without following links.
 CardTree readCard(const std::string& card, bool skipHistory);
 
-// The digest of a whole file. With `fromDevice`, the file is first flushed
+// The digest of a whole regular file, `path` taken in the open folder `folder`
+// (AT_FDCWD: as given), its last part never followed. With `fromDevice`, the file is first flushed
 // and its cached pages dropped, so what is read comes from the device, and
 // dropped again after. `read` hears of every stretch read. Nothing with
 // `error` set when the file cannot be opened or read.
-std::optional<std::string> digestOfFile(const std::string& path,
+std::optional<std::string> digestOfFile(int folder, const std::string& path,
                                         const KdFileManager::CopyDigest& digest, bool fromDevice,
                                         const std::function<void(std::uint64_t)>& read,
                                         std::string& error);

@@ -1,5 +1,6 @@
 // Reading a whole file for its digest, from the cache or from the device.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,15 +12,25 @@
 
 namespace kd::offload {
 
-std::optional<std::string> digestOfFile(const std::string& path,
+std::optional<std::string> digestOfFile(int folder, const std::string& path,
                                         const KdFileManager::CopyDigest& digest, bool fromDevice,
                                         const std::function<void(std::uint64_t)>& read,
                                         std::string& error) {
   constexpr std::size_t kBuffer = 1 << 20;
-  UniqueFd fd(
-      retryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC); }));
-  if (!fd) {
+  // Opened without waiting, so that a named pipe put in a file's place
+  // cannot hold the run; then made blocking for the reads.
+  UniqueFd fd(retryOnEintr([&] {
+    return ::openat(folder, path.c_str(),
+                    O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  }));
+  struct stat st {};
+  if (!fd || ::fstat(fd.get(), &st) != 0) {
     error = std::strerror(errno);
+    return std::nullopt;
+  }
+  const int flags = ::fcntl(fd.get(), F_GETFL);
+  if (!S_ISREG(st.st_mode) || flags < 0 || ::fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
+    error = "it is not a regular file";
     return std::nullopt;
   }
   if (fromDevice) {

@@ -44,6 +44,14 @@ class FileMetadata {
   virtual std::optional<std::vector<std::string>> listExtendedAttributes(
       const std::string& path) = 0;
 
+  // Copies every extended attribute of the open item `from` that a copy
+  // carries (on Linux the "user." ones: labels, tags, the creation date set
+  // by the library) to the open item `to`, replacing same-named ones there.
+  // The names that could not be kept (the destination's file system holds no
+  // attributes, or none that large), as callers name them; empty when all
+  // were kept or the source has none. Both descriptors stay the caller's.
+  virtual std::vector<std::string> copyExtendedAttributes(int from, int to) = 0;
+
   // --- Creation date (of the item itself; links not followed) ---------------
   virtual std::optional<FileDate> creationDate(const std::string& path) = 0;
   // Sets the creation date. None takes back a date set earlier where the
@@ -51,6 +59,8 @@ class FileMetadata {
   // fails. `error` receives the reason of a failure.
   virtual bool setCreationDate(const std::string& path, std::optional<FileDate> date,
                                std::string* error = nullptr) = 0;
+  // The same for an open item.
+  virtual bool setCreationDateOf(int fd, FileDate date, std::string* error = nullptr) = 0;
 
   // --- Locked (immutable) state of the item itself --------------------------
   virtual bool isLocked(const std::string& path) = 0;
@@ -86,12 +96,18 @@ class ForwardingFileMetadata : public FileMetadata {
   std::optional<std::vector<std::string>> listExtendedAttributes(const std::string& path) override {
     return target_.listExtendedAttributes(path);
   }
+  std::vector<std::string> copyExtendedAttributes(int from, int to) override {
+    return target_.copyExtendedAttributes(from, to);
+  }
   std::optional<FileDate> creationDate(const std::string& path) override {
     return target_.creationDate(path);
   }
   bool setCreationDate(const std::string& path, std::optional<FileDate> date,
                        std::string* error) override {
     return target_.setCreationDate(path, date, error);
+  }
+  bool setCreationDateOf(int fd, FileDate date, std::string* error) override {
+    return target_.setCreationDateOf(fd, date, error);
   }
   bool isLocked(const std::string& path) override { return target_.isLocked(path); }
   bool setLocked(const std::string& path, bool locked, std::string* error) override {

@@ -1,6 +1,7 @@
 // The verified copy: digests against the coreutils tools, progress steps,
 // the early checks and refusals, cancellation, and the outcome without a
 // delegate.
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -8,10 +9,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -20,9 +25,13 @@
 
 #include <gtest/gtest.h>
 
+#include "common/UniqueFd.h"
 #include "common/WorkQueue.h"
 #include "files/FilesFixture.h"
 #include "files/KdFileManager.h"
+#include "files/Offload.h"
+#include "platform/FileMetadata.h"
+#include "platform/Platform.h"
 
 namespace {
 
@@ -246,23 +255,33 @@ TEST_F(Copy, EarlyChecksStopWithTheirMessagesInOrder) {
        dir_ / "fifo/x",
        {dir_ / "y"},
        "Error: File " + dir_ / "fifo/x" + " doesn't exist. Aborting copy process..."},
+      // Only a regular file is a source: refused before any folder or file
+      // is made, and never waiting for a pipe's writer.
+      {"a folder as the source",
+       folder,
+       {dir_ / "new/folder"},
+       "Error: Unable to read source file " + folder + ". Aborting copy process..."},
+      {"a named pipe as the source",
+       dir_ / "fifo",
+       {dir_ / "new/x"},
+       "Error: Unable to read source file " + dir_ / "fifo" + ". Aborting copy process..."},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const std::size_t before = console().size();
-    EXPECT_FALSE(KdFileManager::copyFileWithProgress(c.source, c.dests, c.type, nullptr));
+    auto copying = std::async(std::launch::async, [&] {
+      return KdFileManager::copyFileWithProgress(c.source, c.dests, c.type, nullptr);
+    });
+    if (copying.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+      ADD_FAILURE() << "the copy waits on the source";
+      kd::UniqueFd writer(::open((dir_ / "fifo").c_str(), O_WRONLY | O_CLOEXEC));  // lets it go
+    }
+    EXPECT_FALSE(copying.get());
     const Strings messages = console();
     ASSERT_EQ(messages.size(), before + 1);
     EXPECT_EQ(messages.back(), c.message);
+    EXPECT_FALSE(KdFileManager::fileExistsAtPath(dir_ / "new"));
   }
-  // A folder opens as a source, but reading it fails.
-  testing::internal::CaptureStdout();
-  EXPECT_FALSE(KdFileManager::copyFileWithProgress(folder, Strings{dir_ / "y"}, 0, nullptr));
-  KdLog::finishWriting();
-  testing::internal::GetCapturedStdout();
-  const kd::test::Lines lines = logged();
-  ASSERT_FALSE(lines.empty());
-  EXPECT_EQ(lines.back(), "Error reading file " + folder + " - aborting...");
   // Nothing was written through a refused name.
   EXPECT_EQ(readFile(source), contents);
   EXPECT_EQ(readFile(other), "someone else's");
@@ -308,18 +327,84 @@ TEST_F(Copy, AStopAnswerEndsTheCopyWithinAFewMiB) {
   EXPECT_EQ(logged(), kd::test::Lines{});
 }
 
-TEST_F(Copy, MetadataFollowsTheSource) {
-  const std::string source = dir_.touch("source", "footage");
+// Every way of copying a file keeps its dates, its labels and other user
+// attributes, its stored creation date and (where the copy makes the file)
+// its permission bits.
+TEST_F(Copy, CopiesKeepDatesAttributesAndPermissions) {
+  // A second file system for a move that must copy.
+  char shm[] = "/dev/shm/kdtest-XXXXXX";
+  ASSERT_NE(::mkdtemp(shm), nullptr);
+  const std::unique_ptr<char, void (*)(char*)> removeShm(
+      shm, [](char* p) { std::filesystem::remove_all(p); });
   const auto modified = kd::test::secondsAgo(86400 * 3);
   const auto created = kd::test::secondsAgo(86400 * 9);
-  ASSERT_TRUE(KdFileManager::setModificationDate(modified, source));
-  kd::platform().fileMetadata().setCreationDate(source, created);
-  const Strings dests = {dir_ / "a", dir_ / "b"};
-  EXPECT_TRUE(KdFileManager::copyFileWithProgress(source, dests, 1, nullptr));
-  for (const std::string& d : dests) {
-    EXPECT_EQ(KdFileManager::modificationDateForFile(d), modified);
-    if (KdFileManager::creationDateForFile(source) == created) {
-      EXPECT_EQ(KdFileManager::creationDateForFile(d), created);
+  struct Case {
+    const char* name;
+    std::string folder;                                          // where the source is made
+    std::function<std::string(const std::string& source)> copy;  // the copy's path
+    bool keepsMode;
+  };
+  const Case cases[] = {
+      {"verified copy", dir_.mkdir("c1"),
+       [&](const std::string& source) {
+         EXPECT_TRUE(
+             KdFileManager::copyFileWithProgress(source, Strings{dir_ / "c1/copy"}, 1, nullptr));
+         return dir_ / "c1/copy";
+       },
+       false},
+      {"copy of a file", dir_.mkdir("c2"),
+       [&](const std::string& source) {
+         EXPECT_TRUE(KdFileManager::copyFile(source, dir_ / "c2/copy", false));
+         return dir_ / "c2/copy";
+       },
+       true},
+      {"copy of a folder", dir_.mkdir("c3"),
+       [&](const std::string& source) {
+         EXPECT_TRUE(KdFileManager::copyFile(dir_ / "c3", dir_ / "c3copy", false));
+         return dir_ / "c3copy/source";
+       },
+       true},
+      {"move to another file system", shm,
+       [&](const std::string& source) {
+         EXPECT_TRUE(KdFileManager::moveFile(source, dir_ / "moved", false));
+         return dir_ / "moved";
+       },
+       true},
+      {"offload", dir_.mkdir("CARD/CLIP"),
+       [&](const std::string&) {
+         kd::OffloadOptions options;
+         options.card = dir_ / "CARD";
+         options.destinations = {dir_.mkdir("shuttle")};
+         const kd::OffloadReport report = kd::offloadCard(options);
+         EXPECT_TRUE(report.allGood()) << report.error;
+         return dir_ / "shuttle/CARD/CLIP/source";
+       },
+       true},
+  };
+  kd::FileMetadata& files = kd::platform().fileMetadata();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string source = c.folder + "/source";
+    std::ofstream(source) << "footage";
+    ASSERT_EQ(::chmod(source.c_str(), 0600), 0);
+    ASSERT_TRUE(KdFileManager::setModificationDate(modified, source));
+    if (files.setExtendedAttribute(source, "com.example.note", "keep me") != 0)
+      GTEST_SKIP() << c.folder << " holds no extended attributes";
+    KdFileManager::setFinderColorIndex(6, source);  // a label, and its tag for file managers
+    ASSERT_TRUE(files.setCreationDate(source, created));
+    const std::string copy = c.copy(source);
+    EXPECT_EQ(readFile(copy), "footage");
+    EXPECT_EQ(KdFileManager::modificationDateForFile(copy), modified);
+    EXPECT_EQ(KdFileManager::creationDateForFile(copy), created);
+    EXPECT_EQ(KdFileManager::finderColorIndexForPath(copy), 6);
+    char value[64] = {};
+    EXPECT_EQ(files.getExtendedAttribute(copy, "com.example.note", value, sizeof value), 7);
+    EXPECT_STREQ(value, "keep me");
+    EXPECT_EQ(files.getExtendedAttribute(copy, "xdg.tags", value, sizeof value), 3);
+    struct stat st {};
+    ASSERT_EQ(::stat(copy.c_str(), &st), 0);
+    if (c.keepsMode) {
+      EXPECT_EQ(st.st_mode & 07777, 0600u);
     }
   }
   EXPECT_EQ(console(), Strings{});

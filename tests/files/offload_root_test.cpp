@@ -1,6 +1,7 @@
 // Offloads with real mounts: an exFAT card image, a destination that fills
 // up, a card and a destination unmounted in the middle of the run.
 #include <sys/mount.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -53,6 +54,27 @@ TEST_F(OffloadRoot, AnExfatCardReachesBothDestinationsReadAgain) {
       EXPECT_EQ(historyProblems(d.folder + "/ascmhl"), "");
     }
   }
+}
+
+// A destination without extended attributes (exFAT) still gets every file,
+// with the permission bits it can hold, and the report says which copies lost
+// their labels; the other destination keeps them.
+TEST_F(OffloadRoot, AnExfatDestinationTellsOfTheAttributesItCannotKeep) {
+  ScopedMount shuttle("SHUTTLE" + tag_, {"/usr/sbin/mkfs.exfat", "-L", "S1"},
+                      "/usr/sbin/mount.exfat-fuse");
+  if (!shuttle.ok()) GTEST_SKIP() << shuttle.error();
+  const std::string card = dir_.mkdir("CARD");
+  const std::string labelled = dir_.touch("CARD/CLIP/C0001.MXF", varyingBytes(90000));
+  dir_.touch("CARD/CLIP/C0002.MXF", varyingBytes(5000, 2));
+  ASSERT_EQ(::setxattr(labelled.c_str(), "user.xdg.tags", "red", 3, 0), 0);
+  const OffloadReport report = offloadCard(options(card, {shuttle.point(), dir_.mkdir("raid")}));
+  ASSERT_TRUE(report.allGood()) << report.error;
+  EXPECT_EQ(report.destinations[0].filesWithAttributesNotKept, 1u);
+  EXPECT_EQ(report.destinations[0].attributesNotKeptExample,
+            shuttle.point() + "/CARD/CLIP/C0001.MXF");
+  EXPECT_EQ(report.destinations[1].filesWithAttributesNotKept, 0u);
+  char tags[8] = {};
+  EXPECT_EQ(::getxattr((dir_ / "raid/CARD/CLIP/C0001.MXF").c_str(), "user.xdg.tags", tags, 8), 3);
 }
 
 // The small destination is given up when it is full, and says so; the other

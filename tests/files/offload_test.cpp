@@ -230,6 +230,38 @@ TEST_F(Offload, DestinationLinksAndTemporaryNamesOnTheCard) {
   EXPECT_TRUE(fs::is_empty(elsewhere));
 }
 
+// A folder of a destination moved aside or swapped for a link during the run
+// (after the run has written two files into it) is never written through,
+// and no copy in it counts as verified.
+TEST_F(Offload, AFolderReplacedDuringTheRunIsNotWrittenThrough) {
+  const std::string card = dir_.mkdir("cards/A001");
+  for (int i = 1; i <= 4; ++i)
+    dir_.touch("cards/A001/CLIP/C000" + std::to_string(i) + ".MXF", varyingBytes(70000, i));
+  dir_.mkdir("d1");
+  const std::string elsewhere = dir_.mkdir("elsewhere");
+  OffloadOptions options;
+  options.card = card;
+  options.destinations = {dir_ / "d1"};
+  OffloadProgress progress;
+  progress.fileStarted = [&](const std::string& path, std::uint64_t) {
+    if (path != "CLIP/C0003.MXF") return;
+    ASSERT_EQ(::rename((dir_ / "d1/A001/CLIP").c_str(), (dir_ / "d1/A001/moved").c_str()), 0);
+    ASSERT_EQ(::symlink(elsewhere.c_str(), (dir_ / "d1/A001/CLIP").c_str()), 0);
+  };
+  const OffloadReport report = offloadCard(options, progress);
+  ASSERT_EQ(report.destinations.size(), 1u);
+  const OffloadDestination& d = report.destinations[0];
+  EXPECT_FALSE(report.allGood());
+  EXPECT_EQ(d.filesCopied, 2u);
+  ASSERT_EQ(d.failures.size(), 2u);
+  EXPECT_NE(d.failures[0].reason.find("the folder CLIP was moved or replaced"), std::string::npos)
+      << d.failures[0].reason;
+  EXPECT_TRUE(fs::is_empty(elsewhere));
+  EXPECT_EQ(listing(dir_ / "d1/A001/moved"),
+            (std::vector<std::string>{dir_ / "d1/A001/moved/C0001.MXF",
+                                      dir_ / "d1/A001/moved/C0002.MXF"}));
+}
+
 // A damaged hash list at a destination is left byte for byte; the files are
 // still copied there, and the run says it could not extend the list.
 TEST_F(Offload, ADamagedHashListIsKeptAndReported) {

@@ -77,7 +77,8 @@ void setupCopy(CLI::App& app) {
       "source itself, a name given twice, a link or anything but a regular file is\n"
       "refused. Each DEST is read back as it is written and digested, flushed to\n"
       "its device, and its digest compared with the source's. Prints \"DIGEST  PATH\"\n"
-      "for the source, then for each DEST. Dates are kept. On a terminal a progress\n"
+      "for the source, then for each DEST. Dates and extended attributes (labels,\n"
+      "tags) are kept where DEST's file system holds them. On a terminal a progress\n"
       "bar shows on standard error. Exits 1 when the copy failed, a write was short\n"
       "or a DEST did not verify, 0 otherwise.\n"
       "Example: kd copy A001.mov /backup1/A001.mov /backup2/A001.mov");
@@ -104,6 +105,13 @@ void setupCopy(CLI::App& app) {
       if (result.sourceDigest) std::cout << *result.sourceDigest << "  " << source << '\n';
       for (const KdFileManager::CopyOutcome& d : result.destinations) {
         if (d.digest) std::cout << *d.digest << "  " << d.path << '\n';
+        if (!d.attributesNotKept.empty()) {
+          std::string names;
+          for (const std::string& name : d.attributesNotKept)
+            names += (names.empty() ? "" : ", ") + name;
+          std::fprintf(stderr, "kd copy: %s: extended attributes not kept by the destination: %s\n",
+                       d.path.c_str(), names.c_str());
+        }
         if (!d.written || !d.verified) {
           std::fprintf(stderr, "kd copy: %s: %s\n", d.path.c_str(), d.failure.c_str());
           status = 1;

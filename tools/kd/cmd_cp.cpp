@@ -1,4 +1,5 @@
 // kd cp: copy a file or folder to a new path.
+#include <cstdio>
 #include <string>
 
 #include "Commands.h"
@@ -17,8 +18,10 @@ void setupCp(CLI::App& app) {
   kd::tool::addRightsOptions(cmd, rights, true);
   cmd->footer(
       "Copies SOURCE to DEST, which must not exist: nothing is ever replaced. A folder\n"
-      "is copied with everything below it; links stay links, permissions and\n"
-      "modification times are kept. The copy takes its name only when complete.\n"
+      "is copied with everything below it; links stay links, permissions,\n"
+      "modification times and extended attributes (labels, tags) are kept; those the\n"
+      "destination cannot hold are named on standard error. The copy takes its name\n"
+      "only when complete.\n"
       "Where the user lacks the rights, kd asks for a password unless --no-auth is\n"
       "given. Exits 1 on failure.");
   cmd->callback([] {
@@ -26,6 +29,12 @@ void setupCp(CLI::App& app) {
     const bool done = kd::tool::runWithRights(
         "cp", source + " to " + destination, rights,
         [](bool shouldAuth) { return KdFileManager::copyFile(source, destination, shouldAuth); });
+    // A file system without extended attributes (exFAT, FAT) cannot keep
+    // labels and tags: the copy is made all the same, and this says so.
+    if (done)
+      for (const std::string& note : KdFileManager::lastAttributesNotKept())
+        std::fprintf(stderr, "kd cp: extended attributes not kept by the destination: %s\n",
+                     note.c_str());
     KdLog::finishWriting();
     if (!done) kd::tool::exitWith(1);
   });

@@ -1,4 +1,5 @@
 // kd mv: move or rename a file or folder.
+#include <cstdio>
 #include <string>
 
 #include "Commands.h"
@@ -26,6 +27,12 @@ void setupMv(CLI::App& app) {
     const bool done = kd::tool::runWithRights(
         "mv", source + " to " + destination, rights,
         [](bool shouldAuth) { return KdFileManager::moveFile(source, destination, shouldAuth); });
+    // A file system without extended attributes (exFAT, FAT) cannot keep
+    // labels and tags: the move is made all the same, and this says so.
+    if (done)
+      for (const std::string& note : KdFileManager::lastAttributesNotKept())
+        std::fprintf(stderr, "kd mv: extended attributes not kept by the destination: %s\n",
+                     note.c_str());
     KdLog::finishWriting();
     if (!done) kd::tool::exitWith(1);
   });

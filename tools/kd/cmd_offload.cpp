@@ -44,6 +44,12 @@ void printText(const kd::OffloadReport& r) {
     out << "\n";
     if (!d.lost.empty()) out << "  Given up:  " << d.lost << "\n";
     if (d.manifest) out << "  Manifest:  " << *d.manifest << "\n";
+    if (d.filesWithAttributesNotKept)
+      out << "  Not kept:  the extended attributes (labels, tags) of "
+          << d.filesWithAttributesNotKept
+          << (d.filesWithAttributesNotKept == 1 ? " file" : " files")
+          << ": the destination's file system holds none (first: " << d.attributesNotKeptExample
+          << ")\n";
     for (const kd::OffloadFailure& f : d.failures) {
       out << "  Failed:    " << f.path << ": " << f.reason << "\n";
       if (f.sourceDigest) out << "             card        " << *f.sourceDigest << "\n";
@@ -82,7 +88,9 @@ void printJson(const kd::OffloadReport& r) {
         << ", \"filesReverified\": " << d.filesReverified
         << ", \"filesMissing\": " << d.filesMissing << ", \"bytesCopied\": " << d.bytesCopied
         << ", \"lost\": " << (d.lost.empty() ? "null" : jsonString(d.lost))
-        << ", \"manifest\": " << optional(d.manifest) << ", \"failures\": [";
+        << ", \"manifest\": " << optional(d.manifest)
+        << ", \"filesWithAttributesNotKept\": " << d.filesWithAttributesNotKept
+        << ", \"failures\": [";
     for (std::size_t k = 0; k < d.failures.size(); ++k) {
       const kd::OffloadFailure& f = d.failures[k];
       out << (k ? ", " : "") << "{\"path\": " << jsonString(f.path)
@@ -117,7 +125,9 @@ void setupOffload(CLI::App& app) {
       "card file's; nothing already there is replaced. With --reverify each copy is\n"
       "read again from its device, not from memory. Each DEST/NAME gets an ascmhl\n"
       "folder with one manifest per offload and the chain file. A repeated run skips\n"
-      "files already there with the same size and digest. The system's own files\n"
+      "files already there with the same size and digest. Copies keep their card\n"
+      "file's dates, permission bits and extended attributes where DEST's file\n"
+      "system holds them (the summary says where it does not). The system's own files\n"
       "(.Trashes, .Spotlight-V100, .fseventsd, .TemporaryItems, ._*) are left out.\n"
       "A summary goes to standard output (--json: as JSON), progress to standard\n"
       "error. Exits 0 when every file of every DEST verified, 1 when anything\n"

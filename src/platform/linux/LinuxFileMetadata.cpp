@@ -66,6 +66,52 @@ std::optional<std::string> readAttr(const std::string& path, const char* name, b
   return std::nullopt;
 }
 
+// The same from an open item.
+std::optional<std::string> readAttrAt(int fd, const char* name) {
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const ssize_t size = ::fgetxattr(fd, name, nullptr, 0);
+    if (size < 0) return std::nullopt;
+    std::string value(static_cast<std::size_t>(size), '\0');
+    const ssize_t got = ::fgetxattr(fd, name, value.data(), value.size());
+    if (got >= 0) {
+      value.resize(static_cast<std::size_t>(got));
+      return value;
+    }
+    if (errno != ERANGE) return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+// The attribute names of an open item, each ended by a zero byte.
+std::optional<std::string> readAttrNames(int fd) {
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    const ssize_t size = ::flistxattr(fd, nullptr, 0);
+    if (size < 0) return std::nullopt;
+    std::string names(static_cast<std::size_t>(size), '\0');
+    const ssize_t got = ::flistxattr(fd, names.data(), names.size());
+    if (got >= 0) {
+      names.resize(static_cast<std::size_t>(got));
+      return names;
+    }
+    if (errno != ERANGE) return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+// A creation date as our attribute holds it.
+std::string creationDateText(FileDate date) {
+  auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch());
+  long long sec = ns.count() / 1000000000;
+  long nsec = static_cast<long>(ns.count() % 1000000000);
+  if (nsec < 0) {
+    nsec += 1000000000;
+    --sec;
+  }
+  char text[48];
+  std::snprintf(text, sizeof text, "%lld.%09ld", sec, nsec);
+  return text;
+}
+
 bool isUnsupported(int err) {
   return err == ENOTSUP || err == ENOTTY || err == EINVAL || err == ENOSYS;
 }
@@ -155,6 +201,24 @@ class LinuxFileMetadata final : public FileMetadata {
     return out;
   }
 
+  std::vector<std::string> copyExtendedAttributes(int from, int to) override {
+    std::vector<std::string> notKept;
+    std::optional<std::string> names = readAttrNames(from);
+    if (!names) return notKept;  // none, or a file system without attributes
+    for (std::size_t i = 0; i < names->size();) {
+      const std::string name(names->c_str() + i);
+      i += name.size() + 1;
+      // Only the user's own attributes travel with a copy; the others belong
+      // to the system (security labels, access lists) or to root.
+      if (name.rfind("user.", 0) != 0) continue;
+      std::optional<std::string> value = readAttrAt(from, name.c_str());
+      if (!value) continue;  // removed meanwhile
+      if (::fsetxattr(to, name.c_str(), value->data(), value->size(), 0) != 0)
+        notKept.push_back(name.substr(5));
+    }
+    return notKept;
+  }
+
   std::optional<FileDate> creationDate(const std::string& path) override {
     if (auto set = readAttr(path, kCreationDateAttr, /*follow=*/false)) {
       char* end = nullptr;
@@ -180,19 +244,18 @@ class LinuxFileMetadata final : public FileMetadata {
       rc = ::lremovexattr(path.c_str(), kCreationDateAttr);
       if (rc != 0 && errno == ENODATA) rc = 0;
     } else {
-      auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(date->time_since_epoch());
-      long long sec = ns.count() / 1000000000;
-      long nsec = static_cast<long>(ns.count() % 1000000000);
-      if (nsec < 0) {
-        nsec += 1000000000;
-        --sec;
-      }
-      char text[48];
-      std::snprintf(text, sizeof text, "%lld.%09ld", sec, nsec);
-      rc = ::lsetxattr(path.c_str(), kCreationDateAttr, text, std::strlen(text), 0);
+      const std::string text = creationDateText(*date);
+      rc = ::lsetxattr(path.c_str(), kCreationDateAttr, text.data(), text.size(), 0);
     }
     if (rc != 0 && error) *error = errorText(errno);
     return rc == 0;
+  }
+
+  bool setCreationDateOf(int fd, FileDate date, std::string* error) override {
+    const std::string text = creationDateText(date);
+    if (::fsetxattr(fd, kCreationDateAttr, text.data(), text.size(), 0) == 0) return true;
+    if (error) *error = errorText(errno);
+    return false;
   }
 
   bool isLocked(const std::string& path) override {
