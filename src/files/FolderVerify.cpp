@@ -1,6 +1,7 @@
 // Checking a folder against its ASC MHL history, without the card.
 #include "files/FolderVerify.h"
 
+#include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -179,7 +180,7 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
     std::optional<std::string> found;
     if (digest) {
       found = offload::digestOfFile(
-          options.folder + "/" + f->path, *digest, true,
+          AT_FDCWD, options.folder + "/" + f->path, *digest, true,
           [&](std::uint64_t n) {
             done += n;
             if (progress.bytes) progress.bytes(done, total);
