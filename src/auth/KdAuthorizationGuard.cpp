@@ -100,7 +100,12 @@ bool reachesKernelTrees(const std::string& absolute) {
       if (!resolved.empty()) resolved.pop_back();
       continue;
     }
-    if (!resolved.empty() && kd::place::isKernelTree(resolved.front())) return true;
+    // Inside a kernel tree, links lead elsewhere in another process: nothing
+    // is followed there (on the way to /dev/shm/..., only "shm" may come).
+    if (!resolved.empty() && kd::place::isKernelTree(resolved.front()) &&
+        !(resolved.front() == "dev" &&
+          (resolved.size() == 1 ? part == "shm" : resolved[1] == "shm")))
+      return true;
     resolved.push_back(std::move(part));
     if (pending.empty() && !followLast) break;
     char target[PATH_MAX];
@@ -112,7 +117,7 @@ bool reachesKernelTrees(const std::string& absolute) {
     std::vector<std::string> more = split(std::string_view(target, static_cast<std::size_t>(n)));
     pending.insert(pending.end(), more.rbegin(), more.rend());
   }
-  return !resolved.empty() && kd::place::isKernelTree(resolved.front()) && resolved.size() > 1;
+  return kd::place::isInKernelTree(resolved) && resolved.size() > 1;
 }
 
 }  // namespace

@@ -59,6 +59,13 @@ inline bool isKernelTree(std::string_view topLevel) {
   return topLevel == "proc" || topLevel == "sys" || topLevel == "dev";
 }
 
+// Whether a lexical path (its parts) lies in one of the kernel's trees. What
+// is inside /dev/shm, the shared-memory tmpfs, is ordinary files.
+inline bool isInKernelTree(const std::vector<std::string>& parts) {
+  if (parts.empty() || !isKernelTree(parts[0])) return false;
+  return !(parts[0] == "dev" && parts.size() >= 3 && parts[1] == "shm");
+}
+
 // `place` is absolute and lexical.
 inline bool isProtectedPlace(const std::string& place, const std::vector<std::string>& keys) {
   static constexpr std::array<std::string_view, 18> kTopLevel = {
@@ -66,7 +73,7 @@ inline bool isProtectedPlace(const std::string& place, const std::vector<std::st
       "proc", "root", "run", "sbin", "srv",  "sys",        "tmp",   "usr", "var"};
   const std::vector<std::string> parts = split(place);
   if (parts.empty()) return true;
-  if (isKernelTree(parts[0])) return true;
+  if (isInKernelTree(parts)) return true;
   if (parts.size() == 1) {
     for (std::string_view name : kTopLevel)
       if (parts[0] == name) return true;

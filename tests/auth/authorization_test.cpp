@@ -200,6 +200,8 @@ TEST(KdAuthorizationGuard, ProtectedTargetsAreJudgedWhereTheyLead) {
            {"/proc/self/cwd" + work + "/x", true},
            {"/proc/thread-self/cwd" + work + "/x", true},
            {"/dev/fd/3/x", true},
+           {"/dev/shm", true},
+           {"/dev/shm/clip.mov", false},  // the shared-memory tmpfs holds plain files
            {work + "/magic" + work + "/x", true},
            {work + "/magic", false},  // the link itself
            {"", true},

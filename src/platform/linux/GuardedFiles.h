@@ -121,7 +121,7 @@ inline Parent openParent(const std::string& path, const std::vector<std::string>
   const std::string written = place::lexical(path);
   // Text first: a path written through the kernel's trees is refused as such.
   if ((judge && place::isProtectedPlace(written, keys)) ||
-      place::isKernelTree(place::split(written).front())) {
+      place::isInKernelTree(place::split(written))) {
     out.error = EPERM;
     return out;
   }
@@ -139,8 +139,7 @@ inline Parent openParent(const std::string& path, const std::vector<std::string>
   const std::string real = place::lexical(where + "/" + out.name);
   if (fs.f_type == PROC_SUPER_MAGIC || fs.f_type == SYSFS_MAGIC ||
       fs.f_type == DEVPTS_SUPER_MAGIC || where.empty() ||
-      place::isKernelTree(place::split(real).front()) ||
-      (judge && place::isProtectedPlace(real, keys)))
+      place::isInKernelTree(place::split(real)) || (judge && place::isProtectedPlace(real, keys)))
     out.error = EPERM;
   return out;
 }
