@@ -27,6 +27,10 @@ struct OffloadOptions {
   bool mhl = true;                        // keep a hash list in each destination
   std::string name;                       // default: the card folder's name
   std::string tool = "kd", toolVersion;   // the creator named in the hash list
+  // Write a transfer report (HTML and CSV) beside the hash list in each
+  // destination; `layout` says in it how the card was recognised.
+  bool report = true;
+  std::string layout;
   // Set from anywhere (a signal handler) to stop after the current stretch.
   const std::atomic<bool>* stop = nullptr;
 };
@@ -37,6 +41,14 @@ struct OffloadFailure {
   std::string reason;
   std::optional<std::string> sourceDigest;
   std::optional<std::string> destinationDigest;
+};
+
+// What became of one file of the card at one destination.
+enum class OffloadFileState : unsigned char {
+  NotCopied,     // the run stopped or gave the destination up before it
+  Copied,        // copied and verified
+  AlreadyThere,  // there before, and found to be the card's file
+  Failed,        // named in the destination's failures
 };
 
 struct OffloadDestination {
@@ -55,6 +67,10 @@ struct OffloadDestination {
   // (a destination whose file system holds none); the first such copy.
   std::uint64_t filesWithAttributesNotKept = 0;
   std::string attributesNotKeptExample;
+  // The transfer report written by this run, as HTML and as CSV.
+  std::optional<std::string> reportHtml, reportCsv;
+  // Each card file's state here, in the order of OffloadReport::cardFiles.
+  std::vector<OffloadFileState> states;
   // Every file of the card is there and verified.
   bool good() const { return failures.empty() && lost.empty() && filesMissing == 0; }
 };
@@ -64,10 +80,20 @@ struct OffloadExclusion {
   std::string reason;
 };
 
+// One file of the card, as the run read it.
+struct OffloadCardFile {
+  std::string path;  // relative to the card
+  std::uint64_t size = 0;
+  std::chrono::system_clock::time_point modified;
+  std::optional<std::string> digest;  // the card file's, once it was read
+};
+
 struct OffloadReport {
   std::string card;
   std::string name;
   std::string hash;
+  std::string layout;  // as the options gave it
+  std::chrono::system_clock::time_point started, ended;
   // Set when the run could not start or stopped early (the card could not be
   // read, a stop was asked); empty when it ran to its end.
   std::string error;
@@ -76,6 +102,7 @@ struct OffloadReport {
   std::uint64_t bytesRead = 0;
   std::chrono::duration<double> elapsed{};
   std::vector<OffloadExclusion> excluded;
+  std::vector<OffloadCardFile> cardFiles;  // sorted by path
   std::vector<OffloadDestination> destinations;
   // Ran to its end and every destination holds every file, verified.
   bool allGood() const;
