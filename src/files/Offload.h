@@ -26,7 +26,11 @@ struct OffloadOptions {
   bool reverify = false;                  // read each copy again from its device
   bool mhl = true;                        // keep a hash list in each destination
   std::string name;                       // default: the card folder's name
-  std::string tool = "kd", toolVersion;   // the creator named in the hash list
+  // Patterns of what else to leave out, in the hash lists' notation (a name
+  // such as "*.tmp" or "PRIVATE/", or a path with a '/' inside); they are
+  // recorded as the hash list's ignore patterns.
+  std::vector<std::string> exclude;
+  std::string tool = "kd", toolVersion;  // the creator named in the hash list
   // Write a transfer report (HTML and CSV) beside the hash list in each
   // destination; `layout` says in it how the card was recognised.
   bool report = true;
