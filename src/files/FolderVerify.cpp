@@ -14,6 +14,7 @@
 
 #include "files/AscMhl.h"
 #include "files/OffloadInternal.h"
+#include "files/TransferReport.h"
 
 namespace kd {
 namespace {
@@ -124,6 +125,10 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
   std::vector<const offload::CardFile*> files;
   std::uint64_t total = 0;
   for (const offload::CardFile& f : tree.files) {
+    // The transfer reports beside the hash list are the offload's own.
+    if (f.path.find('/') == std::string::npos &&
+        offload::matchesIgnorePattern({std::string(kTransferReportPattern)}, f.path, false))
+      continue;
     const bool nested = ("/" + f.path).find("/ascmhl/") != std::string::npos;
     if (nested || offload::matchesIgnorePattern(patterns, f.path, false)) {
       left.insert(f.path);

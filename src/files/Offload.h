@@ -24,8 +24,13 @@ struct OffloadOptions {
   std::vector<std::string> destinations;  // existing folders; each gets <name>/
   std::string hash = "xxh64";             // a digest kind of the verified copy
   bool reverify = false;                  // read each copy again from its device
-  bool mhl = true;                        // keep a hash list in each destination
-  std::string name;                       // default: the card folder's name
+  // Read every card file a second time, from the device, once the copies
+  // verified: a card or reader that gave bad bytes once gives other ones then.
+  bool sourceVerify = false;
+  // Go on with a destination that has less free space than the card needs.
+  bool force = false;
+  bool mhl = true;   // keep a hash list in each destination
+  std::string name;  // default: the card folder's name
   // Patterns of what else to leave out, in the hash lists' notation (a name
   // such as "*.tmp" or "PRIVATE/", or a path with a '/' inside); they are
   // recorded as the hash list's ignore patterns.
@@ -107,6 +112,11 @@ struct OffloadReport {
   std::chrono::duration<double> elapsed{};
   std::vector<OffloadExclusion> excluded;
   std::vector<OffloadCardFile> cardFiles;  // sorted by path
+  bool sourceVerify = false;               // as the options asked
+  std::uint64_t filesReadTwice = 0;        // card files read again and equal
+  // Said before the run began, without stopping it (two destinations on one
+  // drive are one copy).
+  std::vector<std::string> warnings;
   std::vector<OffloadDestination> destinations;
   // Ran to its end and every destination holds every file, verified.
   bool allGood() const;
