@@ -2,7 +2,6 @@
 #include "files/FolderVerify.h"
 
 #include <fcntl.h>
-#include <fnmatch.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 
 #include "files/AscMhl.h"
 #include "files/OffloadInternal.h"
+#include "files/TransferReport.h"
 
 namespace kd {
 namespace {
@@ -32,31 +32,6 @@ std::chrono::system_clock::time_point timeOf(const struct timespec& t) {
   return std::chrono::system_clock::time_point(
       std::chrono::duration_cast<std::chrono::system_clock::duration>(
           std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec)));
-}
-
-// Whether the history's ignore patterns leave a file out: a pattern without a
-// '/' names any part of the path ("._*", ".DS_Store"), one ending in '/' a
-// folder, and one with a '/' inside the whole path.
-bool ignored(const std::vector<std::string>& patterns, const std::string& path) {
-  for (const std::string& pattern : patterns) {
-    if (pattern.empty()) continue;
-    const bool folderOnly = pattern.back() == '/';
-    const std::string bare = folderOnly ? pattern.substr(0, pattern.size() - 1) : pattern;
-    if (bare.find('/') != std::string::npos) {
-      if (::fnmatch(bare.c_str(), path.c_str(), FNM_PATHNAME | FNM_PERIOD) == 0) return true;
-      continue;
-    }
-    std::size_t start = 0;
-    for (;;) {
-      const std::size_t end = path.find('/', start);
-      const bool last = end == std::string::npos;
-      const std::string part = path.substr(start, last ? std::string::npos : end - start);
-      if ((!folderOnly || !last) && ::fnmatch(bare.c_str(), part.c_str(), 0) == 0) return true;
-      if (last) break;
-      start = end + 1;
-    }
-  }
-  return false;
 }
 
 // Whether `path` or a folder above it is among `paths`.
@@ -150,8 +125,12 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
   std::vector<const offload::CardFile*> files;
   std::uint64_t total = 0;
   for (const offload::CardFile& f : tree.files) {
+    // The transfer reports beside the hash list are the offload's own.
+    if (f.path.find('/') == std::string::npos &&
+        offload::matchesIgnorePattern({std::string(kTransferReportPattern)}, f.path, false))
+      continue;
     const bool nested = ("/" + f.path).find("/ascmhl/") != std::string::npos;
-    if (nested || ignored(patterns, f.path)) {
+    if (nested || offload::matchesIgnorePattern(patterns, f.path, false)) {
       left.insert(f.path);
       report.excluded.push_back(
           {f.path, nested ? "a hash list of a folder inside" : "left out by the hash list"});

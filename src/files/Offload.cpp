@@ -6,6 +6,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,11 +16,14 @@
 #include <memory>
 #include <thread>
 
+#include "common/AtomicFile.h"
 #include "common/Folders.h"
 #include "common/UniqueFd.h"
 #include "files/AscMhl.h"
 #include "files/FileOperations.h"
 #include "files/OffloadInternal.h"
+#include "files/TransferReport.h"
+#include "platform/Platform.h"
 
 namespace kd {
 namespace {
@@ -28,10 +32,22 @@ using Clock = std::chrono::steady_clock;
 using offload::CardFile;
 using offload::CardTree;
 
-// Patterns of what the hash lists leave out, in their own notation.
-const std::vector<std::string> kIgnorePatterns = {
-    ".Trashes", ".Spotlight-V100", ".fseventsd", ".TemporaryItems",
-    "._*",      "ascmhl",          "ascmhl/",    ".*.kdpart"};
+// Patterns of what the hash lists leave out, in their own notation: what
+// systems keep on a volume, the hash list itself, temporary copies and the
+// transfer reports.
+const std::vector<std::string> kIgnorePatterns = {".Trashes",
+                                                  ".Spotlight-V100",
+                                                  ".fseventsd",
+                                                  ".TemporaryItems",
+                                                  ".DS_Store",
+                                                  ".Trash-*",
+                                                  "System Volume Information",
+                                                  "$RECYCLE.BIN",
+                                                  "._*",
+                                                  "ascmhl",
+                                                  "ascmhl/",
+                                                  ".*.kdpart",
+                                                  std::string(kTransferReportPattern)};
 
 std::string folderOf(const std::string& path) {
   const std::size_t slash = path.rfind('/');
@@ -215,8 +231,11 @@ class Run {
 
   OffloadReport go() {
     const Clock::time_point start = Clock::now();
+    report_.started = std::chrono::system_clock::now();
     report_.card = options_.card;
     report_.hash = options_.hash;
+    report_.layout = options_.layout;
+    report_.sourceVerify = options_.sourceVerify;
     report_.name = options_.name.empty() ? baseName(trimmed(options_.card)) : options_.name;
     if (std::optional<std::string> problem = offloadOptionsProblem(options_)) {
       report_.error = *problem;
@@ -228,18 +247,25 @@ class Run {
           "The card " + options_.card + " has no folder name to copy it under: give one";
       return std::move(report_);
     }
-    tree_ = offload::readCard(options_.card, options_.mhl);
+    tree_ = offload::readCard(options_.card, options_.mhl, options_.exclude);
     report_.excluded = tree_.excluded;
     report_.files = tree_.files.size();
     report_.bytes = tree_.bytes;
+    progressTotal_ = tree_.bytes * (options_.sourceVerify ? 2 : 1);
+    for (const CardFile& f : tree_.files)
+      report_.cardFiles.push_back({f.path, f.size, timeOf(f.modified), std::nullopt});
     if (!tree_.error.empty()) {
       report_.error = tree_.error;
-    } else if (prepareTargets()) {
+    } else if (preflight() && prepareTargets()) {
+      ran_ = true;
       for (std::size_t i = 0; i < tree_.files.size() && report_.error.empty(); ++i) offloadFile(i);
+      if (options_.sourceVerify && report_.error.empty()) readCardAgain();
       finish();
     }
     for (Target& t : targets_) report_.destinations.push_back(std::move(t.report));
+    report_.ended = std::chrono::system_clock::now();
     report_.elapsed = Clock::now() - start;
+    if (options_.report && ran_) writeReports();
     return std::move(report_);
   }
 
@@ -270,6 +296,7 @@ class Run {
       Target& t = targets_.emplace_back();
       t.folder = trimmed(destination) + "/" + report_.name;
       t.report.folder = t.folder;
+      t.report.states.assign(tree_.files.size(), OffloadFileState::NotCopied);
       std::string error;
       char real[PATH_MAX];
       if (!createFolders(t.folder, 0755, std::nullopt, &error) ||
@@ -326,6 +353,20 @@ class Run {
     if (progress_.fileStarted) progress_.fileStarted(file.path, file.size);
     const std::uint64_t remainingAfter = tree_.files.size() - index - 1;
     const std::string name = baseName(file.path);
+    std::vector<std::size_t> failuresBefore;
+    for (const Target& t : targets_) failuresBefore.push_back(t.report.failures.size());
+    // A file that failed at a destination is marked so there, whatever way
+    // it failed.
+    struct MarkFailures {
+      Run& run;
+      std::size_t index;
+      const std::vector<std::size_t>& before;
+      ~MarkFailures() {
+        for (std::size_t i = 0; i < run.targets_.size(); ++i)
+          if (run.targets_[i].report.failures.size() > before[i])
+            run.targets_[i].report.states[index] = OffloadFileState::Failed;
+      }
+    } mark{*this, index, failuresBefore};
 
     std::vector<Part> copyTo;
     std::vector<KdFileManager::OpenDestination> opened;
@@ -389,8 +430,9 @@ class Run {
         return;
       }
       sourceDigest = result.sourceDigest;
+      report_.cardFiles[index].digest = sourceDigest;
       report_.bytesRead += result.bytesCopied;
-      finishCopies(file, copyTo, result, remainingAfter);
+      finishCopies(index, copyTo, result, remainingAfter);
     }
 
     if (!confirm.empty() && !sourceDigest) {
@@ -401,11 +443,12 @@ class Run {
         cardFailed(source, index, error);
         return;
       }
+      report_.cardFiles[index].digest = sourceDigest;
       report_.bytesRead += file.size;
     }
-    for (Target* t : confirm) confirmPresent(*t, file, *sourceDigest);
+    for (Target* t : confirm) confirmPresent(*t, index, *sourceDigest);
     done_ = before + file.size;
-    if (progress_.bytes) progress_.bytes(done_, tree_.bytes);
+    if (progress_.bytes) progress_.bytes(done_, progressTotal_);
   }
 
   // The temporary name, never one that a file of the card has (a card may
@@ -449,8 +492,9 @@ class Run {
   // The copy verified into its temporary files; with --reverify each is read
   // again from its device (the destinations side by side), and each one that
   // verified takes the file's real name, never replacing anything.
-  void finishCopies(const CardFile& file, const std::vector<Part>& copyTo,
+  void finishCopies(std::size_t index, const std::vector<Part>& copyTo,
                     const KdFileManager::CopyResult& result, std::uint64_t remainingAfter) {
+    const CardFile& file = tree_.files[index];
     const std::size_t n = copyTo.size();
     std::vector<std::optional<std::string>> reread(n);
     std::vector<std::string> rereadError(n);
@@ -516,6 +560,7 @@ class Run {
         if (t.report.filesWithAttributesNotKept++ == 0) t.report.attributesNotKeptExample = final;
       }
       ++t.report.filesCopied;
+      t.report.states[index] = OffloadFileState::Copied;
       if (options_.reverify) ++t.report.filesReverified;
       t.report.bytesCopied += result.bytesCopied;
       t.entries.push_back({file.path, result.bytesCopied, timeOf(file.modified), options_.hash,
@@ -526,7 +571,8 @@ class Run {
   // A file already at the destination with the card file's size: it is the
   // card's file when the hash list recorded the card file's digest for it (or,
   // without a record, when its own digest is the card file's).
-  void confirmPresent(Target& t, const CardFile& file, const std::string& sourceDigest) {
+  void confirmPresent(Target& t, std::size_t index, const std::string& sourceDigest) {
+    const CardFile& file = tree_.files[index];
     const std::string final = t.folder + "/" + file.path;
     std::optional<std::string> found;
     std::string error;
@@ -554,6 +600,7 @@ class Run {
       return;
     }
     ++t.report.filesSkipped;
+    t.report.states[index] = OffloadFileState::AlreadyThere;
     if (options_.reverify) {
       ++t.report.filesReverified;
       t.entries.push_back({file.path, file.size, timeOf(file.modified), options_.hash, sourceDigest,
@@ -578,8 +625,10 @@ class Run {
     for (Target& t : targets_) {
       if (!t.historyUsable || t.entries.empty() || t.gone()) continue;
       std::string error;
+      std::vector<std::string> patterns = kIgnorePatterns;
+      patterns.insert(patterns.end(), options_.exclude.begin(), options_.exclude.end());
       t.report.manifest =
-          t.history.addGeneration(creator, report_.name, kIgnorePatterns, t.entries, error);
+          t.history.addGeneration(creator, report_.name, patterns, t.entries, error);
       if (!t.report.manifest)
         t.fail(t.folder + "/ascmhl", "the hash list cannot be written: " + error);
     }
@@ -598,11 +647,123 @@ class Run {
     }
   }
 
+  // Before anything is written: every destination can hold what is still to
+  // be copied there (files already there with the card file's size are not
+  // counted), unless `force`; two destinations on one drive are named.
+  bool preflight() {
+    std::vector<std::pair<std::string, std::string>> drives;  // destination, drive
+    for (const std::string& destination : options_.destinations) {
+      struct statvfs vfs {};
+      if (::statvfs(destination.c_str(), &vfs) == 0) {
+        const std::uint64_t free = static_cast<std::uint64_t>(vfs.f_bavail) * vfs.f_frsize;
+        std::uint64_t needed = 0;
+        const std::string folder = trimmed(destination) + "/" + report_.name;
+        for (const CardFile& f : tree_.files) {
+          struct stat st {};
+          if (::lstat((folder + "/" + f.path).c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+              static_cast<std::uint64_t>(st.st_size) != f.size)
+            needed += f.size;
+        }
+        if (needed > free && !options_.force) {
+          report_.error = "The destination " + destination + " has " +
+                          KdFileManager::formatFileSize(static_cast<double>(free)) +
+                          " free, but the card needs " +
+                          KdFileManager::formatFileSize(static_cast<double>(needed)) +
+                          " there: free some space or leave it out (--force tries anyway)";
+          return false;
+        }
+      }
+      if (std::optional<std::string> drive = platform().volumes().physicalDriveOf(destination)) {
+        for (const auto& [other, otherDrive] : drives)
+          if (otherDrive == *drive)
+            report_.warnings.push_back("The destinations " + other + " and " + destination +
+                                       " are on the same drive (" + *drive +
+                                       "): two copies on one drive are one copy");
+        drives.emplace_back(destination, *drive);
+      }
+    }
+    return true;
+  }
+
+  // Every card file that was copied or found is read a second time, from the
+  // device, and its digest compared with the first read's. A difference
+  // fails the file at every destination and keeps it out of the hash lists:
+  // the first read's digest cannot be trusted.
+  void readCardAgain() {
+    for (std::size_t i = 0; i < tree_.files.size(); ++i) {
+      if (stopAsked()) {
+        report_.error = "Stopped on request while reading the card a second time";
+        return;
+      }
+      const std::optional<std::string>& first = report_.cardFiles[i].digest;
+      const CardFile& file = tree_.files[i];
+      done_ += file.size;
+      if (!first) continue;
+      if (progress_.fileStarted) progress_.fileStarted(file.path, file.size);
+      const std::string source = trimmed(options_.card) + "/" + file.path;
+      std::string error;
+      const std::optional<std::string> second = offload::digestOfFile(
+          AT_FDCWD, source, digest_, true, readReporter(done_ - file.size), error);
+      if (progress_.bytes) progress_.bytes(done_, progressTotal_);
+      if (second == first) {
+        ++report_.filesReadTwice;
+        continue;
+      }
+      const std::string reason =
+          second ? "the card gave other bytes when read a second time: the card or its reader "
+                   "is suspect"
+                 : "reading it a second time from the card failed (" + error +
+                       "): the card or its reader is suspect";
+      for (Target& t : targets_) {
+        OffloadFileState& state = t.report.states[i];
+        if (state != OffloadFileState::Copied && state != OffloadFileState::AlreadyThere) continue;
+        state = OffloadFileState::Failed;
+        t.fail(t.folder + "/" + file.path, reason, first, second);
+        std::erase_if(t.entries, [&](const MhlHash& h) { return h.path == file.path; });
+      }
+    }
+  }
+
+  // The transfer report of the run in each destination, beside its hash list.
+  void writeReports() {
+    for (std::size_t i = 0; i < targets_.size() && i < report_.destinations.size(); ++i) {
+      Target& t = targets_[i];
+      OffloadDestination& d = report_.destinations[i];
+      if (t.open.empty() || t.gone()) continue;
+      // Two runs in one second: the later report gets a number.
+      std::string html = transferReportName(report_, "html"), csv, error;
+      const std::string stem = html.substr(0, html.size() - 5);
+      bool written = false;
+      for (int n = 1; n <= 100 && !written; ++n) {
+        const std::string name = n == 1 ? stem : stem + "-" + std::to_string(n);
+        html = name + ".html";
+        csv = name + ".csv";
+        struct stat st {};
+        if (::fstatat(t.root().fd.get(), html.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 ||
+            ::fstatat(t.root().fd.get(), csv.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0)
+          continue;
+        written = writeFileAtomicallyAt(t.root().fd.get(), html, transferReportHtml(report_, i),
+                                        AtomicReplace::NoReplace, 0644, &error) &&
+                  writeFileAtomicallyAt(t.root().fd.get(), csv, transferReportCsv(report_, i),
+                                        AtomicReplace::NoReplace, 0644, &error);
+        if (!written) break;
+      }
+      if (written) {
+        d.reportHtml = t.folder + "/" + html;
+        d.reportCsv = t.folder + "/" + csv;
+      } else {
+        d.failures.push_back({t.folder + "/" + html,
+                              "the transfer report cannot be written: " + error, std::nullopt,
+                              std::nullopt});
+      }
+    }
+  }
+
   std::shared_ptr<KdFileCopyDelegate> copyDelegate(std::uint64_t before) {
     if (!progress_.bytes && !options_.stop) return nullptr;
     auto delegate = std::make_shared<KdFileCopyDelegate>();
     const OffloadProgress progress = progress_;
-    const std::uint64_t total = tree_.bytes;
+    const std::uint64_t total = progressTotal_;
     if (progress.bytes)
       delegate->fileCopyBytesWritten = [progress, before, total](std::uint64_t bytes,
                                                                  const KdCopySettings&) {
@@ -617,7 +778,7 @@ class Run {
     if (!progress_.bytes) return {};
     return [this, read = before](std::uint64_t n) mutable {
       read += n;
-      progress_.bytes(read, tree_.bytes);
+      progress_.bytes(read, progressTotal_);
     };
   }
 
@@ -628,6 +789,8 @@ class Run {
   CardTree tree_;
   std::vector<Target> targets_;
   std::uint64_t done_ = 0;
+  std::uint64_t progressTotal_ = 0;  // the card's bytes, twice with sourceVerify
+  bool ran_ = false;                 // past the checks: the destinations were touched
 };
 
 }  // namespace

@@ -24,9 +24,22 @@ struct OffloadOptions {
   std::vector<std::string> destinations;  // existing folders; each gets <name>/
   std::string hash = "xxh64";             // a digest kind of the verified copy
   bool reverify = false;                  // read each copy again from its device
-  bool mhl = true;                        // keep a hash list in each destination
-  std::string name;                       // default: the card folder's name
-  std::string tool = "kd", toolVersion;   // the creator named in the hash list
+  // Read every card file a second time, from the device, once the copies
+  // verified: a card or reader that gave bad bytes once gives other ones then.
+  bool sourceVerify = false;
+  // Go on with a destination that has less free space than the card needs.
+  bool force = false;
+  bool mhl = true;   // keep a hash list in each destination
+  std::string name;  // default: the card folder's name
+  // Patterns of what else to leave out, in the hash lists' notation (a name
+  // such as "*.tmp" or "PRIVATE/", or a path with a '/' inside); they are
+  // recorded as the hash list's ignore patterns.
+  std::vector<std::string> exclude;
+  std::string tool = "kd", toolVersion;  // the creator named in the hash list
+  // Write a transfer report (HTML and CSV) beside the hash list in each
+  // destination; `layout` says in it how the card was recognised.
+  bool report = true;
+  std::string layout;
   // Set from anywhere (a signal handler) to stop after the current stretch.
   const std::atomic<bool>* stop = nullptr;
 };
@@ -37,6 +50,14 @@ struct OffloadFailure {
   std::string reason;
   std::optional<std::string> sourceDigest;
   std::optional<std::string> destinationDigest;
+};
+
+// What became of one file of the card at one destination.
+enum class OffloadFileState : unsigned char {
+  NotCopied,     // the run stopped or gave the destination up before it
+  Copied,        // copied and verified
+  AlreadyThere,  // there before, and found to be the card's file
+  Failed,        // named in the destination's failures
 };
 
 struct OffloadDestination {
@@ -55,6 +76,10 @@ struct OffloadDestination {
   // (a destination whose file system holds none); the first such copy.
   std::uint64_t filesWithAttributesNotKept = 0;
   std::string attributesNotKeptExample;
+  // The transfer report written by this run, as HTML and as CSV.
+  std::optional<std::string> reportHtml, reportCsv;
+  // Each card file's state here, in the order of OffloadReport::cardFiles.
+  std::vector<OffloadFileState> states;
   // Every file of the card is there and verified.
   bool good() const { return failures.empty() && lost.empty() && filesMissing == 0; }
 };
@@ -64,10 +89,20 @@ struct OffloadExclusion {
   std::string reason;
 };
 
+// One file of the card, as the run read it.
+struct OffloadCardFile {
+  std::string path;  // relative to the card
+  std::uint64_t size = 0;
+  std::chrono::system_clock::time_point modified;
+  std::optional<std::string> digest;  // the card file's, once it was read
+};
+
 struct OffloadReport {
   std::string card;
   std::string name;
   std::string hash;
+  std::string layout;  // as the options gave it
+  std::chrono::system_clock::time_point started, ended;
   // Set when the run could not start or stopped early (the card could not be
   // read, a stop was asked); empty when it ran to its end.
   std::string error;
@@ -76,6 +111,12 @@ struct OffloadReport {
   std::uint64_t bytesRead = 0;
   std::chrono::duration<double> elapsed{};
   std::vector<OffloadExclusion> excluded;
+  std::vector<OffloadCardFile> cardFiles;  // sorted by path
+  bool sourceVerify = false;               // as the options asked
+  std::uint64_t filesReadTwice = 0;        // card files read again and equal
+  // Said before the run began, without stopping it (two destinations on one
+  // drive are one copy).
+  std::vector<std::string> warnings;
   std::vector<OffloadDestination> destinations;
   // Ran to its end and every destination holds every file, verified.
   bool allGood() const;

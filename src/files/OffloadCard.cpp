@@ -2,6 +2,7 @@
 // the system's own housekeeping left out and links never followed.
 #include <dirent.h>
 #include <fcntl.h>
+#include <fnmatch.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,9 +18,18 @@
 namespace kd::offload {
 namespace {
 
-// Folders and files that the system keeps on a volume for itself.
-constexpr std::array<std::string_view, 4> kSystemNames = {".Trashes", ".Spotlight-V100",
-                                                          ".fseventsd", ".TemporaryItems"};
+// Folders and files that systems keep on a volume for themselves: macOS,
+// Windows, and the Linux desktops' trash (".Trash-<uid>").
+constexpr std::array<std::string_view, 7> kSystemNames = {
+    ".Trashes",  ".Spotlight-V100",           ".fseventsd",  ".TemporaryItems",
+    ".DS_Store", "System Volume Information", "$RECYCLE.BIN"};
+
+bool isLinuxTrash(std::string_view name) {
+  constexpr std::string_view kPrefix = ".Trash-";
+  return name.size() > kPrefix.size() && name.substr(0, kPrefix.size()) == kPrefix &&
+         std::all_of(name.begin() + kPrefix.size(), name.end(),
+                     [](char c) { return c >= '0' && c <= '9'; });
+}
 
 std::string joined(const std::string& folder, const std::string& name) {
   return folder.empty() ? name : folder + "/" + name;
@@ -27,18 +37,48 @@ std::string joined(const std::string& folder, const std::string& name) {
 
 }  // namespace
 
+bool matchesIgnorePattern(const std::vector<std::string>& patterns, const std::string& path,
+                          bool isFolder) {
+  for (const std::string& pattern : patterns) {
+    if (pattern.empty()) continue;
+    const bool folderOnly = pattern.back() == '/';
+    const std::string bare = folderOnly ? pattern.substr(0, pattern.size() - 1) : pattern;
+    if (bare.empty()) continue;
+    if (bare.find('/') != std::string::npos) {
+      if ((!folderOnly || isFolder) &&
+          ::fnmatch(bare.c_str(), path.c_str(), FNM_PATHNAME | FNM_PERIOD) == 0)
+        return true;
+      continue;
+    }
+    std::size_t start = 0;
+    for (;;) {
+      const std::size_t end = path.find('/', start);
+      const bool last = end == std::string::npos;
+      const std::string part = path.substr(start, last ? std::string::npos : end - start);
+      if ((!folderOnly || !last || isFolder) && ::fnmatch(bare.c_str(), part.c_str(), 0) == 0)
+        return true;
+      if (last) break;
+      start = end + 1;
+    }
+  }
+  return false;
+}
+
 std::string exclusionReason(const std::string& relative, const std::string& name, bool isFolder,
-                            bool skipHistory) {
-  if (std::find(kSystemNames.begin(), kSystemNames.end(), name) != kSystemNames.end())
+                            bool skipHistory, const std::vector<std::string>& patterns) {
+  if (std::find(kSystemNames.begin(), kSystemNames.end(), name) != kSystemNames.end() ||
+      (isFolder && isLinuxTrash(name)))
     return "kept by the system for itself";
   if (!isFolder && name.size() > 2 && name.compare(0, 2, "._") == 0)
     return "the system's side file of another file";
   if (skipHistory && isFolder && relative == "ascmhl")
     return "the card's own hash list; each destination keeps its own";
+  if (matchesIgnorePattern(patterns, relative, isFolder)) return "left out by --exclude";
   return {};
 }
 
-CardTree readCard(const std::string& card, bool skipHistory) {
+CardTree readCard(const std::string& card, bool skipHistory,
+                  const std::vector<std::string>& patterns) {
   CardTree tree;
   struct stat rootStat {};
   if (::stat(card.c_str(), &rootStat) != 0 || !S_ISDIR(rootStat.st_mode)) {
@@ -72,7 +112,7 @@ CardTree readCard(const std::string& card, bool skipHistory) {
         return tree;
       }
       const bool isFolder = S_ISDIR(st.st_mode);
-      std::string reason = exclusionReason(child, name, isFolder, skipHistory);
+      std::string reason = exclusionReason(child, name, isFolder, skipHistory, patterns);
       if (reason.empty() && S_ISLNK(st.st_mode)) reason = "a link, not followed";
       if (reason.empty() && !isFolder && !S_ISREG(st.st_mode)) reason = "not a regular file";
       if (!reason.empty()) {

@@ -36,13 +36,22 @@ struct CardTree {
   std::string error;
 };
 
+// Whether a hash list's ignore patterns leave out the entry at `path`
+// (relative, '/'-separated): a pattern without a '/' names any part of the
+// path (".DS_Store", "._*"), one ending in '/' a folder, and one with a '/'
+// inside matches the whole path.
+bool matchesIgnorePattern(const std::vector<std::string>& patterns, const std::string& path,
+                          bool isFolder);
+
 // Why an entry of the card is left out; empty when it is copied. With
-// `skipHistory`, the card's own "ascmhl" folder at its top is left out.
+// `skipHistory`, the card's own "ascmhl" folder at its top is left out;
+// `patterns` are the user's own, in the notation above.
 std::string exclusionReason(const std::string& relative, const std::string& name, bool isFolder,
-                            bool skipHistory);
+                            bool skipHistory, const std::vector<std::string>& patterns = {});
 
 // Reads the card's tree without following links.
-CardTree readCard(const std::string& card, bool skipHistory);
+CardTree readCard(const std::string& card, bool skipHistory,
+                  const std::vector<std::string>& patterns = {});
 
 // The digest of a whole regular file, `path` taken in the open folder `folder`
 // (AT_FDCWD: as given), its last part never followed. With `fromDevice`, the file is first flushed

@@ -51,6 +51,11 @@ class Volumes {
   // Linux checks /media/<user>/<name>, /run/media/<user>/<name> and
   // /mnt/<name> (docs/platform.md).
   virtual bool isDriveFolderMounted(const std::string& path) = 0;
+
+  // The physical drive `path` lies on ("sdb", "nvme0n1", "disk2"): two
+  // folders with the same answer are on one drive, whatever their volumes.
+  // None when the system cannot tell (a network volume).
+  virtual std::optional<std::string> physicalDriveOf(const std::string& path) = 0;
 };
 
 class ForwardingVolumes : public Volumes {
@@ -65,6 +70,9 @@ class ForwardingVolumes : public Volumes {
   }
   bool isDriveFolderMounted(const std::string& path) override {
     return target_.isDriveFolderMounted(path);
+  }
+  std::optional<std::string> physicalDriveOf(const std::string& path) override {
+    return target_.physicalDriveOf(path);
   }
 
  protected:

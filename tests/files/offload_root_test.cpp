@@ -85,7 +85,16 @@ TEST_F(OffloadRoot, AFullDestinationIsGivenUpAndTheOtherCompletes) {
   const std::string card = dir_.mkdir("CARD");
   for (int i = 1; i <= 4; ++i)
     dir_.touch("CARD/CLIP/C000" + std::to_string(i) + ".MXF", varyingBytes(400000, i));
-  const OffloadReport report = offloadCard(options(card, {dir_.mkdir("big"), small.point()}));
+  // Checked before anything is written: the card does not fit.
+  OffloadOptions o = options(card, {dir_.mkdir("big"), small.point()});
+  const OffloadReport refused = offloadCard(o);
+  EXPECT_NE(refused.error.find(" free, but the card needs "), std::string::npos) << refused.error;
+  EXPECT_TRUE(refused.warnings.empty());  // a tmpfs is a drive of its own
+  EXPECT_FALSE(fs::exists(dir_ / "big/CARD"));
+  EXPECT_FALSE(fs::exists(small.point() + "/CARD"));
+  // Forced, it fills up during the run.
+  o.force = true;
+  const OffloadReport report = offloadCard(o);
   EXPECT_FALSE(report.allGood());
   EXPECT_TRUE(report.error.empty()) << report.error;
   ASSERT_EQ(report.destinations.size(), 2u);

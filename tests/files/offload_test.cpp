@@ -7,10 +7,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -121,6 +123,62 @@ TEST_F(Offload, RepeatedRunsSkipWhatIsThereAndAddAGeneration) {
     ASSERT_TRUE(MhlHistory::load(d.folder, history, error)) << error;
     EXPECT_EQ(history.generations(), 3);
     EXPECT_EQ(history.latest("DCIM/100EOS5D/MVI_0002.MOV", "xxh64")->action, "verified");
+  }
+}
+
+// A card read a second time that gives other bytes fails its file
+// everywhere and keeps it out of the hash lists; what systems leave on a card
+// and what --exclude names stay behind and are recorded as ignored; each
+// destination gets a transfer report; two destinations on one drive are named.
+TEST_F(Offload, ASecondReadOfTheCardExclusionsReportsAndOneDrive) {
+  const SampleCard& sample = sampleCards()[1];
+  const std::string card = makeCard(sample);
+  for (const char* junk : {"System Volume Information/IndexerVolumeGuid", ".Trash-1000/files/x",
+                           "$RECYCLE.BIN/desktop.ini", ".DS_Store", "DCIM/100EOS5D/take.tmp"})
+    dir_.touch(std::string("cards/EOS_DIGITAL/") + junk, "junk");
+  const std::string flaky = "DCIM/100EOS5D/MVI_0002.MOV";
+  OffloadOptions options;
+  options.card = card;
+  options.destinations = {dir_ / "d1", dir_ / "d2"};
+  options.sourceVerify = true;
+  options.exclude = {"*.tmp"};
+  std::map<std::string, int> started;
+  OffloadProgress progress;
+  progress.fileStarted = [&](const std::string& path, std::uint64_t) {
+    if (path == flaky && ++started[path] == 2) {  // the reader goes bad
+      std::string bytes = readFile(card + "/" + path);
+      bytes[bytes.size() / 2] ^= 1;
+      dir_.touch("cards/EOS_DIGITAL/" + path, bytes);
+    }
+  };
+  const OffloadReport report = offloadCard(options, progress);
+  EXPECT_FALSE(report.allGood());
+  EXPECT_EQ(report.filesReadTwice, sample.files.size() - 1);
+  EXPECT_EQ(report.excluded.size(), kSystemFiles.size() + 5);
+  ASSERT_EQ(report.warnings.size(), 1u);
+  EXPECT_NE(report.warnings[0].find("on the same drive"), std::string::npos);
+  const auto flakyAt = std::find_if(report.cardFiles.begin(), report.cardFiles.end(),
+                                    [&](const OffloadCardFile& f) { return f.path == flaky; });
+  ASSERT_NE(flakyAt, report.cardFiles.end());
+  for (const OffloadDestination& d : report.destinations) {
+    ASSERT_EQ(d.failures.size(), 1u);
+    EXPECT_EQ(d.failures[0].path, d.folder + "/" + flaky);
+    EXPECT_NE(d.failures[0].reason.find("suspect"), std::string::npos);
+    EXPECT_EQ(d.states[flakyAt - report.cardFiles.begin()], OffloadFileState::Failed);
+    MhlHistory history;
+    std::string error;
+    ASSERT_TRUE(MhlHistory::load(d.folder, history, error)) << error;
+    EXPECT_FALSE(history.latest(flaky, "xxh64"));
+    EXPECT_TRUE(history.latest("DCIM/100EOS5D/IMG_0001.CR2", "xxh64"));
+    const auto& patterns = history.generationList().back().ignorePatterns;
+    for (const char* p : {"*.tmp", "System Volume Information", ".Trash-*", "offload-report_*"})
+      EXPECT_NE(std::find(patterns.begin(), patterns.end(), p), patterns.end()) << p;
+    ASSERT_TRUE(d.reportHtml && d.reportCsv);
+    EXPECT_NE(readFile(*d.reportHtml).find("FAILED"), std::string::npos);
+    const std::string rows = readFile(*d.reportCsv);
+    EXPECT_EQ(std::count(rows.begin(), rows.end(), '\n'),
+              static_cast<long>(sample.files.size() + 1));
+    EXPECT_FALSE(fs::exists(d.folder + "/DCIM/100EOS5D/take.tmp"));
   }
 }
 

@@ -1,6 +1,8 @@
 // kd offload: a whole card to several destinations, verified, with a hash
 // list in each, resumable.
 #include <unistd.h>
+#include <climits>
+#include <cstdlib>
 
 #include <chrono>
 #include <cstdio>
@@ -16,12 +18,32 @@
 #include "Rights.h"
 #include "files/KdFileManager.h"
 #include "files/Offload.h"
+#include "helper/FerrimoVolumeChecker.h"
 #include "log/KdLog.h"
 
 namespace {
 
 using kd::tool::clock;
 using kd::tool::size;
+
+// How the helper's detection names a card's layout, for the transfer report.
+std::string layoutOf(const std::string& card) {
+  static const char* const kLayouts[] = {"CONTENTS/LASTCLIP.TXT",
+                                         "an .RDM folder at the top",
+                                         "MEDIAPRO.XML at the top",
+                                         "BPAV at the top",
+                                         "AVCHD",
+                                         "DCIM with a 100EOS folder",
+                                         "a folder named like the card with its _BIN.bin",
+                                         "CONTENTS/CLIPS*/*/*.MXF",
+                                         "hs_param.bin",
+                                         "a DJI_ card with ????_????_????????_* folders"};
+  char resolved[PATH_MAX];
+  const std::string path = ::realpath(card.c_str(), resolved) ? resolved : card;
+  const auto code = FerrimoVolumeChecker::verifyVolumeType(path);
+  if (code < 0 || code > 9) return "no known camera layout (code -1)";
+  return std::string(kLayouts[code]) + " (code " + std::to_string(code) + ")";
+}
 
 double rateOf(const kd::OffloadReport& r) {
   const double seconds = r.elapsed.count();
@@ -35,6 +57,10 @@ void printText(const kd::OffloadReport& r) {
       << " excluded\n";
   out << "Elapsed:     " << clock(r.elapsed.count()) << "  (" << size(r.bytesRead) << " read, "
       << KdFileManager::formatFileSize(rateOf(r)) << "/s)\n";
+  if (r.sourceVerify)
+    out << "Card read:   twice; " << r.filesReadTwice
+        << (r.filesReadTwice == 1 ? " file" : " files") << " gave the same bytes both times\n";
+  for (const std::string& w : r.warnings) out << "Warning:     " << w << "\n";
   for (const kd::OffloadDestination& d : r.destinations) {
     out << "Destination: " << d.folder << ": " << (d.good() ? "all verified" : "FAILED") << ", "
         << d.filesCopied << " copied, " << d.filesSkipped << " already there";
@@ -44,6 +70,7 @@ void printText(const kd::OffloadReport& r) {
     out << "\n";
     if (!d.lost.empty()) out << "  Given up:  " << d.lost << "\n";
     if (d.manifest) out << "  Manifest:  " << *d.manifest << "\n";
+    if (d.reportHtml) out << "  Report:    " << *d.reportHtml << " (and .csv)\n";
     if (d.filesWithAttributesNotKept)
       out << "  Not kept:  the extended attributes (labels, tags) of "
           << d.filesWithAttributesNotKept
@@ -75,7 +102,12 @@ void printJson(const kd::OffloadReport& r) {
       << ", \"error\": " << (r.error.empty() ? "null" : jsonString(r.error))
       << ", \"files\": " << r.files << ", \"bytes\": " << r.bytes
       << ", \"bytesRead\": " << r.bytesRead << ", \"seconds\": " << r.elapsed.count()
-      << ", \"bytesPerSecond\": " << static_cast<std::uint64_t>(rateOf(r)) << ", \"excluded\": [";
+      << ", \"bytesPerSecond\": " << static_cast<std::uint64_t>(rateOf(r))
+      << ", \"sourceVerify\": " << (r.sourceVerify ? "true" : "false")
+      << ", \"filesReadTwice\": " << r.filesReadTwice << ", \"warnings\": [";
+  for (std::size_t i = 0; i < r.warnings.size(); ++i)
+    out << (i ? ", " : "") << jsonString(r.warnings[i]);
+  out << "], \"excluded\": [";
   for (std::size_t i = 0; i < r.excluded.size(); ++i)
     out << (i ? ", " : "") << "{\"path\": " << jsonString(r.excluded[i].path)
         << ", \"reason\": " << jsonString(r.excluded[i].reason) << "}";
@@ -89,6 +121,8 @@ void printJson(const kd::OffloadReport& r) {
         << ", \"filesMissing\": " << d.filesMissing << ", \"bytesCopied\": " << d.bytesCopied
         << ", \"lost\": " << (d.lost.empty() ? "null" : jsonString(d.lost))
         << ", \"manifest\": " << optional(d.manifest)
+        << ", \"reportHtml\": " << optional(d.reportHtml)
+        << ", \"reportCsv\": " << optional(d.reportCsv)
         << ", \"filesWithAttributesNotKept\": " << d.filesWithAttributesNotKept
         << ", \"failures\": [";
     for (std::size_t k = 0; k < d.failures.size(); ++k) {
@@ -107,13 +141,22 @@ void printJson(const kd::OffloadReport& r) {
 void setupOffload(CLI::App& app) {
   auto* cmd = app.add_subcommand("offload", "Copy a whole card to several destinations, verified");
   static kd::OffloadOptions options;
-  static bool json = false, noMhl = false;
+  static bool json = false, noMhl = false, noReport = false;
   cmd->add_option("--hash", options.hash,
                   "Digest of the verification and hash list (default xxh64)")
       ->check(CLI::IsMember({"xxh64", "xxh3", "xxh128", "md5", "sha1", "sha256", "sha512"}));
   cmd->add_flag("--reverify", options.reverify,
                 "Read every copy again from its device after it was written");
+  cmd->add_flag("--source-verify", options.sourceVerify,
+                "Read every card file a second time, from the card, and compare");
   cmd->add_flag("--no-mhl", noMhl, "Keep no hash list (ascmhl folder) in the destinations");
+  cmd->add_flag("--no-report", noReport, "Write no transfer report into the destinations");
+  cmd->add_option("--exclude", options.exclude,
+                  "Leave out what matches PATTERN (\"*.tmp\", \"PRIVATE/\", \"A/B*\"); repeatable")
+      ->type_name("PATTERN")
+      ->allow_extra_args(false);  // one pattern a time: CARD and DEST are never patterns
+  cmd->add_flag("--force", options.force,
+                "Go on with a destination that has less free space than the card needs");
   cmd->add_flag("--json", json, "Print the summary as JSON");
   cmd->add_option("--name", options.name, "Folder made in each DEST (default: CARD's name)");
   cmd->add_option("CARD", options.card, "The card's folder (its mount point)")->required();
@@ -123,12 +166,19 @@ void setupOffload(CLI::App& app) {
       "once for all destinations. Each copy is written as .FILE.kdpart, read back\n"
       "and digested, flushed, and takes its name only when its digest equals the\n"
       "card file's; nothing already there is replaced. With --reverify each copy is\n"
-      "read again from its device, not from memory. Each DEST/NAME gets an ascmhl\n"
-      "folder with one manifest per offload and the chain file. A repeated run skips\n"
+      "read again from its device, not from memory; with --source-verify every card\n"
+      "file is read a second time after the copies verified, and a difference fails\n"
+      "it everywhere (the card or its reader is suspect). Each DEST/NAME gets an\n"
+      "ascmhl folder with one manifest per offload and the chain file, and a\n"
+      "transfer report (offload-report_*.html and .csv). A repeated run skips\n"
       "files already there with the same size and digest. Copies keep their card\n"
       "file's dates, permission bits and extended attributes where DEST's file\n"
-      "system holds them (the summary says where it does not). The system's own files\n"
-      "(.Trashes, .Spotlight-V100, .fseventsd, .TemporaryItems, ._*) are left out.\n"
+      "system holds them (the summary says where it does not). Before anything is\n"
+      "written, a DEST without room for the card is refused (--force goes on) and\n"
+      "two DESTs on one drive are warned of. What systems keep on a card (.Trashes,\n"
+      ".Spotlight-V100, .fseventsd, .TemporaryItems, ._*, .DS_Store, .Trash-<uid>,\n"
+      "System Volume Information, $RECYCLE.BIN) and what --exclude names are left\n"
+      "out, and recorded as the hash list's ignore patterns.\n"
       "A summary goes to standard output (--json: as JSON), progress to standard\n"
       "error. Exits 0 when every file of every DEST verified, 1 when anything\n"
       "failed, 2 on usage errors. Ctrl-C stops after the current stretch.\n"
@@ -136,6 +186,8 @@ void setupOffload(CLI::App& app) {
   cmd->callback([] {
     kd::tool::openCommandLog();
     options.mhl = !noMhl;
+    options.report = !noReport;
+    options.layout = layoutOf(options.card);
     options.toolVersion = KD_VERSION;
     if (const std::optional<std::string> problem = kd::offloadOptionsProblem(options)) {
       std::fprintf(stderr, "kd offload: %s\n", problem->c_str());

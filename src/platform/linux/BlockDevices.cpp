@@ -54,6 +54,18 @@ bool isLoopBlockDevice(dev_t dev) {
   return major(dev) == 7;
 }
 
+std::optional<std::string> wholeDiskOf(dev_t dev) {
+  if (major(dev) == 0) return std::nullopt;
+  const std::string sys = sysfsLink(dev);
+  char target[4096];
+  const ssize_t n = ::readlink(sys.c_str(), target, sizeof target - 1);
+  if (n <= 0) return std::nullopt;
+  std::string devPath(target, static_cast<std::size_t>(n));  // .../block/sdb/sdb1
+  struct stat st {};
+  if (::stat((sys + "/partition").c_str(), &st) == 0) devPath.resize(devPath.rfind('/'));
+  return devPath.substr(devPath.rfind('/') + 1);
+}
+
 std::optional<std::string> blockDeviceNode(dev_t dev) {
   if (major(dev) == 0) return std::nullopt;
   std::ifstream in(sysfsLink(dev) + "/uevent");

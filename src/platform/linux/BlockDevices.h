@@ -18,6 +18,10 @@ namespace kd {
 bool isRemovableBlockDevice(dev_t dev);
 // Whether the device is a loop device (a disk image).
 bool isLoopBlockDevice(dev_t dev);
+// The whole disk a block device is on ("sdb" for sdb1, "nvme0n1" for
+// nvme0n1p2, the device's own name for a whole disk); none when sysfs does
+// not know the device.
+std::optional<std::string> wholeDiskOf(dev_t dev);
 // "/dev/<name>" of a block device number; none when sysfs does not know it.
 std::optional<std::string> blockDeviceNode(dev_t dev);
 // Kernel and pseudo file systems (proc, sysfs, cgroup, overlay, ...).

@@ -1,6 +1,7 @@
 // Volumes on Linux: the mount table (libmount) for the mounted volumes, and
 // statvfs, sysfs and libblkid for the disk information of one mount point.
 #include <blkid/blkid.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 
@@ -212,6 +213,26 @@ class LinuxVolumes final : public Volumes {
       info["Ejectable"] = false;
     }
     return info;
+  }
+
+  // The whole disk of the block device the path's file system is on. A file
+  // system with no device number of its own (FUSE, as exFAT drives are
+  // mounted; btrfs) names its device as the mount's source; one with neither
+  // (tmpfs) is a drive of its own, named by its device number.
+  std::optional<std::string> physicalDriveOf(const std::string& path) override {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+    if (std::optional<std::string> disk = wholeDiskOf(st.st_dev)) return disk;
+    const MountEntry* best = nullptr;
+    const std::vector<MountEntry> table = readMountTable();
+    for (const MountEntry& m : table)
+      if (m.device == st.st_dev && (!best || m.target.size() > best->target.size())) best = &m;
+    if (best && isNetworkFileSystem(best->fsType)) return std::nullopt;
+    struct stat source {};
+    if (best && best->source.rfind("/dev/", 0) == 0 && ::stat(best->source.c_str(), &source) == 0 &&
+        S_ISBLK(source.st_mode))
+      if (std::optional<std::string> disk = wholeDiskOf(source.st_rdev)) return disk;
+    return "device " + std::to_string(major(st.st_dev)) + ":" + std::to_string(minor(st.st_dev));
   }
 
   // Both the path as written and where its links lead: a link into an empty

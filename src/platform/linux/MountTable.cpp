@@ -19,8 +19,9 @@ std::vector<MountEntry> entriesOf(libmnt_table* table) {
   while (iter && mnt_table_next_fs(table, iter.get(), &fs) == 0) {
     const char* target = mnt_fs_get_target(fs);
     const char* type = mnt_fs_get_fstype(fs);
-    out.push_back(
-        {mnt_fs_get_id(fs), target ? target : "", type ? type : "", mnt_fs_get_devno(fs)});
+    const char* source = mnt_fs_get_source(fs);
+    out.push_back({mnt_fs_get_id(fs), target ? target : "", type ? type : "", mnt_fs_get_devno(fs),
+                   source ? source : ""});
   }
   return out;
 }

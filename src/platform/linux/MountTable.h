@@ -22,6 +22,7 @@ struct MountEntry {
   std::string target;
   std::string fsType;
   dev_t device = 0;
+  std::string source;  // what is mounted: "/dev/sdb1", "tmpfs", ...
 };
 
 // The current mounts in table order; empty when the table cannot be read.
