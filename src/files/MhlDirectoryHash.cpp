@@ -70,6 +70,7 @@ std::optional<std::string> digestOfList(std::string_view format, std::vector<std
   return digestOf(format, bytes);
 }
 
+// Hex digits in lowercase (a C4 ID's letters are digits of their own).
 std::string lowered(std::string s) {
   for (char& c : s)
     if (c >= 'A' && c <= 'F') c = static_cast<char>(c - 'A' + 'a');
@@ -131,7 +132,7 @@ MhlDirectoryHashes mhlDirectoryHashes(const std::vector<MhlHash>& files,
   std::map<std::string_view, std::optional<std::string>> digests;
   for (const MhlHash& h : files) {
     std::optional<std::string>& d = digests[h.path];
-    if (h.format == format && !h.digest.empty()) d = lowered(h.digest);
+    if (h.format == format && !h.digest.empty()) d = format == "c4" ? h.digest : lowered(h.digest);
   }
   // A child's structure entry: the digest of its name and its digest's bytes.
   auto structureOf = [&](std::string_view path,
