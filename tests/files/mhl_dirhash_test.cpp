@@ -145,6 +145,41 @@ TEST_F(MhlDirectoryHashes, NoneAboveAFileOfUnknownContent) {
   EXPECT_TRUE(mhlDirectoryHashes(files, {}, "sha256").directories.empty());
 }
 
+// A generation's files: as this run found them, else as last recorded good.
+TEST_F(MhlDirectoryHashes, OfAGenerationComeFromItsEntriesAndTheHistory) {
+  const std::string tracked = dir_.mkdir("CARD");
+  const std::string d = std::string(16, '1');
+  auto hash = [&](std::string path, std::string action) {
+    return MhlHash{std::move(path), 1, std::nullopt, "xxh64", d, std::move(action), std::nullopt};
+  };
+  MhlHistory history;
+  std::string error;
+  ASSERT_TRUE(MhlHistory::load(tracked, history, error)) << error;
+  ASSERT_TRUE(history.addGeneration({std::chrono::system_clock::now(), "h", "kd", "1"}, "CARD", {},
+                                    {hash("A/x", "original"), hash("A/y", "failed")}, error))
+      << error;
+  const std::vector<std::string> paths = {"A/x", "A/y", "B/z"};
+  struct Case {
+    const char* what;
+    std::vector<MhlHash> entries;
+    std::vector<std::string> hashed;  // folders with hashes; "" the root
+  };
+  const std::vector<Case> cases = {
+      {"recorded as failed, not found again", {hash("B/z", "original")}, {"B"}},
+      {"found again", {hash("A/y", "verified"), hash("B/z", "original")}, {"A", "B", ""}},
+      {"not found at all", {hash("A/y", "verified")}, {"A"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const kd::MhlDirectoryHashes hashes =
+        mhlGenerationDirectoryHashes(paths, c.entries, history, {}, "xxh64");
+    std::vector<std::string> hashed;
+    for (const MhlDirectoryHash& h : hashes.directories) hashed.push_back(h.path);
+    if (!hashes.root.empty()) hashed.push_back("");
+    EXPECT_EQ(hashed, c.hashed);
+  }
+}
+
 TEST_F(MhlDirectoryHashes, AreWrittenValidAndReadBack) {
   MhlManifest manifest;
   manifest.creator = {std::chrono::system_clock::time_point(std::chrono::seconds(1700000000)), "h",
