@@ -1053,13 +1053,15 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
   // The folders' hashes after the files they cover.
   for (const MhlDirectoryHash& folder : m.directoryHashes.directories) {
     if (!isRelativePath(folder.path))
-      return refuse("a folder that is not relative to the folder: \"" + shown(folder.path) + "\"");
+      return refuse("a folder path that is not relative to the tracked folder: \"" +
+                    shown(folder.path) + "\"");
     out += "    <directoryhash>\n      <path";
     if (folder.modified)
       out += " lastmodificationdate=\"" + formatDateTime(*folder.modified) + "\"";
     out += ">";
     if (!appendEscaped(out, folder.path, false))
-      return refuse("a folder with a character XML cannot carry: \"" + shown(folder.path) + "\"");
+      return refuse("a folder path with a character XML cannot carry: \"" + shown(folder.path) +
+                    "\"");
     out += "</path>\n";
     if (std::optional<std::string> why = appendDirectoryDigests(out, folder.digests, "      "))
       return refuse(*why + " for \"" + shown(folder.path) + "\"");
