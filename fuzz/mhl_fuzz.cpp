@@ -1,7 +1,8 @@
 // ASC MHL readers: any bytes are read as a manifest and as a chain; each either
 // parses or is refused with a reason, and whatever parses is written and read
 // back to the same entries (a manifest's hashes compared as a set of files and
-// formats, since the writer groups one file's formats into one <hash>).
+// formats, since the writer groups one file's formats into one <hash>; its
+// directory and root hashes as they are).
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
@@ -34,7 +35,8 @@ void manifest(std::string_view bytes) {
   sortHashes(read.hashes);
   sortHashes(again.hashes);
   if (!(again.creator == read.creator) || again.process != read.process ||
-      again.ignorePatterns != read.ignorePatterns || again.hashes != read.hashes)
+      again.ignorePatterns != read.ignorePatterns || again.hashes != read.hashes ||
+      again.directoryHashes != read.directoryHashes)
     std::abort();
 }
 

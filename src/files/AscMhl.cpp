@@ -625,7 +625,7 @@ class ManifestReader {
   }
 
   bool processInfo() {
-    bool process = false;
+    bool process = false, rootHash = false;
     const bool ok = children([&](std::string_view name) {
       if (name == "process") {
         if (process) return fail("a second <process>");
@@ -635,6 +635,10 @@ class ManifestReader {
         if (out_.process != "in-place" && out_.process != "transfer" && out_.process != "flatten")
           return fail("an unknown <process>");
         return true;
+      }
+      if (name == "roothash" && !rootHash) {
+        rootHash = true;
+        return directoryHash(nullptr);
       }
       if (name == "ignore") {
         return children([&](std::string_view inner) {
@@ -652,9 +656,58 @@ class ManifestReader {
 
   bool hashes() {
     return children([&](std::string_view name) {
+      if (name == "directoryhash") {
+        MhlDirectoryHash folder;
+        if (!directoryHash(&folder)) return false;
+        if (isRelativePath(folder.path))
+          out_.directoryHashes.directories.push_back(std::move(folder));
+        return true;
+      }
       if (name != "hash") return x_.skipElement();
       return hash();
     });
+  }
+
+  // A <directoryhash> (into `folder`) or the <roothash> (no path; into the
+  // manifest's root hash). Digests that are malformed, of a format given
+  // twice or of an unknown format are left out.
+  bool directoryHash(MhlDirectoryHash* folder) {
+    bool havePath = false;
+    std::vector<MhlDirectoryDigest> digests;
+    const bool ok = children([&](std::string_view name) {
+      if (folder && name == "path") {
+        if (havePath) return fail("a second <path> in <directoryhash>");
+        havePath = true;
+        if (const XmlPull::Attribute* modified = x_.attribute("lastmodificationdate")) {
+          folder->modified = parseDateTime(modified->value);
+          if (!folder->modified) return fail("a malformed lastmodificationdate");
+        }
+        return x_.readText(folder->path);
+      }
+      if (name != "content" && name != "structure") return x_.skipElement();
+      const bool content = name == "content";
+      return children([&](std::string_view format) {
+        if (formatRank(format) < 0) return x_.skipElement();
+        std::string text;
+        if (!x_.readText(text)) return false;
+        const std::optional<std::string> digest = normalDigest(format, text);
+        if (!digest) return true;
+        auto it = std::find_if(digests.begin(), digests.end(),
+                               [&](const MhlDirectoryDigest& d) { return d.format == format; });
+        if (it == digests.end()) it = digests.insert(digests.end(), {std::string(format), "", ""});
+        std::string& slot = content ? it->content : it->structure;
+        if (slot.empty()) slot = *digest;
+        return true;
+      });
+    });
+    if (!ok) return false;
+    if (folder && !havePath) return fail("a <directoryhash> without its <path>");
+    std::stable_sort(digests.begin(), digests.end(),
+                     [](const MhlDirectoryDigest& a, const MhlDirectoryDigest& b) {
+                       return formatRank(a.format) < formatRank(b.format);
+                     });
+    (folder ? folder->digests : out_.directoryHashes.root) = std::move(digests);
+    return true;
   }
 
   bool hash() {
@@ -843,6 +896,38 @@ bool appendEscaped(std::string& out, std::string_view s, bool attribute) {
   return true;
 }
 
+// The <content> and <structure> of a directory or root hash, each indented by
+// `indent`; the reason when a digest cannot be written.
+std::optional<std::string> appendDirectoryDigests(std::string& out,
+                                                  const std::vector<MhlDirectoryDigest>& digests,
+                                                  const std::string& indent) {
+  std::vector<const MhlDirectoryDigest*> sorted;
+  for (const MhlDirectoryDigest& d : digests) {
+    if (!isMhlHashFormat(d.format))
+      return "a hash format ASC MHL does not define: \"" + shown(d.format) + "\"";
+    for (const MhlDirectoryDigest* other : sorted)
+      if (other->format == d.format) return "a directory hash given twice with " + d.format;
+    sorted.push_back(&d);
+  }
+  std::stable_sort(sorted.begin(), sorted.end(),
+                   [](const MhlDirectoryDigest* a, const MhlDirectoryDigest* b) {
+                     return formatRank(a->format) < formatRank(b->format);
+                   });
+  for (const bool content : {true, false}) {
+    const char* element = content ? "content" : "structure";
+    out += indent + "<" + element + ">\n";
+    for (const MhlDirectoryDigest* d : sorted) {
+      const std::string& text = content ? d->content : d->structure;
+      if (text.empty()) continue;
+      const std::optional<std::string> digest = normalDigest(d->format, text);
+      if (!digest) return "a malformed " + d->format + " directory hash";
+      out += indent + "  <" + d->format + ">" + *digest + "</" + d->format + ">\n";
+    }
+    out += indent + "</" + element + ">\n";
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 bool isMhlHashFormat(std::string_view format) {
@@ -903,6 +988,13 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
   out += ">";
   if (!appendEscaped(out, m.creator.tool, false)) return refuse("a tool name XML cannot carry");
   out += "</tool>\n  </creatorinfo>\n  <processinfo>\n    <process>" + m.process + "</process>\n";
+  if (!m.directoryHashes.root.empty()) {
+    out += "    <roothash>\n";
+    if (std::optional<std::string> why =
+            appendDirectoryDigests(out, m.directoryHashes.root, "      "))
+      return refuse(*why + " in the root hash");
+    out += "    </roothash>\n";
+  }
   if (!m.ignorePatterns.empty()) {
     out += "    <ignore>\n";
     for (const std::string& pattern : m.ignorePatterns) {
@@ -914,7 +1006,8 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
     out += "    </ignore>\n";
   }
   out += "  </processinfo>\n";
-  if (!m.hashes.empty()) out += "  <hashes>\n";
+  const bool anyHashes = !m.hashes.empty() || !m.directoryHashes.directories.empty();
+  if (anyHashes) out += "  <hashes>\n";
   std::set<std::string> seen;
   // Consecutive entries of one file (path, size and date) share a <hash>, their
   // formats in the order the element holds them.
@@ -957,7 +1050,24 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
     out += "    </hash>\n";
     i = end;
   }
-  if (!m.hashes.empty()) out += "  </hashes>\n";
+  // The folders' hashes after the files they cover.
+  for (const MhlDirectoryHash& folder : m.directoryHashes.directories) {
+    if (!isRelativePath(folder.path))
+      return refuse("a folder path that is not relative to the tracked folder: \"" +
+                    shown(folder.path) + "\"");
+    out += "    <directoryhash>\n      <path";
+    if (folder.modified)
+      out += " lastmodificationdate=\"" + formatDateTime(*folder.modified) + "\"";
+    out += ">";
+    if (!appendEscaped(out, folder.path, false))
+      return refuse("a folder path with a character XML cannot carry: \"" + shown(folder.path) +
+                    "\"");
+    out += "</path>\n";
+    if (std::optional<std::string> why = appendDirectoryDigests(out, folder.digests, "      "))
+      return refuse(*why + " for \"" + shown(folder.path) + "\"");
+    out += "    </directoryhash>\n";
+  }
+  if (anyHashes) out += "  </hashes>\n";
   out += "</hashlist>\n";
   return out;
 }
@@ -1160,7 +1270,8 @@ std::optional<std::string> MhlHistory::addGeneration(const MhlCreator& creator,
                                                      std::string_view name,
                                                      const std::vector<std::string>& ignorePatterns,
                                                      const std::vector<MhlHash>& hashes,
-                                                     std::string& error, std::string_view process) {
+                                                     std::string& error, std::string_view process,
+                                                     const MhlDirectoryHashes& directoryHashes) {
   if (!loaded_) {
     error = "the ASC MHL history did not load; nothing is written into it";
     return std::nullopt;
@@ -1173,7 +1284,7 @@ std::optional<std::string> MhlHistory::addGeneration(const MhlCreator& creator,
     error = "not a name for a manifest: \"" + shown(name) + "\"";
     return std::nullopt;
   }
-  MhlManifest manifest{creator, std::string(process), ignorePatterns, hashes};
+  MhlManifest manifest{creator, std::string(process), ignorePatterns, hashes, directoryHashes};
   std::optional<std::string> bytes = writeMhlManifest(manifest, error);
   if (!bytes) return std::nullopt;
   char number[16];

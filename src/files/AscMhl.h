@@ -51,15 +51,47 @@ bool isMhlHashFormat(std::string_view format);
 // digits.
 std::string mhlC4Id(std::string_view bytes);
 
+// A folder's hashes in one format: the content hash (of its files' and
+// folders' content hashes) and the structure hash (of their names with their
+// hashes). A manifest may give one without the other; the missing one is
+// empty.
+struct MhlDirectoryDigest {
+  std::string format;     // as MhlHash::format
+  std::string content;    // lowercase hex (c4: "c4..."), or empty
+  std::string structure;  // the same
+
+  bool operator==(const MhlDirectoryDigest&) const = default;
+};
+
+// One folder's directory hash (<directoryhash>).
+struct MhlDirectoryHash {
+  std::string path;  // relative to the tracked folder, '/'-separated
+  std::optional<std::chrono::system_clock::time_point> modified;  // lastmodificationdate
+  std::vector<MhlDirectoryDigest> digests;  // one per format, in the order a manifest holds them
+
+  bool operator==(const MhlDirectoryHash&) const = default;
+};
+
+// The directory hashes of a generation and the hash of the tracked folder
+// itself (<roothash>, which has no path); empty when there are none.
+struct MhlDirectoryHashes {
+  std::vector<MhlDirectoryHash> directories;
+  std::vector<MhlDirectoryDigest> root;
+
+  bool operator==(const MhlDirectoryHashes&) const = default;
+};
+
 // One manifest (one generation's .mhl file), as far as it is read: creator,
-// process, ignore patterns and file hashes. Everything else the schema allows
-// (directory and root hashes, previous paths, authors, metadata, references)
-// is accepted and skipped.
+// process, ignore patterns, file hashes, directory and root hashes.
+// Everything else the schema allows (previous paths, authors, metadata,
+// references) is accepted and skipped, and so is a directory hash whose path
+// is not relative or whose digest is malformed (they are never relied on).
 struct MhlManifest {
   MhlCreator creator;
   std::string process;  // "in-place", "transfer" or "flatten"
   std::vector<std::string> ignorePatterns;
   std::vector<MhlHash> hashes;  // one entry per file and format, in the file's order
+  MhlDirectoryHashes directoryHashes;
 };
 
 // One entry of the chain file.
@@ -129,7 +161,8 @@ class MhlHistory {
   const std::vector<MhlGeneration>& generationList() const { return generationList_; }
 
   // Writes the next generation's manifest "NNNN_<name>_<YYYY-MM-DD_HHMMSSZ>.mhl"
-  // (the process given, the ignore patterns and hashes given), never replacing
+  // (the process given, the ignore patterns, hashes and directory hashes
+  // given), never replacing
   // a file, and then the extended chain file, replaced atomically. The tracked
   // folder must exist; the ascmhl folder is made when missing. Refused when the
   // history did not load, or when the chain on disk changed since it was
@@ -137,7 +170,8 @@ class MhlHistory {
   std::optional<std::string> addGeneration(const MhlCreator& creator, std::string_view name,
                                            const std::vector<std::string>& ignorePatterns,
                                            const std::vector<MhlHash>& hashes, std::string& error,
-                                           std::string_view process = "transfer");
+                                           std::string_view process = "transfer",
+                                           const MhlDirectoryHashes& directoryHashes = {});
 
  private:
   void index(const MhlChainEntry& entry, const MhlManifest& manifest);

@@ -13,6 +13,7 @@
 #include <set>
 
 #include "files/AscMhl.h"
+#include "files/MhlDirectoryHash.h"
 #include "files/OffloadInternal.h"
 #include "files/TransferReport.h"
 
@@ -198,6 +199,23 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
   }
   report.bytesRead = done;
 
+  // The directory hashes of the folder as it was read: the digests found, a
+  // file that could not be read known by none.
+  std::vector<MhlHash> digested = entries;
+  for (const auto& [path, digest] : newDigests)
+    digested.push_back({path, std::nullopt, std::nullopt, report.hash, digest, "", std::nullopt});
+  for (const offload::CardFile* f : files) {
+    MhlHash present;
+    present.path = f->path;
+    digested.push_back(std::move(present));
+  }
+  std::vector<MhlFolder> folders;
+  for (const offload::CardFolder& f : tree.folders)
+    if (("/" + f.path + "/").find("/ascmhl/") == std::string::npos &&
+        !offload::matchesIgnorePattern(patterns, f.path, true))
+      folders.push_back({f.path, timeOf(f.modified)});
+  const MhlDirectoryHashes directories = mhlDirectoryHashes(digested, folders, report.hash);
+
   // Gone, or (a new file with a gone file's digest) renamed.
   std::map<std::string, std::string> gone;  // path -> digest in report.hash, "" otherwise
   for (const std::string& path : history.recordedPaths()) {
@@ -228,7 +246,7 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
     creator.tool = options.tool;
     creator.toolVersion = options.toolVersion;
     report.manifest = history.addGeneration(creator, baseName(options.folder), patterns, entries,
-                                            error, "in-place");
+                                            error, "in-place", directories);
     if (!report.manifest)
       report.error = "What was found could not be added to the hash list: " + error;
   }

@@ -21,6 +21,7 @@
 #include "common/UniqueFd.h"
 #include "files/AscMhl.h"
 #include "files/FileOperations.h"
+#include "files/MhlDirectoryHash.h"
 #include "files/OffloadInternal.h"
 #include "files/TransferReport.h"
 #include "platform/Platform.h"
@@ -624,11 +625,19 @@ class Run {
     for (Target& t : targets_) t.flushFolders();
     for (Target& t : targets_) {
       if (!t.historyUsable || t.entries.empty() || t.gone()) continue;
+      // The directory hashes of the card's folder as the destination now holds it.
+      std::vector<MhlFolder> folders;
+      for (const offload::CardFolder& f : tree_.folders)
+        if (!t.enter(f.path, false)) folders.push_back({f.path, timeOf(f.modified)});
+      t.leaveTo(1);
+      std::vector<std::string> paths;
+      for (const CardFile& f : tree_.files) paths.push_back(f.path);
       std::string error;
       std::vector<std::string> patterns = kIgnorePatterns;
       patterns.insert(patterns.end(), options_.exclude.begin(), options_.exclude.end());
-      t.report.manifest =
-          t.history.addGeneration(creator, report_.name, patterns, t.entries, error);
+      t.report.manifest = t.history.addGeneration(
+          creator, report_.name, patterns, t.entries, error, "transfer",
+          mhlGenerationDirectoryHashes(paths, t.entries, t.history, folders, options_.hash));
       if (!t.report.manifest)
         t.fail(t.folder + "/ascmhl", "the hash list cannot be written: " + error);
     }

@@ -1,7 +1,8 @@
 // Hash lists shared with the ASC MHL reference tool (vendored under
-// tests/third_party): it verifies the histories an offload writes, a check
-// and an offload read and continue the histories it writes (one with an empty
-// file, whose size it leaves out), and a changed byte is found by both.
+// tests/third_party): it verifies the histories an offload and a check write,
+// their directory hashes included, a check and an offload read and continue
+// the histories it writes (one with an empty file, whose size it leaves out),
+// and a changed byte is found by both.
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -49,10 +50,24 @@ TEST_F(MhlInterop, HistoriesPassBetweenKdAndTheReferenceTool) {
   const std::string card = dir_.mkdir("card/EOS_DIGITAL");
   writeCard(card, sample);
 
-  // kd's history verifies with the reference tool.
+  dir_.mkdir("card/EOS_DIGITAL/DCIM/EMPTY");
+
+  // kd's history verifies with the reference tool, its directory hashes too,
+  // and so do those of a check's generation.
   const std::string ours = dir_.mkdir("ours");
   ASSERT_TRUE(offload(card, ours, false).allGood());
   EXPECT_EQ(reference({"debug", "verify", ours + "/EOS_DIGITAL"}), 0) << said();
+  FolderVerifyOptions recheck;
+  recheck.folder = ours + "/EOS_DIGITAL";
+  ASSERT_TRUE(verifyFolder(recheck).manifest);
+  EXPECT_EQ(reference({"debug", "verify", "-dh", "-v", ours + "/EOS_DIGITAL"}), 0) << said();
+  for (const std::string generation : {"0001", "0002"}) {
+    EXPECT_NE(said().find("folder        DCIM/100EOS5D OK (generation " + generation),
+              std::string::npos)
+        << said();
+    EXPECT_NE(said().find("root folder   OK (generation " + generation), std::string::npos)
+        << said();
+  }
 
   // A history the reference tool began is continued by an offload: the files
   // read again from the device and found equal, a generation added.
@@ -77,6 +92,8 @@ TEST_F(MhlInterop, HistoriesPassBetweenKdAndTheReferenceTool) {
   EXPECT_EQ(history.generations(), 2);
   EXPECT_EQ(history.latest("DCIM/100EOS5D/EMPTY.TXT", "xxh64")->action, "verified");
   EXPECT_EQ(reference({"debug", "verify", theirs + "/EOS_DIGITAL"}), 0) << said();
+  EXPECT_EQ(reference({"debug", "verify", "-dh", theirs + "/EOS_DIGITAL"}), 0) << said();
+  EXPECT_EQ(historyProblems(theirs + "/EOS_DIGITAL/ascmhl"), "");
 
   // One changed byte: both find it.
   const std::string clip = theirs + "/EOS_DIGITAL/DCIM/100EOS5D/IMG_0001.CR2";
@@ -88,6 +105,8 @@ TEST_F(MhlInterop, HistoriesPassBetweenKdAndTheReferenceTool) {
   std::fclose(f);
   EXPECT_NE(reference({"debug", "verify", theirs + "/EOS_DIGITAL"}), 0);
   EXPECT_NE(said().find("IMG_0001.CR2"), std::string::npos) << said();
+  EXPECT_NE(reference({"debug", "verify", "-dh", theirs + "/EOS_DIGITAL"}), 0);
+  EXPECT_NE(said().find("content hash mismatch   for DCIM/100EOS5D"), std::string::npos) << said();
   const FolderVerifyReport changed = verifyFolder(check);
   ASSERT_EQ(changed.changed.size(), 1u);
   EXPECT_EQ(changed.changed[0].path, "DCIM/100EOS5D/IMG_0001.CR2");

@@ -408,6 +408,12 @@ TEST(AscMhl, TheStandardsExamplesRead) {
   ASSERT_EQ(manifest.hashes.size(), 3u);  // the directory hash is not a file's
   EXPECT_EQ(manifest.hashes[2], (MhlHash{"Sidecar.txt", 58, at(1579093200), "xxh64",
                                          "3ab5a4166b9bde44", "verified", at(1579271400)}));
+  EXPECT_EQ(
+      manifest.directoryHashes.root,
+      (std::vector<kd::MhlDirectoryDigest>{{"xxh64", "8d02114c32e28cbe", "f557f8ca8e5a88ef"}}));
+  EXPECT_EQ(manifest.directoryHashes.directories,
+            (std::vector<kd::MhlDirectoryHash>{
+                {"Clips", at(1579093200), {{"xxh64", "4c226b42e27d7af3", "906faa843d591a9f"}}}}));
 
   std::vector<MhlChainEntry> chain;
   ASSERT_TRUE(kd::parseMhlChain(readFile(kData + "/examples/ascmhl_chain.xml"), chain, error))
