@@ -135,7 +135,7 @@ mkdir -p "$app/Contents/MacOS" "$raid" "$shuttle"
 [ "$1" = -ferrimoVolume ] || exit 2
 STANDIN
   # shellcheck disable=SC2016 # $2 and $? are the stand-in's
-  printf '%q offload "$2" %q %q --reverify >%q 2>%q\n' "$PWD/$kd" "$raid" "$shuttle" \
+  printf '%q offload "$2" %q %q --reverify --source-verify >%q 2>%q\n' "$PWD/$kd" "$raid" "$shuttle" \
     "$offload/summary.txt" "$offload/progress.txt"
   # shellcheck disable=SC2016
   printf 'echo $? >%q && mv %q %q\n' "$offload/status.new" "$offload/status.new" "$offload/status"
@@ -181,7 +181,7 @@ say "How Ferrimo was started"
 if [ -s "$app/Contents/MacOS/launches.log" ]; then
   sed 's/^/    Contents\/MacOS\/Ferrimo /; s/\t/ /g' "$app/Contents/MacOS/launches.log"
   card=$card_mount
-  say "The stand-in Ferrimo runs: kd offload $card $raid $shuttle --reverify"
+  say "The stand-in Ferrimo runs: kd offload $card $raid $shuttle --reverify --source-verify"
   for ((i = 0; i < 600; i++)); do
     [ -e "$offload/status" ] && break
     sleep 0.1
@@ -191,9 +191,9 @@ if [ -s "$app/Contents/MacOS/launches.log" ]; then
 else
   echo "    (not started)"
   card="$workdir/PHOTO_CARD"
-  say "Offloading the sample card directly: kd offload $card $raid $shuttle --reverify"
+  say "Offloading the sample card directly: kd offload $card $raid $shuttle --reverify --source-verify"
   status=0
-  "$kd" offload "$card" "$raid" "$shuttle" --reverify >"$offload/summary.txt" \
+  "$kd" offload "$card" "$raid" "$shuttle" --reverify --source-verify >"$offload/summary.txt" \
     2>"$offload/progress.txt" || status=$?
 fi
 sed 's/^/    /' "$offload/summary.txt"
@@ -207,12 +207,20 @@ fi
 name=$(basename "$card")
 say "What $raid/$name holds (the card's .Trashes and ._ file stay behind)"
 (cd "$raid/$name" && find . -type f -printf '    %-46P %9s bytes  %TY-%Tm-%Td %TH:%TM\n' | sort -k1,1)
-if diff -r -x ascmhl "$raid/$name" "$shuttle/$name" >/dev/null; then
-  echo "    $shuttle/$name holds the same files, and a manifest of its own"
+if diff -r -x ascmhl -x 'offload-report_*' "$raid/$name" "$shuttle/$name" >/dev/null; then
+  echo "    $shuttle/$name holds the same files, and a manifest and a report of its own"
 else
-  echo "    $shuttle/$name differs:" && diff -r -x ascmhl "$raid/$name" "$shuttle/$name" | sed 's/^/    /'
+  echo "    $shuttle/$name differs:" &&
+    diff -r -x ascmhl -x 'offload-report_*' "$raid/$name" "$shuttle/$name" | sed 's/^/    /'
 fi
 
 manifest=$(find "$raid/$name/ascmhl" -name '*.mhl' | sort | tail -n1)
 say "The first file in the manifest $manifest"
 sed -n '/<hash>/,/<\/hash>/{p;/<\/hash>/q}' "$manifest"
+
+report=$(find "$raid/$name" -maxdepth 1 -name 'offload-report_*.csv' | sort | tail -n1)
+say "The transfer report ${report%.csv}.html (a page that prints well), as CSV"
+sed 's/^/    /' "$report"
+
+say "Checking the copy later, without the card: kd verify --no-mhl $raid/$name"
+"$kd" verify --no-mhl "$raid/$name" 2>/dev/null | sed 's/^/    /'
