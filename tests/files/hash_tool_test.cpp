@@ -76,6 +76,8 @@ TEST_F(KdHashTool, SpeaksXxhsumAndTaggedLists) {
       {"xxhsum -H3", "xxhsum -H3 " + files + " | " + kd + " hash -c -"},
       {"xxhsum --tag", "xxhsum --tag -H2 " + files + " | " + kd + " hash -c -"},
       {"BSD tags", "md5sum --tag " + files + " | " + kd + " hash -c -"},
+      {"kd copy's list for xxhsum",
+       kd + " copy --hash xxh3 A001C003.mov c1 > l && xxhsum -c l && " + kd + " hash -c l"},
       {"an xxh128 list taken as MD5 fails", "xxhsum -H2 empty > l && ! " + kd + " hash -c l"},
   };
   for (const auto& c : cases) {

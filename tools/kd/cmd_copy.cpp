@@ -66,7 +66,7 @@ void setupCopy(CLI::App& app) {
   auto* cmd = app.add_subcommand("copy", "Copy one file to several destinations, verified");
   static std::string verify = "sha256", source;
   static std::vector<std::string> destinations;
-  cmd->add_option("--verify", verify, "Digest for the read-back check (default sha256)")
+  cmd->add_option("--hash,--verify", verify, "Digest for the read-back check (default sha256)")
       ->check(
           CLI::IsMember({"none", "md5", "sha1", "sha256", "sha512", "xxh64", "xxh3", "xxh128"}));
   cmd->add_option("SOURCE", source, "File to copy")->required();
@@ -77,7 +77,9 @@ void setupCopy(CLI::App& app) {
       "source itself, a name given twice, a link or anything but a regular file is\n"
       "refused. Each DEST is read back as it is written and digested, flushed to\n"
       "its device, and its digest compared with the source's. Prints \"DIGEST  PATH\"\n"
-      "for the source, then for each DEST. Dates and extended attributes (labels,\n"
+      "for the source, then for each DEST, as the checksum tools list them (for xxh3\n"
+      "\"XXH3 (PATH) = DIGEST\", as xxhsum does): kd hash -c and xxhsum -c read it. Dates and "
+      "extended attributes (labels,\n"
       "tags) are kept where DEST's file system holds them. On a terminal a progress\n"
       "bar shows on standard error. Exits 1 when the copy failed, a write was short\n"
       "or a DEST did not verify, 0 otherwise.\n"
@@ -102,9 +104,16 @@ void setupCopy(CLI::App& app) {
       std::fprintf(stderr, "kd copy: %s: not copied\n", source.c_str());
       status = 1;
     } else {
-      if (result.sourceDigest) std::cout << *result.sourceDigest << "  " << source << '\n';
+      // xxhsum lists xxh3 digests only in the tagged form.
+      auto line = [](const std::string& digest, const std::string& path) {
+        if (verify == "xxh3")
+          std::cout << "XXH3 (" << path << ") = " << digest << '\n';
+        else
+          std::cout << digest << "  " << path << '\n';
+      };
+      if (result.sourceDigest) line(*result.sourceDigest, source);
       for (const KdFileManager::CopyOutcome& d : result.destinations) {
-        if (d.digest) std::cout << *d.digest << "  " << d.path << '\n';
+        if (d.digest) line(*d.digest, d.path);
         if (!d.attributesNotKept.empty()) {
           std::string names;
           for (const std::string& name : d.attributesNotKept)
