@@ -63,4 +63,21 @@ std::size_t codePointCount(std::string_view s) {
   return n;
 }
 
+std::string withBytesShown(std::string_view s) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  for (std::size_t i = 0; i < s.size();) {
+    if (const std::size_t length = validSequenceAt(s, i)) {
+      out.append(s, i, length);
+      i += length;
+      continue;
+    }
+    const auto byte = static_cast<unsigned char>(s[i++]);
+    out += "\\x";
+    out += kHex[byte >> 4];
+    out += kHex[byte & 15];
+  }
+  return out;
+}
+
 }  // namespace kd::utf8

@@ -18,6 +18,10 @@ std::size_t validSequenceAt(std::string_view s, std::size_t i);
 // Whether the whole text is valid UTF-8.
 bool isValid(std::string_view s);
 
+// The text as valid UTF-8 for people to read: every byte that is not part of
+// a valid sequence shown as "\xNN".
+std::string withBytesShown(std::string_view s);
+
 // Appends the encoding of `cp`; surrogates and values above U+10FFFF become
 // U+FFFD.
 void appendCodePoint(std::string& out, char32_t cp);

@@ -176,23 +176,7 @@ class ZipWriter {
   }
 
   // A name as it can be shown: bytes that are no UTF-8 as \xNN.
-  static std::string shown(const std::string& name) {
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string out;
-    for (std::size_t i = 0; i < name.size();) {
-      const std::size_t len = kd::utf8::validSequenceAt(name, i);
-      if (len != 0) {
-        out.append(name, i, len);
-        i += len;
-        continue;
-      }
-      const auto byte = static_cast<unsigned char>(name[i++]);
-      out += "\\x";
-      out += kHex[byte >> 4];
-      out += kHex[byte & 15];
-    }
-    return out;
-  }
+  static std::string shown(const std::string& name) { return kd::utf8::withBytesShown(name); }
 
   archive* a_;
   struct stat output_;

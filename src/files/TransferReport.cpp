@@ -15,20 +15,7 @@ using SystemClock = std::chrono::system_clock;
 // Text as valid UTF-8: bytes that are none (a card's file names may hold
 // any) shown as \xNN.
 std::string shown(std::string_view text) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string out;
-  for (std::size_t i = 0; i < text.size();) {
-    if (const std::size_t length = utf8::validSequenceAt(text, i)) {
-      out.append(text, i, length);
-      i += length;
-      continue;
-    }
-    const auto byte = static_cast<unsigned char>(text[i++]);
-    out += "\\x";
-    out += kHex[byte >> 4];
-    out += kHex[byte & 15];
-  }
-  return out;
+  return utf8::withBytesShown(text);
 }
 
 std::string html(std::string_view text) {

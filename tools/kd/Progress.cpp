@@ -96,4 +96,15 @@ void Progress::draw() {
   std::fflush(stderr);
 }
 
+OffloadProgress offloadProgress(const std::shared_ptr<Progress>& progress) {
+  OffloadProgress callbacks;
+  callbacks.fileStarted = [progress](const std::string& path, std::uint64_t) {
+    progress->file(path);
+  };
+  callbacks.bytes = [progress](std::uint64_t done, std::uint64_t total) {
+    progress->bytes(done, total);
+  };
+  return callbacks;
+}
+
 }  // namespace kd::tool

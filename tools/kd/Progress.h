@@ -6,8 +6,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
+
+#include "files/Offload.h"
 
 namespace kd::tool {
 
@@ -45,5 +48,8 @@ class Progress {
   std::uint64_t done_ = 0, total_ = 0;
   bool drawn_ = false, ended_ = false;
 };
+
+// The callbacks of an offload or a check that draw on `progress`.
+OffloadProgress offloadProgress(const std::shared_ptr<Progress>& progress);
 
 }  // namespace kd::tool

@@ -196,13 +196,7 @@ void setupOffload(CLI::App& app) {
     options.stop = kd::tool::stopOnInterrupt();
     auto progress =
         std::make_shared<kd::tool::Progress>(::isatty(STDERR_FILENO) == 1, "kd offload");
-    kd::OffloadProgress callbacks;
-    callbacks.fileStarted = [progress](const std::string& path, std::uint64_t) {
-      progress->file(path);
-    };
-    callbacks.bytes = [progress](std::uint64_t done, std::uint64_t total) {
-      progress->bytes(done, total);
-    };
+    const kd::OffloadProgress callbacks = kd::tool::offloadProgress(progress);
     const kd::OffloadReport report = kd::offloadCard(options, callbacks);
     progress->end();
     if (!report.error.empty()) std::fprintf(stderr, "kd offload: %s\n", report.error.c_str());

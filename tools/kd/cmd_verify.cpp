@@ -147,13 +147,7 @@ void setupVerify(CLI::App& app) {
     options.toolVersion = KD_VERSION;
     options.stop = kd::tool::stopOnInterrupt();
     auto progress = std::make_shared<kd::tool::Progress>(::isatty(STDERR_FILENO) == 1, "kd verify");
-    kd::OffloadProgress callbacks;
-    callbacks.fileStarted = [progress](const std::string& path, std::uint64_t) {
-      progress->file(path);
-    };
-    callbacks.bytes = [progress](std::uint64_t done, std::uint64_t total) {
-      progress->bytes(done, total);
-    };
+    const kd::OffloadProgress callbacks = kd::tool::offloadProgress(progress);
     const kd::FolderVerifyReport report = kd::verifyFolder(options, callbacks);
     progress->end();
     if (!report.error.empty()) std::fprintf(stderr, "kd verify: %s\n", report.error.c_str());
