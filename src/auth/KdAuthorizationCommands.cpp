@@ -152,7 +152,10 @@ bool KdAuthorization::authCopyFile(const OptString& source, const OptString& des
   OptString from = absolutePath(*source), to = absolutePath(*destination);
   // As the move: never onto or into what is there.
   if (!from || !to || !mayExist(*from) || mayExist(*to)) return false;
-  return runWaiting(kCp, {"-n", "-p", "-R", "-T", "--", *from, *to}) == 0 && mayExist(*to);
+  // --preserve=all keeps extended attributes (labels, tags) where the
+  // destination holds them, and says nothing where it does not.
+  return runWaiting(kCp, {"-n", "--preserve=all", "-R", "-T", "--", *from, *to}) == 0 &&
+         mayExist(*to);
 }
 
 bool KdAuthorization::authCreateDir(const std::string& path) {
