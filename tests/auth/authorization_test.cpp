@@ -3,6 +3,7 @@
 // refusals of the guarded commands.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -291,8 +292,11 @@ TEST_F(RootCommands, FileCommandsSucceedOnlyWhenTheirToolDid) {
   EXPECT_TRUE(exists(a));
   EXPECT_TRUE(auth_->authMoveFile(a, work_ + "/b"));
   EXPECT_EQ(readFile(work_ + "/b"), "A");
+  ASSERT_EQ(::setxattr((work_ + "/b").c_str(), "user.xdg.tags", "A", 1, 0), 0);
   EXPECT_TRUE(auth_->authCopyFile(work_ + "/b", work_ + "/c"));
   EXPECT_EQ(readFile(work_ + "/c"), "A");
+  char tag[8] = {};  // labels and tags go with the copy
+  EXPECT_EQ(::getxattr((work_ + "/c").c_str(), "user.xdg.tags", tag, sizeof tag), 1);
   EXPECT_FALSE(auth_->authCopyFile(work_ + "/b", work_ + "/missing-folder/c"));
   // Nothing is replaced, nor moved or copied into a folder of the name.
   const std::string other = tmp_.touch("work/other", "O");
