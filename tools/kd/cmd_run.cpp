@@ -88,7 +88,8 @@ std::optional<std::string> findProgram(const std::string& name, std::string& rea
 
 // Points file descriptor 1, where the library prints its messages in kd, at
 // the null device while it lives: kd run tells a failure in its own words, and
-// the library's text goes to the log only.
+// the library's text goes to the log only. Owns the saved descriptor; main
+// thread only, around a run that has returned before it ends.
 class LibraryMessagesQuiet {
  public:
   LibraryMessagesQuiet() : saved_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
