@@ -32,9 +32,14 @@ endforeach()
 target_link_libraries(kd_shared PRIVATE kd_options ${kd_archives})
 target_link_options(kd_shared PRIVATE -Wl,--no-undefined)
 target_compile_features(kd_shared PUBLIC cxx_std_20)
-target_include_directories(kd_shared PUBLIC
-  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>
-  $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/kd>)
+# Users include <kd/...>: only the installed include folder is on their path,
+# so that the library's folder names (common/, log/) are not. The public
+# headers include each other by paths relative to themselves, which hold in
+# the source tree and under include/kd alike.
+target_include_directories(kd_shared PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>
+                                            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+# Exports only what the public headers mark KD_EXPORT.
+set_target_properties(kd_shared PROPERTIES CXX_VISIBILITY_PRESET hidden)
 add_library(Kd::Kd ALIAS kd_shared)
 
 # The library itself (libKd.so.1 and the file it names) goes to the library's
@@ -45,17 +50,38 @@ install(TARGETS kd_shared EXPORT KdTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${KD_COMPONENT_DEV}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${KD_COMPONENT_LIBRARY})
 
-# Headers keep their folders: <kd/log/KdLog.h>, and the headers' own includes
-# ("common/Path.h") resolve through include/kd. Platform implementations and
-# test hooks are not part of the interface.
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kd
-        COMPONENT ${KD_COMPONENT_DEV}
-        FILES_MATCHING PATTERN "*.h"
-        PATTERN "linux" EXCLUDE
-        PATTERN "macos" EXCLUDE
-        PATTERN "*Testing.h" EXCLUDE
-        PATTERN "FerrimoHelper.h" EXCLUDE)
+# The public headers, with their folders: <kd/files/KdFileManager.h>. The
+# rest (platform implementations, the work queue, the offload's internals, test
+# hooks) stays private; a public header includes only public ones.
+set(KD_PUBLIC_HEADERS
+    KdExport.h
+    auth/KdAuthorization.h
+    common/FileOwner.h
+    common/PropertyList.h
+    common/UniqueFd.h
+    crash/KdBugReporter.h
+    files/KdDelegates.h
+    files/KdDigestContext.h
+    files/KdFileManager.h
+    helper/FerrimoVolumeChecker.h
+    log/Format.h
+    log/KdException.h
+    log/KdLog.h
+    paths/KdCmdUtils.h
+    paths/KdLocalPaths.h
+    platform/Desktop.h
+    platform/FileMetadata.h
+    platform/Platform.h
+    platform/Privilege.h
+    platform/Volumes.h
+    tasks/KdTask.h
+    tasks/KdTaskEx.h)
+foreach(header ${KD_PUBLIC_HEADERS})
+  get_filename_component(folder ${header} DIRECTORY)
+  install(FILES ${PROJECT_SOURCE_DIR}/src/${header}
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kd/${folder}
+          COMPONENT ${KD_COMPONENT_DEV})
+endforeach()
 
 set(KD_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/Kd)
 install(EXPORT KdTargets NAMESPACE Kd:: DESTINATION ${KD_CMAKE_DIR} COMPONENT ${KD_COMPONENT_DEV})

@@ -20,6 +20,9 @@ function(kd_component name)
   cmake_parse_arguments(K "" "" "SOURCES;DEPS" ${ARGN})
   if(K_SOURCES)
     add_library(${name} STATIC ${K_SOURCES})
+    # Their objects also make the shared library, which exports only what the
+    # public headers mark KD_EXPORT (src/KdExport.h).
+    set_target_properties(${name} PROPERTIES CXX_VISIBILITY_PRESET hidden C_VISIBILITY_PRESET hidden)
     target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
     target_link_libraries(${name} PUBLIC kd_options ${K_DEPS})
   else()

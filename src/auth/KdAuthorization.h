@@ -23,6 +23,8 @@
 // a lock, and requests to the co-process are served one at a time.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -34,7 +36,7 @@ namespace kd {
 class PrivilegedChannel;
 }
 
-class KdAuthorization {
+class KD_EXPORT KdAuthorization {
  public:
   using OptString = std::optional<std::string>;
 

@@ -9,6 +9,8 @@
 // callable from any thread.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -19,7 +21,7 @@
 #include <variant>
 #include <vector>
 
-#include "common/FileOwner.h"
+#include "FileOwner.h"
 
 namespace kd {
 
@@ -31,14 +33,14 @@ class PlistValue;
 using PlistDict = std::map<std::string, PlistValue>;
 using PlistArray = std::vector<PlistValue>;
 using PlistDate = std::chrono::system_clock::time_point;
-struct PlistData {
+struct KD_EXPORT PlistData {
   std::vector<std::uint8_t> bytes;
   bool operator==(const PlistData&) const = default;
 };
 // A date that PlistDate cannot hold exactly (before 1678, after 2261, such as
 // the usual "distant past" and "distant future", or finer than the clock's
 // tick), kept as the files store it: seconds since 2001-01-01 00:00:00 UTC.
-struct PlistStoredDate {
+struct KD_EXPORT PlistStoredDate {
   double sinceReference = 0;
   bool operator==(const PlistStoredDate&) const = default;
 };
@@ -47,7 +49,7 @@ struct PlistStoredDate {
 // no shared state; distinct values may be used on different threads at once.
 // Integers that fit std::int64_t are held as std::int64_t; only larger
 // unsigned ones as std::uint64_t.
-class PlistValue {
+class KD_EXPORT PlistValue {
  public:
   using Storage = std::variant<std::string, std::int64_t, std::uint64_t, double, bool, PlistDate,
                                PlistStoredDate, PlistData, PlistArray, PlistDict>;
@@ -99,7 +101,7 @@ enum class PlistReadStatus {
   Damaged,     // read, but not a property list with a dictionary at its root
 };
 
-struct PlistFile {
+struct KD_EXPORT PlistFile {
   PlistReadStatus status = PlistReadStatus::Missing;
   PlistDict dict;                         // when Ok
   PlistFormat format = PlistFormat::Xml;  // the form of the bytes read
@@ -108,9 +110,9 @@ struct PlistFile {
 
 // Reads a property-list file. Only a regular file is read; a named pipe or a
 // device never blocks. With `followLinks` false a link at `path` is refused.
-PlistFile readPlistFile(const std::string& path, bool followLinks = true);
+KD_EXPORT PlistFile readPlistFile(const std::string& path, bool followLinks = true);
 // Parses bytes held in memory: Ok or Damaged.
-PlistFile parsePlist(std::string_view bytes);
+KD_EXPORT PlistFile parsePlist(std::string_view bytes);
 
 // The bytes of a dictionary in the given form; none (and `error`) when the
 // dictionary cannot be written in that form: nesting deeper than
@@ -118,39 +120,39 @@ PlistFile parsePlist(std::string_view bytes);
 // cannot carry (NUL and the control characters other than tab, line feed and
 // carriage return) or a date outside the years 0-9999. The binary form holds
 // every value the readers give back.
-std::optional<std::string> serializePlist(const PlistDict& dict, PlistFormat format,
-                                          std::string* error = nullptr);
+KD_EXPORT std::optional<std::string> serializePlist(const PlistDict& dict, PlistFormat format,
+                                                    std::string* error = nullptr);
 
 // Writes the dictionary: a temporary file in the same folder, fsync, rename,
 // fsync of the folder; with `owner` the file belongs to that user before it
 // takes its name. On failure the old file stays as it was and `error` (when
 // given) receives the reason.
-bool writePlistFileAtomically(const PlistDict& dict, const std::string& path, PlistFormat format,
-                              std::string* error = nullptr,
-                              const std::optional<FileOwner>& owner = std::nullopt);
+KD_EXPORT bool writePlistFileAtomically(const PlistDict& dict, const std::string& path,
+                                        PlistFormat format, std::string* error = nullptr,
+                                        const std::optional<FileOwner>& owner = std::nullopt);
 // As above in the XML form.
-bool writePlistDictionaryAtomically(const PlistDict& dict, const std::string& path,
-                                    std::string* error = nullptr,
-                                    const std::optional<FileOwner>& owner = std::nullopt);
+KD_EXPORT bool writePlistDictionaryAtomically(const PlistDict& dict, const std::string& path,
+                                              std::string* error = nullptr,
+                                              const std::optional<FileOwner>& owner = std::nullopt);
 
 // The dictionary at the root of a property-list file (XML or binary); none when
 // the file is missing, unreadable, damaged or not a dictionary at its root.
-std::optional<PlistDict> readPlistDictionary(const std::string& path);
+KD_EXPORT std::optional<PlistDict> readPlistDictionary(const std::string& path);
 // As above with an empty dictionary for "none".
-PlistDict readPlistDictionaryOrEmpty(const std::string& path);
+KD_EXPORT PlistDict readPlistDictionaryOrEmpty(const std::string& path);
 // Parses a property list held in memory; none as above.
-std::optional<PlistDict> parsePlistDictionary(const std::string& bytes);
+KD_EXPORT std::optional<PlistDict> parsePlistDictionary(const std::string& bytes);
 
 // The XML text of a dictionary; empty when it cannot be written as XML (see
 // serializePlist).
-std::string plistDictionaryToXml(const PlistDict& dict);
+KD_EXPORT std::string plistDictionaryToXml(const PlistDict& dict);
 
 // A maker-wide switch such as "disable-logging": set when the value is the
 // string "1" or a number equal to 1 (the boolean true, 1 and 1.0 included).
-bool plistFlagIsSet(const PlistDict& dict, const std::string& key);
+KD_EXPORT bool plistFlagIsSet(const PlistDict& dict, const std::string& key);
 
 // A date value of the dictionary, if the key holds one that PlistDate can hold
 // (a stored date to the nearest tick).
-std::optional<PlistDate> plistDate(const PlistDict& dict, const std::string& key);
+KD_EXPORT std::optional<PlistDate> plistDate(const PlistDict& dict, const std::string& key);
 
 }  // namespace kd

@@ -4,6 +4,8 @@
 // thread-safe: one thread at a time per object.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <unistd.h>
 #include <cerrno>
 
@@ -11,7 +13,7 @@
 
 namespace kd {
 
-class UniqueFd {
+class KD_EXPORT UniqueFd {
  public:
   UniqueFd() = default;
   explicit UniqueFd(int fd) : fd_(fd) {}

@@ -17,18 +17,20 @@
 // the start and end of a run; any single thread will do.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <functional>
 #include <optional>
 #include <string>
 
 // What the application may want to hear about a crash of its previous run. An
 // empty function is an operation the delegate does not answer.
-struct KdBugReporterDelegate {
+struct KD_EXPORT KdBugReporterDelegate {
   // The path of the crash report that proves the previous run crashed.
   std::function<void(const std::string& crashLogPath)> applicationDidCrashWithLog;
 };
 
-class KdBugReporter {
+class KD_EXPORT KdBugReporter {
  public:
   using OptString = std::optional<std::string>;
 

@@ -15,6 +15,8 @@
 // reported to the application log and counts as not answered.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <any>
 #include <atomic>
 #include <cstdint>
@@ -24,12 +26,12 @@
 #include <string>
 #include <vector>
 
-#include "common/PropertyList.h"
+#include "../common/PropertyList.h"
 
 // A flag shared between a working thread and the tasks that may stop it. It
 // is only ever set, never cleared; the working thread reads it between
 // chunks. Held by shared pointer: it lives as long as the longest holder.
-class KdCancellation {
+class KD_EXPORT KdCancellation {
  public:
   static std::shared_ptr<KdCancellation> make() { return std::make_shared<KdCancellation>(); }
   void cancel() noexcept { cancelled_.store(true, std::memory_order_relaxed); }
@@ -40,7 +42,7 @@ class KdCancellation {
 };
 
 // The delegate of the whole-file hashes.
-struct KdChecksumDelegate {
+struct KD_EXPORT KdChecksumDelegate {
   // Asked with the file's path every 50 MiB of the file; false stops the
   // hash, which then returns nothing. Sent on a worker thread, never on the
   // hashing thread, possibly after the hash has finished.
@@ -63,7 +65,7 @@ struct KdChecksumDelegate {
 // The free objects are copied into each snapshot: pass a shared pointer for
 // anything large or anything that must stay one object.
 struct KdFileCopyDelegate;
-struct KdCopySettings {
+struct KD_EXPORT KdCopySettings {
   std::string source;                                          // "source"
   std::vector<std::string> destinations;                       // "destinations", as given
   std::string operationtype = "copy";                          // "operationtype"
@@ -97,7 +99,7 @@ struct KdCopySettings {
 // kd::WorkQueue thread, each with its own snapshot of the settings, in any
 // order and possibly after the copy has returned; the final progress, the
 // verification failures and the end come on the copying thread.
-struct KdFileCopyDelegate {
+struct KD_EXPORT KdFileCopyDelegate {
   // The bytes copied so far to every destination, at each progress step and
   // once more at the end with the final total.
   std::function<void(std::uint64_t total, const KdCopySettings& settings)> fileCopyBytesWritten;

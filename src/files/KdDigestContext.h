@@ -9,6 +9,8 @@
 // failed, and a failed context yields no digest.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <array>
 #include <cstddef>
 #include <optional>
@@ -19,9 +21,9 @@ struct evp_md_ctx_st;
 enum class KdDigestKind { MD5, SHA1, SHA256, SHA512 };
 
 // Digest bytes as text: lowercase hexadecimal, two digits a byte.
-std::string kdDigestText(const unsigned char* bytes, std::size_t length);
+KD_EXPORT std::string kdDigestText(const unsigned char* bytes, std::size_t length);
 
-class KdDigestContext {
+class KD_EXPORT KdDigestContext {
  public:
   // The largest digest, in bytes (SHA-512).
   static constexpr std::size_t kMaxDigestLength = 64;
@@ -70,7 +72,7 @@ class KdDigestContext {
 // A context of one kind, so that a context of the wrong kind cannot be handed
 // to a digest-to-text operation.
 template <KdDigestKind Kind>
-class KdTypedDigestContext : public KdDigestContext {
+class KD_EXPORT KdTypedDigestContext : public KdDigestContext {
  public:
   KdTypedDigestContext() : KdDigestContext(Kind) {}
 };

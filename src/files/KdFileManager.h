@@ -7,6 +7,8 @@
 // KdFileManager_<Concern>.cpp files.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <any>
 #include <chrono>
 #include <cstddef>
@@ -18,12 +20,12 @@
 #include <string_view>
 #include <vector>
 
-#include "common/PropertyList.h"
-#include "common/UniqueFd.h"
-#include "files/KdDelegates.h"
-#include "files/KdDigestContext.h"
+#include "../common/PropertyList.h"
+#include "../common/UniqueFd.h"
+#include "KdDelegates.h"
+#include "KdDigestContext.h"
 
-class KdFileManager {
+class KD_EXPORT KdFileManager {
  public:
   KdFileManager() = delete;
 

@@ -4,10 +4,12 @@
 // may be called from any thread.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <cstdint>
 #include <string>
 
-class FerrimoVolumeChecker {
+class KD_EXPORT FerrimoVolumeChecker {
  public:
   FerrimoVolumeChecker() = delete;
 

@@ -6,6 +6,8 @@
 // literally. Pure functions; callable from any thread.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -18,7 +20,7 @@ namespace kd {
 
 // One formatting argument: an integer, a floating-point number, a text, a
 // pointer, or nothing (an absent optional, shown by "%@" as "(null)").
-class FormatArg {
+class KD_EXPORT FormatArg {
  public:
   enum class Kind { Signed, Unsigned, Double, Text, Pointer, Null };
 
@@ -56,7 +58,7 @@ class FormatArg {
 };
 
 // Formats `format` with `args`. Never throws.
-std::string formatArgs(std::string_view format, std::span<const FormatArg> args) noexcept;
+KD_EXPORT std::string formatArgs(std::string_view format, std::span<const FormatArg> args) noexcept;
 
 template <class... Args>
 std::string format(std::string_view fmt, const Args&... args) {

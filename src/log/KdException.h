@@ -7,6 +7,8 @@
 // and reason directly. Stateless; callable from any thread.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -14,7 +16,7 @@
 
 // An exception with a name besides its reason, for failures whose kind callers
 // tell apart by name (a port time-out). Plain value; copyable.
-class KdNamedException : public std::runtime_error {
+class KD_EXPORT KdNamedException : public std::runtime_error {
  public:
   KdNamedException(std::string name, const std::string& reason)
       : std::runtime_error(reason), name_(std::move(name)) {}
@@ -24,7 +26,7 @@ class KdNamedException : public std::runtime_error {
   std::string name_;
 };
 
-class KdException {
+class KD_EXPORT KdException {
  public:
   // The name of a time-out while waiting on a port or a child's output.
   static constexpr std::string_view kPortTimeoutName = "NSPortTimeoutException";

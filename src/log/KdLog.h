@@ -5,15 +5,17 @@
 // thread and file writes on the log's own serial writer thread, in queue order.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "log/Format.h"
+#include "Format.h"
 
-class KdLog {
+class KD_EXPORT KdLog {
  public:
   // The one instance; the first call creates it and starts the writer thread.
   static KdLog& sharedController();

@@ -5,11 +5,13 @@
 // flag itself is not locked.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <atomic>
 #include <optional>
 #include <string>
 
-class KdCmdUtils {
+class KD_EXPORT KdCmdUtils {
  public:
   static KdCmdUtils& sharedController();
   // The current working directory; none when it is not valid UTF-8.

@@ -6,12 +6,14 @@
 // those of the console user. Absent results are std::nullopt.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <optional>
 #include <string>
 
-#include "platform/Platform.h"
+#include "../platform/Platform.h"
 
-class KdLocalPaths {
+class KD_EXPORT KdLocalPaths {
  public:
   using OptPath = std::optional<std::string>;
 

@@ -6,11 +6,13 @@
 // it needs. Implementations are stateless and callable from any thread.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <string>
 
 namespace kd {
 
-class Desktop {
+class KD_EXPORT Desktop {
  public:
   virtual ~Desktop() = default;
   // Tells file browsers that the contents at `path` changed (noteFileSystemChanged).
@@ -20,7 +22,7 @@ class Desktop {
   virtual bool registerApplication(const std::string& path) = 0;
 };
 
-class ForwardingDesktop : public Desktop {
+class KD_EXPORT ForwardingDesktop : public Desktop {
  public:
   explicit ForwardingDesktop(Desktop& target) : target_(target) {}
   void noteFileSystemChanged(const std::string& path) override {

@@ -7,6 +7,8 @@
 // thread; errno-style results leave errno as the system set it.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <array>
 #include <chrono>
 #include <cstddef>
@@ -24,7 +26,7 @@ using FileDate = std::chrono::system_clock::time_point;
 inline constexpr std::array<std::string_view, 8> kLabelColourNames = {
     "", "grey", "green", "purple", "blue", "yellow", "red", "orange"};
 
-class FileMetadata {
+class KD_EXPORT FileMetadata {
  public:
   virtual ~FileMetadata() = default;
 
@@ -79,7 +81,7 @@ class FileMetadata {
   virtual bool isOpenForWriting(const std::string& path) = 0;
 };
 
-class ForwardingFileMetadata : public FileMetadata {
+class KD_EXPORT ForwardingFileMetadata : public FileMetadata {
  public:
   explicit ForwardingFileMetadata(FileMetadata& target) : target_(target) {}
   std::int64_t getExtendedAttribute(const std::string& path, const std::string& name, void* buffer,

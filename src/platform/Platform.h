@@ -12,17 +12,19 @@
 // thread uses the library.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "common/FileOwner.h"
-#include "platform/Desktop.h"
-#include "platform/FileMetadata.h"
-#include "platform/Privilege.h"
-#include "platform/Volumes.h"
+#include "../common/FileOwner.h"
+#include "Desktop.h"
+#include "FileMetadata.h"
+#include "Privilege.h"
+#include "Volumes.h"
 
 namespace kd {
 
@@ -53,21 +55,21 @@ enum DomainMask : unsigned {
 
 // A text rule of the root adjustment: a path that begins with `prefix` loses its
 // first `drop` characters (which may differ from the prefix length on purpose).
-struct PrefixDrop {
+struct KD_EXPORT PrefixDrop {
   std::string prefix;
   std::size_t drop = 0;
 };
 
 // What the platform knows of the program's own bundle (macOS) or installation
 // (Linux). Every field may be absent.
-struct BundleInfo {
+struct KD_EXPORT BundleInfo {
   std::optional<std::string> executablePath;  // the bundle's executable
   std::optional<std::string> version;         // CFBundleVersion
   std::optional<std::string> name;            // CFBundleName
   std::optional<std::string> resourcesPath;   // folder of the bundle's resources
 };
 
-class Platform {
+class KD_EXPORT Platform {
  public:
   virtual ~Platform() = default;
 
@@ -147,7 +149,7 @@ class Platform {
 };
 
 // Forwards every call to another platform; fakes derive from it.
-class ForwardingPlatform : public Platform {
+class KD_EXPORT ForwardingPlatform : public Platform {
  public:
   explicit ForwardingPlatform(Platform& target) : target_(target) {}
 
@@ -211,11 +213,11 @@ class ForwardingPlatform : public Platform {
 };
 
 // The platform in use: the build's own, or the one a test installed.
-Platform& platform();
+KD_EXPORT Platform& platform();
 // The build's own platform implementation (never destroyed).
-Platform& nativePlatform();
+KD_EXPORT Platform& nativePlatform();
 // Installs a platform for tests; nullptr restores the native one. The caller
 // keeps ownership and must keep it alive while installed.
-void setPlatformForTesting(Platform* fake);
+KD_EXPORT void setPlatformForTesting(Platform* fake);
 
 }  // namespace kd

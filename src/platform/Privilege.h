@@ -12,6 +12,8 @@
 // served one at a time.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -21,7 +23,7 @@
 namespace kd {
 
 // The answer to one request.
-struct PrivilegedRun {
+struct KD_EXPORT PrivilegedRun {
   // 0 when the tool was started, -2 when it does not exist, otherwise the
   // system's error number for a start that failed. -1 when the channel broke
   // (the co-process has gone).
@@ -33,7 +35,7 @@ struct PrivilegedRun {
   std::string error;   // standard error of a waited-for run (bounded)
 };
 
-class PrivilegedChannel {
+class KD_EXPORT PrivilegedChannel {
  public:
   virtual ~PrivilegedChannel() = default;
   // Runs `tool` (an absolute path) with `arguments`, by argv and without a
@@ -54,7 +56,7 @@ enum class PrivilegeFailure {
   Refused,      // the system refused rights (wrong password, not an administrator, cancelled)
 };
 
-struct PrivilegeOpening {
+struct KD_EXPORT PrivilegeOpening {
   std::unique_ptr<PrivilegedChannel> channel;
   PrivilegeFailure failure = PrivilegeFailure::None;
   int error = 0;  // the system's error number for StartFailed
@@ -65,7 +67,7 @@ struct PrivilegeOpening {
 inline constexpr char kGuardedRemove[] = "kd:remove";
 inline constexpr char kGuardedRename[] = "kd:rename";
 
-class PrivilegeService {
+class KD_EXPORT PrivilegeService {
  public:
   virtual ~PrivilegeService() = default;
   // True when the process's effective user id is 0 while its real one is not
@@ -95,7 +97,7 @@ class PrivilegeService {
 };
 
 // Forwards every call to another service; fakes derive from it.
-class ForwardingPrivilegeService : public PrivilegeService {
+class KD_EXPORT ForwardingPrivilegeService : public PrivilegeService {
  public:
   explicit ForwardingPrivilegeService(PrivilegeService& target) : target_(target) {}
   bool hasInheritedRights() override { return target_.hasInheritedRights(); }

@@ -5,18 +5,20 @@
 // it needs. Implementations are stateless and callable from any thread.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "common/PropertyList.h"
+#include "../common/PropertyList.h"
 
 namespace kd {
 
 // One mount of the system's mount table. `id` tells mounts apart: a remount
 // at the same place is a different mount.
-struct VolumeMount {
+struct KD_EXPORT VolumeMount {
   int id = 0;
   std::string mountPoint;
   std::string fileSystemType;  // as the system names it ("ext4", "fuseblk")
@@ -24,7 +26,7 @@ struct VolumeMount {
   bool operator==(const VolumeMount&) const = default;
 };
 
-class Volumes {
+class KD_EXPORT Volumes {
  public:
   virtual ~Volumes() = default;
 
@@ -58,7 +60,7 @@ class Volumes {
   virtual std::optional<std::string> physicalDriveOf(const std::string& path) = 0;
 };
 
-class ForwardingVolumes : public Volumes {
+class KD_EXPORT ForwardingVolumes : public Volumes {
  public:
   explicit ForwardingVolumes(Volumes& target) : target_(target) {}
   std::vector<VolumeMount> mountTable() override { return target_.mountTable(); }

@@ -16,6 +16,8 @@
 // belong to one reading thread at a time.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <sys/types.h>
 
 #include <atomic>
@@ -27,9 +29,9 @@
 #include <string>
 #include <vector>
 
-#include "common/UniqueFd.h"
+#include "../common/UniqueFd.h"
 
-class KdTask : public std::enable_shared_from_this<KdTask> {
+class KD_EXPORT KdTask : public std::enable_shared_from_this<KdTask> {
  public:
   using Arguments = std::vector<std::string>;
   using Environment = std::map<std::string, std::string>;

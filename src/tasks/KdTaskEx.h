@@ -20,6 +20,8 @@
 // operations may be called from any thread.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <any>
 #include <chrono>
 #include <cstdint>
@@ -32,7 +34,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tasks/KdTask.h"
+#include "KdTask.h"
 
 // The name of the chunk records of asynchronous runs.
 inline constexpr char KdAsyncTaskDataNotification[] = "KdAsyncTaskDataNotification";
@@ -41,12 +43,12 @@ class KdTaskEx;
 
 // One chunk of an asynchronous run's output; empty data marks the end.
 // It has no sender and is handed straight to `asyncTaskReturnData`.
-struct KdTaskDataNotification {
+struct KD_EXPORT KdTaskDataNotification {
   std::string name = KdAsyncTaskDataNotification;
   std::string data;
 };
 
-class KdTaskEx : public std::enable_shared_from_this<KdTaskEx> {
+class KD_EXPORT KdTaskEx : public std::enable_shared_from_this<KdTaskEx> {
  public:
   using Data = std::string;
   using Arguments = KdTask::Arguments;

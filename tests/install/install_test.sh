@@ -84,9 +84,14 @@ check_tree() {
   check_file "$p/$libdir/pkgconfig/kd.pc"
   check_line "$p/$libdir/pkgconfig/kd.pc" "libdir=$prefix/$libdir"
   check_file "$p/include/kd/log/KdLog.h"
-  check_file "$p/include/kd/common/UniqueFd.h"
-  check_absent "$p/include/kd/platform/linux"
-  check_absent "$p/include/kd/log/KdLogTesting.h"
+  check_file "$p/include/kd/files/KdFileManager.h"
+  check_file "$p/include/kd/KdExport.h"
+  # Only <kd/...> headers: internal ones stay in the source tree.
+  for header in platform/linux files/OffloadInternal.h common/WorkQueue.h common/Path.h \
+    log/KdLogTesting.h helper/FerrimoHelper.h; do
+    check_absent "$p/include/kd/$header"
+  done
+  for folder in common log files; do check_absent "$p/include/$folder"; done
   for page in kd FerrimoHelper ferrimo-mount-agent kd-privileged; do
     check_file "$p/share/man/man1/$page.1.gz"
   done
@@ -150,10 +155,55 @@ check_consumer() {
   else
     fail "the consumer does not build with pkg-config: $out"
   fi
+  # Every installed header stands on its own with only <includedir> on the
+  # path: it includes nothing that was left out.
+  local all=$work/all-headers.cpp
+  (cd "$prefix/include" && find kd -name '*.h' | sort | sed 's/.*/#include <&>/') >"$all"
+  out=$(c++ -std=c++20 -fsyntax-only -I"$prefix/include" "$all" 2>&1) ||
+    fail "the installed headers do not compile on their own: $out"
   local exported
   exported=$(grep -h "INTERFACE_COMPILE_OPTIONS\|INTERFACE_COMPILE_DEFINITIONS\|kd_options" \
     "$prefix/$libdir/cmake/Kd/"*.cmake)
   [[ -z $exported ]] || fail "the exported target carries the project's flags: $exported"
+}
+
+# The shared library exports its interface only: the public classes are
+# there, the internals (work queue, platform implementation, helpers of the
+# subsystems) are not.
+check_exports() {
+  local lib=$1 symbols
+  symbols=$(nm -D --defined-only -C "$lib" 2>&1) || { fail "nm -D $lib: $symbols"; return; }
+  for name in "KdFileManager::copyFile(" "KdLog::sharedController(" "KdTaskEx::runTask(" \
+    "KdLocalPaths::isPathSystemDirectory(" "kd::platform()"; do
+    grep -qF -- " $name" <<<"$symbols" || fail "$lib does not export $name"
+  done
+  for name in "kd::WorkQueue::" "kd::LinuxPlatform::" "kd::utf8::" "kd::path::" \
+    "kd::ReadAhead::" "kd::parseMountTable(" "kd::SettingsFile" "kd::loadSettings("; do
+    ! grep -qF -- " $name" <<<"$symbols" || fail "$lib exports the internal $name"
+  done
+}
+
+# How the installed programs link the library: those that use only its
+# interface link libKd.so.1 (as an application of its own does); the others
+# need internals (named in their CMakeLists.txt) and carry their own copy.
+check_programs() {
+  local prefix=$1 libdir=$2 program want needed out
+  while IFS='|' read -r program want; do
+    needed=$(readelf -d "$program" 2>&1 | grep -o 'Shared library: \[libKd[^]]*\]')
+    if [[ $want == shared ]]; then
+      [[ $needed == *"[libKd.so.1]"* ]] || fail "$program does not link libKd.so.1"
+      out=$(ldd "$program" 2>&1 | grep libKd)
+      [[ $out == *"=> $(realpath "$prefix/$libdir")/libKd.so.1 "* ]] || fail "$program loads: $out"
+    else
+      [[ -z $needed ]] || fail "$program links $needed"
+    fi
+  done <<TABLE
+$work/consumer/consumer|shared
+$prefix/bin/kd|static
+$prefix/bin/FerrimoHelper|static
+$prefix/bin/ferrimo-mount-agent|static
+$prefix/bin/kd-privileged|static
+TABLE
 }
 
 case $mode in
@@ -227,6 +277,8 @@ FerrimoHelper|logs Ferr
 TABLE
   command -v zsh >/dev/null || skip "zsh is not installed"
   check_consumer "$prefix" "$libdir"
+  check_exports "$prefix/$libdir/libKd.so.1"
+  check_programs "$prefix" "$libdir"
 
   # 2. The system prefix /usr/local into a DESTDIR: the autostart entry goes
   #    where desktops read it, the unit where systemd reads it, the polkit

@@ -117,6 +117,9 @@ void addRightsOptions(CLI::App* command, RightsOptions& options, bool withNoAuth
 }
 
 void openCommandLog() {
+  // Rights are asked for by kd (runWithRights), on the terminal, never by a
+  // prompt of the library's own in the middle of an operation.
+  KdAuthorization::sharedController(false);
   if (KdLocalPaths::logDirectory(true)) KdLog::createNewLog(std::string("kd"));
 }
 
@@ -124,6 +127,16 @@ void reportFailure(const std::string& command, const std::string& what) {
   std::string reason = KdFileManager::lastFailureReason();
   if (reason.empty()) reason = "failed (see the log kd.1.log)";
   std::cerr << "kd " << command << ": " << what << ": " << reason << std::endl;
+}
+
+void reportAttributesNotKept(const std::string& command, const std::string& note) {
+  // Split at the last ": ": an item's path may hold one, an attribute name
+  // seldom does.
+  const std::size_t split = note.rfind(": ");
+  const std::string item = split == std::string::npos ? note : note.substr(0, split);
+  const std::string names = split == std::string::npos ? "" : note.substr(split + 2);
+  std::cerr << "kd " << command << ": " << item
+            << ": extended attributes not kept by the destination: " << names << std::endl;
 }
 
 bool runWithRights(const std::string& command, const std::string& what, RightsOptions& options,

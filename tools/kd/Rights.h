@@ -23,7 +23,8 @@ struct RightsOptions {
 void addRightsOptions(CLI::App* command, RightsOptions& options, bool withNoAuth);
 
 // Gives the library's messages a log (kd.1.log) where this user has a log
-// folder; call once at the start of a command.
+// folder, and keeps the library from asking for rights on its own; call once
+// at the start of a command.
 void openCommandLog();
 
 // Runs `operation(shouldAuth)` for `what` (a path, for the message). An
@@ -37,5 +38,9 @@ bool runWithRights(const std::string& command, const std::string& what, RightsOp
 // Prints "kd COMMAND: WHAT: REASON" with the library's reason for the last
 // failure.
 void reportFailure(const std::string& command, const std::string& what);
+
+// Prints "kd COMMAND: ITEM: extended attributes not kept by the destination:
+// NAMES" for a note of KdFileManager::lastAttributesNotKept ("ITEM: NAMES").
+void reportAttributesNotKept(const std::string& command, const std::string& note);
 
 }  // namespace kd::tool

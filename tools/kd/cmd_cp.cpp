@@ -33,8 +33,7 @@ void setupCp(CLI::App& app) {
     // labels and tags: the copy is made all the same, and this says so.
     if (done)
       for (const std::string& note : KdFileManager::lastAttributesNotKept())
-        std::fprintf(stderr, "kd cp: extended attributes not kept by the destination: %s\n",
-                     note.c_str());
+        kd::tool::reportAttributesNotKept("cp", note);
     KdLog::finishWriting();
     if (!done) kd::tool::exitWith(1);
   });

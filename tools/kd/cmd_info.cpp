@@ -64,7 +64,7 @@ void setupInfo(CLI::App& app) {
     auto info = KdFileManager::infoForDiskAtMountpoint(
         ::realpath(mountPoint.c_str(), resolved) ? std::string(resolved) : mountPoint);
     if (!info) {
-      std::cerr << "kd info: nothing is mounted at " << mountPoint << std::endl;
+      std::cerr << "kd info: " << mountPoint << ": nothing is mounted there" << std::endl;
       kd::tool::exitWith(1);
     }
     if (plist) {

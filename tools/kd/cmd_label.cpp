@@ -27,14 +27,14 @@ void setupLabel(CLI::App& app) {
       "N is given. Exits 1 when the path does not exist or the label cannot be set.");
   cmd->callback([] {
     if (!KdFileManager::fileExistsAtPath(path)) {
-      std::cerr << "kd label: " << path << " does not exist" << std::endl;
+      std::cerr << "kd label: " << path << ": No such file or directory" << std::endl;
       kd::tool::exitWith(1);
     }
     if (number) {
       KdFileManager::setFinderColorIndex(*number, path);
       if (KdFileManager::finderColorIndexForPath(path) != *number) {
-        std::cerr << "kd label: cannot set the label of " << path
-                  << " (its file system keeps no attributes)" << std::endl;
+        std::cerr << "kd label: " << path
+                  << ": cannot set the label (its file system keeps no attributes)" << std::endl;
         kd::tool::exitWith(1);
       }
     }

@@ -38,7 +38,8 @@ void setupMatch(CLI::App& app) {
       std::vector<char> cwd(4096);
       while (!::getcwd(cwd.data(), cwd.size())) {
         if (errno != ERANGE) {
-          std::cerr << "kd: cannot read the current folder: " << std::strerror(errno) << '\n';
+          std::cerr << "kd match: .: cannot read the current folder (" << std::strerror(errno)
+                    << ")\n";
           kd::tool::exitWith(1);
         }
         cwd.resize(cwd.size() * 2);

@@ -31,8 +31,7 @@ void setupMv(CLI::App& app) {
     // labels and tags: the move is made all the same, and this says so.
     if (done)
       for (const std::string& note : KdFileManager::lastAttributesNotKept())
-        std::fprintf(stderr, "kd mv: extended attributes not kept by the destination: %s\n",
-                     note.c_str());
+        kd::tool::reportAttributesNotKept("mv", note);
     KdLog::finishWriting();
     if (!done) kd::tool::exitWith(1);
   });

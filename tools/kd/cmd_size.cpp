@@ -21,7 +21,7 @@ void setupSize(CLI::App& app) {
     bool missing = false;
     for (const auto& path : paths) {
       if (!KdFileManager::fileExistsAtPath(path) && !KdFileManager::isSymbolicLinkAtPath(path)) {
-        std::cerr << "kd size: " << path << " does not exist" << std::endl;
+        std::cerr << "kd size: " << path << ": No such file or directory" << std::endl;
         missing = true;
         continue;
       }

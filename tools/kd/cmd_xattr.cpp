@@ -12,8 +12,8 @@
 
 namespace {
 
-[[noreturn]] void fail(const std::string& reason) {
-  std::cerr << "kd xattr: " << reason << std::endl;
+[[noreturn]] void fail(const std::string& path, const std::string& reason) {
+  std::cerr << "kd xattr: " << path << ": " << reason << std::endl;
   kd::tool::exitWith(1);
 }
 
@@ -29,21 +29,22 @@ void setupXattr(CLI::App& app) {
       "With KEY and VALUE: stores the value. Exits 1 when the path does not\n"
       "exist, the attribute is missing, or the value cannot be stored.");
   cmd->callback([] {
-    if (!KdFileManager::fileExistsAtPath(path)) fail(path + " does not exist");
+    if (!KdFileManager::fileExistsAtPath(path)) fail(path, "No such file or directory");
     auto& metadata = kd::platform().fileMetadata();
     if (!key) {
       auto names = metadata.listExtendedAttributes(path);
-      if (!names) fail("cannot list the attributes of " + path + ": " + std::strerror(errno));
+      if (!names)
+        fail(path, std::string("cannot list the attributes (") + std::strerror(errno) + ")");
       for (const auto& n : *names) std::cout << n << '\n';
     } else if (!value) {
       std::int64_t size = metadata.getExtendedAttribute(path, *key, nullptr, 0);
       std::string bytes(size > 0 ? static_cast<std::size_t>(size) : 0, '\0');
       if (size > 0) size = metadata.getExtendedAttribute(path, *key, bytes.data(), bytes.size());
-      if (size < 0) fail(path + " has no attribute " + *key + ": " + std::strerror(errno));
+      if (size < 0) fail(path, "no attribute " + *key + " (" + std::strerror(errno) + ")");
       bytes.resize(static_cast<std::size_t>(size));
       std::cout << bytes << '\n';
     } else if (metadata.setExtendedAttribute(path, *key, *value) != 0) {
-      fail("cannot store " + *key + " on " + path + ": " + std::strerror(errno));
+      fail(path, "cannot store " + *key + " (" + std::strerror(errno) + ")");
     }
     std::cout.flush();
   });

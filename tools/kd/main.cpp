@@ -23,7 +23,9 @@ int runCommand(int argc, char** argv) {
   app.footer(
       "Data goes to standard output, messages to standard error. Exit status: 0 on\n"
       "success, 1 on failure (also when the output cannot be written), 2 for a usage\n"
-      "error. See kd COMMAND --help and man kd.");
+      "error. Failures read \"kd COMMAND: PATH: reason\". Sizes as text are binary:\n"
+      "1 KB = 1024 bytes, 1 MB = 1024 KB, 1 GB = 1024 MB. See kd COMMAND --help and\n"
+      "man kd.");
   for (auto setup : kd::tool::commands()) setup(app);
   if (argc > 1 && argv[1][0] != '-') {
     bool known = false;
