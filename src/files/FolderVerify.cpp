@@ -225,7 +225,8 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
                      ? record->second.digest
                      : std::string();
   }
-  for (auto& [path, digest] : gone) {
+  for (const auto& [path, goneDigest] : gone) {
+    const std::string& digest = goneDigest;  // a lambda cannot name a structured binding here
     auto match = std::find_if(newDigests.begin(), newDigests.end(),
                               [&](const auto& n) { return !digest.empty() && n.second == digest; });
     if (match != newDigests.end()) {
