@@ -66,7 +66,7 @@ class Progress {
     }
     last_ = done;
     drawn_ = true;
-    std::fprintf(stderr, "\r\033[Khashing %s: %llu of %llu MiB (%d%%)", name_.c_str(),
+    std::fprintf(stderr, "\r\033[Khashing %s: %llu of %llu MB (%d%%)", name_.c_str(),
                  static_cast<unsigned long long>(done >> 20),
                  static_cast<unsigned long long>(size_ >> 20),
                  static_cast<int>(size_ ? done * 100 / size_ : 100));
@@ -384,7 +384,7 @@ void setupHash(CLI::App& app) {
       "--hash, an untagged line's kind is told by its length: 16 hex digits are\n"
       "xxh64 and 32 are MD5, unless the list's name ends in .xxh3 or .xxh128. Exits 1\n"
       "when any file differs or cannot be read, or when a line of the list is not\n"
-      "understood. On a terminal, files from 100 MiB show a progress line on standard\n"
+      "understood. On a terminal, files from 100 MB show a progress line on standard\n"
       "error. Example: kd hash --hash xxh64 A001.mov > list && kd hash -c list");
   cmd->callback([checkOpt] {
     const Kind* named = kindName.empty() ? nullptr : kindNamed(kindName);

@@ -36,12 +36,12 @@ int printInfo(const std::string& folder) {
   kd::MhlHistory history;
   std::string error;
   if (!kd::MhlHistory::load(folder, history, error)) {
-    std::fprintf(stderr, "kd verify: the hash list of %s cannot be read: %s\n", folder.c_str(),
+    std::fprintf(stderr, "kd verify: %s: the hash list cannot be read (%s)\n", folder.c_str(),
                  error.c_str());
     return 1;
   }
   if (history.generations() == 0) {
-    std::fprintf(stderr, "kd verify: %s keeps no hash list (no ascmhl folder)\n", folder.c_str());
+    std::fprintf(stderr, "kd verify: %s: no hash list (no ascmhl folder)\n", folder.c_str());
     return 1;
   }
   std::ostringstream out;
