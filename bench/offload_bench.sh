@@ -71,7 +71,7 @@ while read -r kind size; do
   i=$((i + 1))
 done < <(files_of_card)
 # Bytes of the files below a folder, leaving out manifests.
-bytes_in() { find "$1" -path '*/ascmhl' -prune -o -type f -printf '%s\n' | awk '{ n += $1 } END { print n + 0 }'; }
+bytes_in() { find "$1" -path '*/ascmhl' -prune -o -name 'offload-report_*' -prune -o -type f -printf '%s\n' | awk '{ n += $1 } END { print n + 0 }'; }
 card_bytes=$(bytes_in "$card")
 card_mib=$(echo "$card_bytes / 1048576" | bc -l)
 
