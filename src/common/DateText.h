@@ -17,6 +17,9 @@ constexpr DateSeconds kDistantPast = -62135596800.0;
 
 DateSeconds nowSeconds();
 DateSeconds toSeconds(std::chrono::system_clock::time_point t);
+// Whole seconds and nanoseconds since 1970, "1700000000.000005000": the
+// exact text of a date, as stored in an attribute.
+std::string exactSecondsText(std::chrono::system_clock::time_point t);
 
 // A date and time of the proleptic Gregorian calendar.
 struct CivilTime {

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/DateText.h"
 #include "files/KdFileManager.h"
 #include "platform/Platform.h"
 
@@ -29,16 +30,7 @@ constexpr std::array<KdFileManager::Color, 8> kLabelColors = {{
 }};
 
 std::string dateText(KdFileManager::Date date) {
-  auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch()).count();
-  long long sec = ns / 1000000000;
-  long nsec = static_cast<long>(ns % 1000000000);
-  if (nsec < 0) {
-    nsec += 1000000000;
-    --sec;
-  }
-  char text[48];
-  std::snprintf(text, sizeof text, "%lld.%09ld", sec, nsec);
-  return text;
+  return kd::exactSecondsText(date);
 }
 
 std::optional<KdFileManager::Date> parseDate(const std::string& text) {

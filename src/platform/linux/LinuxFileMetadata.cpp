@@ -19,6 +19,7 @@
 #include <memory>
 #include <sstream>
 
+#include "common/DateText.h"
 #include "common/UniqueFd.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/ProcText.h"
@@ -100,16 +101,7 @@ std::optional<std::string> readAttrNames(int fd) {
 
 // A creation date as our attribute holds it.
 std::string creationDateText(FileDate date) {
-  auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(date.time_since_epoch());
-  long long sec = ns.count() / 1000000000;
-  long nsec = static_cast<long>(ns.count() % 1000000000);
-  if (nsec < 0) {
-    nsec += 1000000000;
-    --sec;
-  }
-  char text[48];
-  std::snprintf(text, sizeof text, "%lld.%09ld", sec, nsec);
-  return text;
+  return exactSecondsText(date);
 }
 
 bool isUnsupported(int err) {
