@@ -3,12 +3,19 @@
 // seconds, so that a log of the run shows it is alive.
 #pragma once
 
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
+
+#include "Commands.h"
+#include "Output.h"
+#include "log/KdLog.h"
 
 #include "files/Offload.h"
 
@@ -51,5 +58,22 @@ class Progress {
 
 // The callbacks of an offload or a check that draw on `progress`.
 OffloadProgress offloadProgress(const std::shared_ptr<Progress>& progress);
+
+// Runs the long work of `label` ("kd offload") with a progress line on
+// standard error; then says its error there, prints its summary (standard
+// output), and ends kd with status 1 unless the report is all good and the
+// summary was written. `work` takes the progress callbacks and returns a
+// report with `error` and `allGood()`.
+template <class Work, class Print>
+void runLongCommand(const std::string& label, Work&& work, Print&& print) {
+  auto progress = std::make_shared<Progress>(::isatty(STDERR_FILENO) == 1, label);
+  const auto report = work(offloadProgress(progress));
+  progress->end();
+  if (!report.error.empty()) std::fprintf(stderr, "%s: %s\n", label.c_str(), report.error.c_str());
+  print(report);
+  KdLog::finishWriting();
+  const bool written = finishData();
+  if (!report.allGood() || !written) exitWith(1);
+}
 
 }  // namespace kd::tool

@@ -194,17 +194,10 @@ void setupOffload(CLI::App& app) {
       kd::tool::exitWith(2);
     }
     options.stop = kd::tool::stopOnInterrupt();
-    auto progress =
-        std::make_shared<kd::tool::Progress>(::isatty(STDERR_FILENO) == 1, "kd offload");
-    const kd::OffloadProgress callbacks = kd::tool::offloadProgress(progress);
-    const kd::OffloadReport report = kd::offloadCard(options, callbacks);
-    progress->end();
-    if (!report.error.empty()) std::fprintf(stderr, "kd offload: %s\n", report.error.c_str());
-    json ? printJson(report) : printText(report);
-    KdLog::finishWriting();
-    int status = report.allGood() ? 0 : 1;
-    if (!kd::tool::finishData()) status = 1;
-    if (status != 0) kd::tool::exitWith(status);
+    kd::tool::runLongCommand(
+        "kd offload",
+        [](const kd::OffloadProgress& callbacks) { return kd::offloadCard(options, callbacks); },
+        [](const kd::OffloadReport& report) { json ? printJson(report) : printText(report); });
   });
 }
 

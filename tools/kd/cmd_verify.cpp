@@ -146,16 +146,10 @@ void setupVerify(CLI::App& app) {
     options.mhl = !noMhl;
     options.toolVersion = KD_VERSION;
     options.stop = kd::tool::stopOnInterrupt();
-    auto progress = std::make_shared<kd::tool::Progress>(::isatty(STDERR_FILENO) == 1, "kd verify");
-    const kd::OffloadProgress callbacks = kd::tool::offloadProgress(progress);
-    const kd::FolderVerifyReport report = kd::verifyFolder(options, callbacks);
-    progress->end();
-    if (!report.error.empty()) std::fprintf(stderr, "kd verify: %s\n", report.error.c_str());
-    json ? printJson(report) : printText(report);
-    KdLog::finishWriting();
-    int status = report.allGood() ? 0 : 1;
-    if (!kd::tool::finishData()) status = 1;
-    if (status != 0) kd::tool::exitWith(status);
+    kd::tool::runLongCommand(
+        "kd verify",
+        [](const kd::OffloadProgress& callbacks) { return kd::verifyFolder(options, callbacks); },
+        [](const kd::FolderVerifyReport& report) { json ? printJson(report) : printText(report); });
   });
 }
 
