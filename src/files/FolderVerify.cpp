@@ -2,7 +2,9 @@
 #include "files/FolderVerify.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +14,7 @@
 #include <map>
 #include <set>
 
+#include "common/UniqueFd.h"
 #include "files/AscMhl.h"
 #include "files/MhlDirectoryHash.h"
 #include "files/OffloadInternal.h"
@@ -45,6 +48,17 @@ bool within(const std::set<std::string>& paths, std::string path) {
   }
 }
 
+// Opens the folder `relative` below `root` without following any link and
+// without leaving `root`; an invalid descriptor with errno set otherwise.
+UniqueFd openBeneath(int root, const std::string& relative) {
+  struct open_how how {};
+  how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+  return UniqueFd(retryOnEintr([&] {
+    return static_cast<int>(::syscall(SYS_openat2, root, relative.c_str(), &how, sizeof how));
+  }));
+}
+
 std::string baseName(const std::string& folder) {
   std::string name = folder;
   while (name.size() > 1 && name.back() == '/') name.pop_back();
@@ -71,6 +85,12 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
   }
   if (!S_ISDIR(st.st_mode)) {
     report.error = options.folder + " is not a folder";
+    return finish();
+  }
+  const UniqueFd root(retryOnEintr(
+      [&] { return ::open(options.folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (!root) {
+    report.error = "Cannot read the folder " + options.folder + ": " + std::strerror(errno);
     return finish();
   }
   MhlHistory history;
@@ -158,9 +178,20 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
     const std::optional<KdFileManager::CopyDigest> digest = KdFileManager::copyDigestNamed(kind);
     std::string why;
     std::optional<std::string> found;
-    if (digest) {
+    // The file's folder is opened beneath the checked folder without
+    // following any link: a folder swapped for a link since the listing
+    // cannot make the check read a file outside.
+    const std::size_t slash = f->path.rfind('/');
+    UniqueFd parent = slash == std::string::npos
+                          ? UniqueFd(::fcntl(root.get(), F_DUPFD_CLOEXEC, 0))
+                          : openBeneath(root.get(), f->path.substr(0, slash));
+    const std::string name = slash == std::string::npos ? f->path : f->path.substr(slash + 1);
+    if (!parent) {
+      why = std::string("its folder cannot be opened without following a link (") +
+            std::strerror(errno) + ")";
+    } else if (digest) {
       found = offload::digestOfFile(
-          AT_FDCWD, options.folder + "/" + f->path, *digest, true,
+          parent.get(), name, *digest, true,
           [&](std::uint64_t n) {
             done += n;
             if (progress.bytes) progress.bytes(done, total);

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FilesFixture.h"
@@ -44,6 +45,28 @@ TEST_F(FolderVerify, NamesEveryDifferenceAndRecordsWhatItRead) {
   EXPECT_EQ(clean.filesVerified, sampleCards()[1].files.size());
   EXPECT_TRUE(clean.excluded.empty());
   ASSERT_TRUE(clean.manifest);
+
+  // A folder swapped for a link to a good copy elsewhere once the check has
+  // listed the folder: nothing is read through the link.
+  {
+    const std::string elsewhere = dir_ / "elsewhere";
+    fs::copy(folder + "/DCIM", elsewhere, fs::copy_options::recursive);
+    FolderVerifyOptions options;
+    options.folder = folder;
+    options.mhl = false;
+    OffloadProgress progress;
+    bool swapped = false;
+    progress.fileStarted = [&](const std::string&, std::uint64_t) {
+      if (std::exchange(swapped, true)) return;
+      fs::rename(folder + "/DCIM", dir_ / "DCIM.aside");
+      fs::create_directory_symlink(elsewhere, folder + "/DCIM");
+    };
+    const FolderVerifyReport through = verifyFolder(options, progress);
+    EXPECT_FALSE(through.allGood());
+    EXPECT_EQ(through.changed.size(), 3u);  // the three files below DCIM
+    fs::remove(folder + "/DCIM");
+    fs::rename(dir_ / "DCIM.aside", folder + "/DCIM");
+  }
 
   // A changed byte, a file gone, one renamed, one new, one beside the others
   // that the history's patterns leave out.
