@@ -146,10 +146,11 @@ TEST_F(SecondVolume, AMountPointIsNeverTrashed) {
 
 // --- As an ordinary user ------------------------------------------------------------------
 
-// Runs kd as the user nobody, with a home of its own; kd's exit code.
-int kdAsNobody(std::vector<std::string> args, const std::string& home) {
+// Runs the kd at `kd` as the user nobody, with a home of its own; kd's exit
+// code (127 when it could not be started).
+int kdAsNobody(const std::string& kd, std::vector<std::string> args, const std::string& home) {
   return runAsNobody([&] {
-    args.insert(args.begin(), KD_TOOL_PATH);
+    args.insert(args.begin(), kd);
     std::vector<std::string> env = {"HOME=" + home, "PATH=/usr/bin:/bin"};
     std::vector<char*> argv, envp;
     for (auto& a : args) argv.push_back(a.data());
@@ -180,8 +181,12 @@ TEST(AsAUser, ReadOnlyFoldersOfItsOwnAreRemoved) {
   ::chmod((order[1] + "/secret").c_str(), 0600);
   const std::string out = dir.mkdir("out");
   ASSERT_EQ(::chown(out.c_str(), 65534, 65534), 0);
+  // A copy of kd where nobody may run it: the build folder may be closed to it.
+  const std::string kd = dir / "kd";
+  fs::copy_file(KD_TOOL_PATH, kd);
+  ASSERT_EQ(::chmod(kd.c_str(), 0755), 0);
 
-  EXPECT_EQ(kdAsNobody({"cp", "--no-auth", dir / "src", out + "/dst"}, out), 1);
+  EXPECT_EQ(kdAsNobody(kd, {"cp", "--no-auth", dir / "src", out + "/dst"}, out), 1);
   std::set<std::string> left = namesIn(out);
   left.erase(".local");
   EXPECT_EQ(left, std::set<std::string>());
@@ -194,7 +199,7 @@ TEST(AsAUser, ReadOnlyFoldersOfItsOwnAreRemoved) {
               return 0;
             }),
             0);
-  EXPECT_EQ(kdAsNobody({"rm", "--no-auth", out + "/own"}, out), 0);
+  EXPECT_EQ(kdAsNobody(kd, {"rm", "--no-auth", out + "/own"}, out), 0);
   EXPECT_FALSE(exists(out + "/own"));
 }
 
