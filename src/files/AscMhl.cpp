@@ -928,6 +928,24 @@ std::optional<std::string> appendDirectoryDigests(std::string& out,
   return std::nullopt;
 }
 
+// The <references> of a generation: the manifests of the histories inside
+// that it covers.
+std::optional<std::string> appendReferences(std::string& out,
+                                            const std::vector<MhlReference>& references) {
+  if (references.empty()) return std::nullopt;
+  out += "  <references>\n";
+  for (const MhlReference& r : references) {
+    const std::optional<std::string> c4 = normalDigest("c4", r.c4);
+    if (!isRelativePath(r.path) || !c4) return "a malformed reference to \"" + shown(r.path) + "\"";
+    out += "    <hashlistreference>\n      <path>";
+    if (!appendEscaped(out, r.path, false))
+      return "a reference with a character XML cannot carry: \"" + shown(r.path) + "\"";
+    out += "</path>\n      <c4>" + *c4 + "</c4>\n    </hashlistreference>\n";
+  }
+  out += "  </references>\n";
+  return std::nullopt;
+}
+
 }  // namespace
 
 bool isMhlHashFormat(std::string_view format) {
@@ -1068,6 +1086,7 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
     out += "    </directoryhash>\n";
   }
   if (anyHashes) out += "  </hashes>\n";
+  if (std::optional<std::string> why = appendReferences(out, m.references)) return refuse(*why);
   out += "</hashlist>\n";
   return out;
 }
@@ -1271,7 +1290,8 @@ std::optional<std::string> MhlHistory::addGeneration(const MhlCreator& creator,
                                                      const std::vector<std::string>& ignorePatterns,
                                                      const std::vector<MhlHash>& hashes,
                                                      std::string& error, std::string_view process,
-                                                     const MhlDirectoryHashes& directoryHashes) {
+                                                     const MhlDirectoryHashes& directoryHashes,
+                                                     const std::vector<MhlReference>& references) {
   if (!loaded_) {
     error = "the ASC MHL history did not load; nothing is written into it";
     return std::nullopt;
@@ -1284,7 +1304,8 @@ std::optional<std::string> MhlHistory::addGeneration(const MhlCreator& creator,
     error = "not a name for a manifest: \"" + shown(name) + "\"";
     return std::nullopt;
   }
-  MhlManifest manifest{creator, std::string(process), ignorePatterns, hashes, directoryHashes};
+  MhlManifest manifest{creator, std::string(process), ignorePatterns,
+                       hashes,  directoryHashes,      references};
   std::optional<std::string> bytes = writeMhlManifest(manifest, error);
   if (!bytes) return std::nullopt;
   char number[16];

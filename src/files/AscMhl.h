@@ -81,6 +81,16 @@ struct MhlDirectoryHashes {
   bool operator==(const MhlDirectoryHashes&) const = default;
 };
 
+// A generation's reference to a generation of a history kept by a folder
+// inside (<hashlistreference>): that manifest's path relative to the tracked
+// folder, and its C4 ID.
+struct MhlReference {
+  std::string path;
+  std::string c4;
+
+  bool operator==(const MhlReference&) const = default;
+};
+
 // One manifest (one generation's .mhl file), as far as it is read: creator,
 // process, ignore patterns, file hashes, directory and root hashes.
 // Everything else the schema allows (previous paths, authors, metadata,
@@ -92,6 +102,7 @@ struct MhlManifest {
   std::vector<std::string> ignorePatterns;
   std::vector<MhlHash> hashes;  // one entry per file and format, in the file's order
   MhlDirectoryHashes directoryHashes;
+  std::vector<MhlReference> references;  // written; not read back (see above)
 };
 
 // One entry of the chain file.
@@ -171,7 +182,8 @@ class MhlHistory {
                                            const std::vector<std::string>& ignorePatterns,
                                            const std::vector<MhlHash>& hashes, std::string& error,
                                            std::string_view process = "transfer",
-                                           const MhlDirectoryHashes& directoryHashes = {});
+                                           const MhlDirectoryHashes& directoryHashes = {},
+                                           const std::vector<MhlReference>& references = {});
 
  private:
   void index(const MhlChainEntry& entry, const MhlManifest& manifest);

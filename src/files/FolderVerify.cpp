@@ -143,6 +143,11 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
     left.insert(e.path);
     report.excluded.push_back(std::move(e));
   }
+  // A folder inside that keeps a hash list of its own answers for what is
+  // below it: it is checked with that list (kd verify on it), not with this one.
+  std::set<std::string> inside;
+  for (const std::string& r : tree.histories)
+    if (!r.empty()) inside.insert(r);
   std::vector<const offload::CardFile*> files;
   std::uint64_t total = 0;
   for (const offload::CardFile& f : tree.files) {
@@ -151,10 +156,12 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
         offload::matchesIgnorePattern({std::string(kTransferReportPattern)}, f.path, false))
       continue;
     const bool nested = ("/" + f.path).find("/ascmhl/") != std::string::npos;
-    if (nested || offload::matchesIgnorePattern(patterns, f.path, false)) {
+    const bool kept = within(inside, f.path);
+    if (nested || kept || offload::matchesIgnorePattern(patterns, f.path, false)) {
       left.insert(f.path);
-      report.excluded.push_back(
-          {f.path, nested ? "a hash list of a folder inside" : "left out by the hash list"});
+      report.excluded.push_back({f.path, nested ? "a hash list of a folder inside"
+                                         : kept ? "kept by the hash list of a folder inside"
+                                                : "left out by the hash list"});
       continue;
     }
     files.push_back(&f);
@@ -243,8 +250,12 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
   std::vector<MhlFolder> folders;
   for (const offload::CardFolder& f : tree.folders)
     if (("/" + f.path + "/").find("/ascmhl/") == std::string::npos &&
-        !offload::matchesIgnorePattern(patterns, f.path, true))
-      folders.push_back({f.path, timeOf(f.modified)});
+        !offload::matchesIgnorePattern(patterns, f.path, true) &&
+        (inside.count(f.path) || !within(inside, f.path)))
+      folders.push_back({f.path, timeOf(f.modified),
+                         inside.count(f.path) ? std::optional<MhlDirectoryDigest>(
+                                                    MhlDirectoryDigest{report.hash, "", ""})
+                                              : std::nullopt});
   const MhlDirectoryHashes directories = mhlDirectoryHashes(digested, folders, report.hash);
 
   // Gone, or (a new file with a gone file's digest) renamed.

@@ -102,6 +102,7 @@ bool postOrder(std::string_view a, std::string_view b) {
 
 struct Node {
   std::optional<std::chrono::system_clock::time_point> modified;
+  const MhlFolder* folder = nullptr;            // as given, if it was
   std::vector<std::string> content, structure;  // one digest per child
   bool known = true;
 };
@@ -126,7 +127,11 @@ MhlDirectoryHashes mhlDirectoryHashes(const std::vector<MhlHash>& files,
     return nodes.emplace(std::string(path), Node{}).first->second;
   };
   node("");
-  for (const MhlFolder& f : folders) node(f.path).modified = f.modified;
+  for (const MhlFolder& f : folders) {
+    Node& n = node(f.path);
+    n.modified = f.modified;
+    n.folder = &f;
+  }
 
   // Each file's digest in `format`; none when it has none.
   std::map<std::string_view, std::optional<std::string>> digests;
@@ -158,7 +163,14 @@ MhlDirectoryHashes mhlDirectoryHashes(const std::vector<MhlHash>& files,
     const std::string& path = it->first;
     Node& n = it->second;
     std::optional<std::string> content, structure;
-    if (n.known) {
+    if (n.folder && n.folder->given && !path.empty()) {
+      // A history inside: its own root hash stands for it.
+      const MhlDirectoryDigest& g = *n.folder->given;
+      if (g.format == format && !g.content.empty() && !g.structure.empty()) {
+        content = format == "c4" ? g.content : lowered(g.content);
+        structure = format == "c4" ? g.structure : lowered(g.structure);
+      }
+    } else if (n.known) {
       content = digestOfList(format, n.content);
       structure = digestOfList(format, n.structure);
     }

@@ -31,6 +31,10 @@ namespace kd {
 struct MhlFolder {
   std::string path;  // relative, '/'-separated; empty for the tracked folder itself
   std::optional<std::chrono::system_clock::time_point> modified;
+  // A folder that keeps a history of its own: its hashes are that history's
+  // root hash, as its newest generation gives them (nothing below it is
+  // looked at). None, or another format: not known.
+  std::optional<MhlDirectoryDigest> given = std::nullopt;
 };
 
 // The directory hashes in `format` of the folders given and of every folder

@@ -22,6 +22,7 @@
 #include "files/AscMhl.h"
 #include "files/FileOperations.h"
 #include "files/MhlDirectoryHash.h"
+#include "files/OffloadHistory.h"
 #include "files/OffloadInternal.h"
 #include "files/TransferReport.h"
 #include "platform/Platform.h"
@@ -257,7 +258,7 @@ class Run {
       report_.cardFiles.push_back({f.path, f.size, timeOf(f.modified), std::nullopt});
     if (!tree_.error.empty()) {
       report_.error = tree_.error;
-    } else if (preflight() && prepareTargets()) {
+    } else if (useCardHistories() && preflight() && prepareTargets()) {
       ran_ = true;
       for (std::size_t i = 0; i < tree_.files.size() && report_.error.empty(); ++i) offloadFile(i);
       if (options_.sourceVerify && report_.error.empty()) readCardAgain();
@@ -331,6 +332,10 @@ class Run {
           return false;
         }
       if (options_.mhl) {
+        if (std::optional<std::string> problem = cardHistories_.destinationProblem(t.folder)) {
+          report_.error = *problem;
+          return false;
+        }
         t.historyUsable = MhlHistory::load(t.folder, t.history, error);
         if (!t.historyUsable)
           t.fail(t.folder + "/ascmhl",
@@ -354,8 +359,11 @@ class Run {
     if (progress_.fileStarted) progress_.fileStarted(file.path, file.size);
     const std::uint64_t remainingAfter = tree_.files.size() - index - 1;
     const std::string name = baseName(file.path);
-    std::vector<std::size_t> failuresBefore;
-    for (const Target& t : targets_) failuresBefore.push_back(t.report.failures.size());
+    std::vector<std::size_t> failuresBefore, entriesBefore;
+    for (const Target& t : targets_) {
+      failuresBefore.push_back(t.report.failures.size());
+      entriesBefore.push_back(t.entries.size());
+    }
     // A file that failed at a destination is marked so there, whatever way
     // it failed.
     struct MarkFailures {
@@ -448,6 +456,7 @@ class Run {
       report_.bytesRead += file.size;
     }
     for (Target* t : confirm) confirmPresent(*t, index, *sourceDigest);
+    if (sourceDigest) checkAgainstCardHistory(index, source, *sourceDigest, entriesBefore);
     done_ = before + file.size;
     if (progress_.bytes) progress_.bytes(done_, progressTotal_);
   }
@@ -578,7 +587,10 @@ class Run {
     std::optional<std::string> found;
     std::string error;
     std::optional<MhlHash> recorded;
-    if (t.historyUsable) recorded = t.history.latest(file.path, options_.hash);
+    // With the card's hash lists in the destination, a record there may be
+    // the card's own, never checked at this destination: the copy is read.
+    if (t.historyUsable && cardHistories_.empty())
+      recorded = t.history.latest(file.path, options_.hash);
     if (recorded && recorded->action == "failed") recorded.reset();  // a digest not to trust
     if (recorded && recorded->size == file.size && !options_.reverify)
       found = recorded->digest;
@@ -612,6 +624,99 @@ class Run {
     }
   }
 
+  // The card's own hash lists, read before anything is written: a damaged
+  // one stops the run, unless the user leaves them out.
+  bool useCardHistories() {
+    if (!options_.mhl || tree_.histories.empty()) return true;
+    if (options_.ignoreSourceHistory) {
+      report_.warnings.push_back(
+          "The card's hash list (ascmhl) was left out (--ignore-source-history): nothing was "
+          "checked against it, and each destination starts a hash list of its own");
+      return true;
+    }
+    std::string error;
+    if (!cardHistories_.load(options_.card, tree_, error)) {
+      report_.error = error +
+                      ". Nothing was written; --ignore-source-history copies the card without "
+                      "its hash lists and starts new ones";
+      return false;
+    }
+    report_.cardHistories = cardHistories_.roots();
+    report_.missingFromCard = cardHistories_.missing(tree_);
+    for (OffloadExclusion& e : report_.excluded)
+      for (const std::string& root : report_.cardHistories)
+        if (e.path == (root.empty() ? "" : root + "/") + std::string(MhlHistory::kFolderName))
+          e.reason = "a hash list of the card: checked against, and continued in each destination";
+    return true;
+  }
+
+  // The card file against the card's hash list that covers it. Equal: what
+  // this run records of it is "verified". Different, or not to be checked:
+  // it fails at every destination that holds it.
+  void checkAgainstCardHistory(std::size_t index, const std::string& source,
+                               const std::string& digest,
+                               const std::vector<std::size_t>& entriesBefore) {
+    if (cardHistories_.empty()) return;
+    const CardFile& file = tree_.files[index];
+    const offload::HistoryCheck check =
+        cardHistories_.check(file.path, file.size, options_.hash, digest,
+                             [&](const KdFileManager::CopyDigest& kind, std::string& error) {
+                               std::optional<std::string> found =
+                                   offload::digestOfFile(AT_FDCWD, source, kind, false, {}, error);
+                               if (found) report_.bytesRead += file.size;
+                               return found;
+                             });
+    using Outcome = offload::HistoryCheck::Outcome;
+    if (check.outcome == Outcome::Untracked) return;
+    if (check.outcome == Outcome::New) {
+      report_.newOnCard.push_back(file.path);
+      return;
+    }
+    if (check.outcome == Outcome::Match) ++report_.filesMatchingHistory;
+    for (std::size_t i = 0; i < targets_.size(); ++i) {
+      Target& t = targets_[i];
+      std::vector<MhlHash> added;
+      for (std::size_t e = entriesBefore[i]; e < t.entries.size(); ++e) {
+        MhlHash& entry = t.entries[e];
+        if (entry.path != file.path || entry.action == "failed") continue;
+        entry.action = check.outcome == Outcome::Match ? "verified" : "failed";
+        if (check.outcome == Outcome::Match && check.kind != entry.format) {
+          added.push_back(entry);
+          added.back().format = check.kind;
+          added.back().digest = check.found;
+        }
+      }
+      t.entries.insert(t.entries.end(), added.begin(), added.end());
+      if (check.outcome == Outcome::Unchecked)  // nothing to record it with
+        std::erase_if(t.entries, [&](const MhlHash& h) { return h.path == file.path; });
+      const OffloadFileState state = t.report.states[index];
+      if (check.outcome != Outcome::Match &&
+          (state == OffloadFileState::Copied || state == OffloadFileState::AlreadyThere))
+        t.fail(t.folder + "/" + file.path, check.reason, digest);
+    }
+  }
+
+  // The card's hash lists copied into the destination and continued there.
+  void continueCardHistories(Target& t, const MhlCreator& creator,
+                             const std::vector<std::string>& paths,
+                             const std::vector<MhlFolder>& folders,
+                             const std::vector<std::string>& patterns) {
+    offload::HistoryGenerations in;
+    in.destination = t.root().fd.get();
+    in.folder = t.folder;
+    in.own = &t.history;
+    in.entries = &t.entries;
+    in.paths = &paths;
+    in.folders = &folders;
+    in.creator = creator;
+    in.name = report_.name;
+    in.patterns = patterns;
+    in.format = options_.hash;
+    std::vector<std::pair<std::string, std::string>> problems;
+    t.report.manifest = cardHistories_.write(in, problems);
+    for (auto& [path, reason] : problems) t.fail(path, reason);
+  }
+
   // The hash lists, then the folders' dates (the hash list's folder changes
   // the date of the folder it is in).
   void finish() {
@@ -624,7 +729,7 @@ class Run {
     creator.toolVersion = options_.toolVersion;
     for (Target& t : targets_) t.flushFolders();
     for (Target& t : targets_) {
-      if (!t.historyUsable || t.entries.empty() || t.gone()) continue;
+      if (t.gone() || (cardHistories_.empty() && (!t.historyUsable || t.entries.empty()))) continue;
       // The directory hashes of the card's folder as the destination now holds it.
       std::vector<MhlFolder> folders;
       for (const offload::CardFolder& f : tree_.folders)
@@ -635,6 +740,10 @@ class Run {
       std::string error;
       std::vector<std::string> patterns = kIgnorePatterns;
       patterns.insert(patterns.end(), options_.exclude.begin(), options_.exclude.end());
+      if (!cardHistories_.empty()) {
+        continueCardHistories(t, creator, paths, folders, patterns);
+        continue;
+      }
       t.report.manifest = t.history.addGeneration(
           creator, report_.name, patterns, t.entries, error, "transfer",
           mhlGenerationDirectoryHashes(paths, t.entries, t.history, folders, options_.hash));
@@ -796,6 +905,7 @@ class Run {
   const KdFileManager::CopyDigest digest_;
   OffloadReport report_;
   CardTree tree_;
+  offload::CardHistories cardHistories_;  // the card's own hash lists, when it keeps any
   std::vector<Target> targets_;
   std::uint64_t done_ = 0;
   std::uint64_t progressTotal_ = 0;  // the card's bytes, twice with sourceVerify
@@ -805,7 +915,7 @@ class Run {
 }  // namespace
 
 bool OffloadReport::allGood() const {
-  if (!error.empty() || destinations.empty()) return false;
+  if (!error.empty() || destinations.empty() || !missingFromCard.empty()) return false;
   return std::all_of(destinations.begin(), destinations.end(),
                      [](const OffloadDestination& d) { return d.good(); });
 }

@@ -29,7 +29,10 @@ struct OffloadOptions {
   bool sourceVerify = false;
   // Go on with a destination that has less free space than the card needs.
   bool force = false;
-  bool mhl = true;   // keep a hash list in each destination
+  bool mhl = true;  // keep a hash list in each destination
+  // Leave the card's own hash lists (its ascmhl folders) out: nothing is
+  // checked against them and each destination starts a hash list of its own.
+  bool ignoreSourceHistory = false;
   std::string name;  // default: the card folder's name
   // Patterns of what else to leave out, in the hash lists' notation (a name
   // such as "*.tmp" or "PRIVATE/", or a path with a '/' inside); they are
@@ -112,8 +115,15 @@ struct OffloadReport {
   std::chrono::duration<double> elapsed{};
   std::vector<OffloadExclusion> excluded;
   std::vector<OffloadCardFile> cardFiles;  // sorted by path
-  bool sourceVerify = false;               // as the options asked
-  std::uint64_t filesReadTwice = 0;        // card files read again and equal
+  // The card's own hash lists that the run checked every file against and
+  // continued in each destination: the folders that keep them (relative to
+  // the card, "" for the card itself).
+  std::vector<std::string> cardHistories;
+  std::uint64_t filesMatchingHistory = 0;    // card files equal to their record
+  std::vector<std::string> missingFromCard;  // recorded there, not on the card
+  std::vector<std::string> newOnCard;        // on the card, never recorded there
+  bool sourceVerify = false;                 // as the options asked
+  std::uint64_t filesReadTwice = 0;          // card files read again and equal
   // Said before the run began, without stopping it (two destinations on one
   // drive are one copy).
   std::vector<std::string> warnings;

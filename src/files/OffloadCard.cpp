@@ -71,8 +71,9 @@ std::string exclusionReason(const std::string& relative, const std::string& name
     return "kept by the system for itself";
   if (!isFolder && name.size() > 2 && name.compare(0, 2, "._") == 0)
     return "the system's side file of another file";
-  if (skipHistory && isFolder && relative == "ascmhl")
-    return "the card's own hash list; each destination keeps its own";
+  if (skipHistory && isFolder && name == "ascmhl")
+    return relative == name ? "the card's own hash list; each destination keeps its own"
+                            : "a hash list of a folder inside";
   if (matchesIgnorePattern(patterns, relative, isFolder)) return "left out by --exclude";
   return {};
 }
@@ -116,6 +117,7 @@ CardTree readCard(const std::string& card, bool skipHistory,
       if (reason.empty() && S_ISLNK(st.st_mode)) reason = "a link, not followed";
       if (reason.empty() && !isFolder && !S_ISREG(st.st_mode)) reason = "not a regular file";
       if (!reason.empty()) {
+        if (skipHistory && isFolder && name == "ascmhl") tree.histories.push_back(relative);
         tree.excluded.push_back({child, std::move(reason)});
       } else if (isFolder) {
         tree.folders.push_back({child, st.st_mtim});
@@ -137,6 +139,7 @@ CardTree readCard(const std::string& card, bool skipHistory,
   std::sort(tree.files.begin(), tree.files.end(), byPath);
   std::sort(tree.folders.begin(), tree.folders.end(), byPath);
   std::sort(tree.excluded.begin(), tree.excluded.end(), byPath);
+  std::sort(tree.histories.begin(), tree.histories.end());
   return tree;
 }
 

@@ -32,6 +32,9 @@ struct CardTree {
   std::vector<CardFile> files;
   std::vector<CardFolder> folders;
   std::vector<OffloadExclusion> excluded;
+  // The folders (relative; empty for the card itself) whose "ascmhl" folder
+  // was left out as a hash list, sorted.
+  std::vector<std::string> histories;
   std::uint64_t bytes = 0;
   std::string error;
 };
@@ -44,7 +47,8 @@ bool matchesIgnorePattern(const std::vector<std::string>& patterns, const std::s
                           bool isFolder);
 
 // Why an entry of the card is left out; empty when it is copied. With
-// `skipHistory`, the card's own "ascmhl" folder at its top is left out;
+// `skipHistory`, every "ascmhl" folder (the card's hash list at its top, and
+// those that folders inside keep) is left out;
 // `patterns` are the user's own, in the notation above.
 std::string exclusionReason(const std::string& relative, const std::string& name, bool isFolder,
                             bool skipHistory, const std::vector<std::string>& patterns = {});

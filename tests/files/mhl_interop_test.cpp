@@ -2,7 +2,9 @@
 // tests/third_party): it verifies the histories an offload and a check write,
 // their directory hashes included, a check and an offload read and continue
 // the histories it writes (one with an empty file, whose size it leaves out),
-// and a changed byte is found by both.
+// and a changed byte is found by both. A card that keeps its own history
+// (made by the reference tool) is checked against it and the history goes on
+// in every destination.
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -110,6 +112,119 @@ TEST_F(MhlInterop, HistoriesPassBetweenKdAndTheReferenceTool) {
   const FolderVerifyReport changed = verifyFolder(check);
   ASSERT_EQ(changed.changed.size(), 1u);
   EXPECT_EQ(changed.changed[0].path, "DCIM/100EOS5D/IMG_0001.CR2");
+}
+
+// A card with a history the reference tool made, offloaded to two folders:
+// each destination holds that history and one generation more, as the
+// reference tool reads it; a changed byte, a damaged history or a
+// destination with a history of its own are caught.
+TEST_F(MhlInterop, OffloadContinuesTheCardsOwnHistory) {
+  enum class Spoil { None, Byte, Manifest, ForeignDestination };
+  struct Row {
+    const char* name;
+    bool nested;  // CLIPS keeps a history of its own
+    std::string hash;
+    Spoil spoil;
+  };
+  const Row rows[] = {
+      {"plain", false, "xxh64", Spoil::None},
+      {"another kind than the history's", false, "md5", Spoil::None},
+      {"nested", true, "xxh64", Spoil::None},
+      {"a byte changed after the history was made", true, "xxh64", Spoil::Byte},
+      {"a damaged history", false, "xxh64", Spoil::Manifest},
+      {"a destination with a history of its own", false, "xxh64", Spoil::ForeignDestination},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string base = dir_.mkdir(std::string("h") + std::to_string(&row - rows));
+    const std::string card = base + "/SHUTTLE";
+    for (const auto& [path, size] :
+         {std::pair{"CLIPS/A001.MXF", 70000}, {"CLIPS/SUB/A002.MXF", 3000}, {"NOTES.TXT", 12}}) {
+      fs::create_directories(fs::path(card + "/" + path).parent_path());
+      FILE* f = std::fopen((card + "/" + path).c_str(), "wb");
+      ASSERT_TRUE(f);
+      const std::string bytes = varyingBytes(static_cast<std::size_t>(size), 7);
+      std::fwrite(bytes.data(), 1, bytes.size(), f);
+      std::fclose(f);
+    }
+    if (row.nested) {
+      ASSERT_EQ(reference({"create", "-h", "xxh64", card + "/CLIPS"}), 0) << said();
+    }
+    ASSERT_EQ(reference({"create", "-h", "xxh64", card}), 0) << said();
+    const std::string changed = card + "/CLIPS/SUB/A002.MXF";
+    if (row.spoil == Spoil::Byte) {
+      std::string bytes = readFile(changed);
+      bytes[10] ^= 1;
+      FILE* f = std::fopen(changed.c_str(), "r+b");
+      ASSERT_TRUE(f);
+      std::fwrite(bytes.data(), 1, bytes.size(), f);
+      std::fclose(f);
+    }
+    if (row.spoil == Spoil::Manifest)
+      for (const auto& e : fs::directory_iterator(card + "/ascmhl")) {
+        if (e.path().extension() == ".mhl") fs::resize_file(e.path(), fs::file_size(e.path()) - 9);
+      }
+    const std::string d1 = base + "/d1", d2 = base + "/d2";
+    fs::create_directories(d1);
+    fs::create_directories(d2);
+    if (row.spoil == Spoil::ForeignDestination) {
+      fs::create_directories(d2 + "/SHUTTLE");
+      ASSERT_EQ(reference({"create", "-h", "xxh64", d2 + "/SHUTTLE"}), 0) << said();
+    }
+
+    OffloadOptions options;
+    options.card = card;
+    options.destinations = {d1, d2};
+    options.hash = row.hash;
+    options.report = false;
+    const OffloadReport r = offloadCard(options);
+    if (row.spoil == Spoil::Manifest || row.spoil == Spoil::ForeignDestination) {
+      EXPECT_NE(r.error.find(row.spoil == Spoil::Manifest ? "The card's hash list"
+                                                          : "that is not the card's"),
+                std::string::npos)
+          << r.error;
+      EXPECT_FALSE(fs::exists(d1 + "/SHUTTLE/NOTES.TXT"));
+      EXPECT_FALSE(fs::exists(d1 + "/SHUTTLE/ascmhl"));
+      continue;
+    }
+    if (row.spoil == Spoil::Byte) {
+      EXPECT_FALSE(r.allGood());
+      for (const OffloadDestination& d : r.destinations) {
+        ASSERT_EQ(d.failures.size(), 1u);
+        EXPECT_EQ(d.failures[0].path, d.folder + "/CLIPS/SUB/A002.MXF");
+        EXPECT_NE(d.failures[0].reason.find("the source does not match its hash list"),
+                  std::string::npos);
+      }
+      EXPECT_NE(reference({"debug", "verify", d1 + "/SHUTTLE"}), 0) << said();
+      continue;
+    }
+    ASSERT_TRUE(r.allGood()) << r.error;
+    EXPECT_EQ(r.filesMatchingHistory, 3u);
+    for (const std::string& d : {d1, d2}) {
+      const std::string folder = d + "/SHUTTLE";
+      EXPECT_EQ(reference({"debug", "verify", folder}), 0) << said();
+      EXPECT_EQ(reference({"debug", "verify", "-dh", folder}), 0) << said();
+      ASSERT_EQ(reference({"info", folder}), 0) << said();
+      EXPECT_NE(said().find("Generation 2"), std::string::npos) << said();
+      if (row.nested) {
+        EXPECT_NE(said().find("Generation 3"), std::string::npos) << said();
+      }
+      EXPECT_EQ(readFile(folder + "/ascmhl/ascmhl_chain.xml")
+                    .find(readFile(card + "/ascmhl/ascmhl_chain.xml").substr(0, 200)),
+                0u);
+      MhlHistory history;
+      std::string error;
+      ASSERT_TRUE(MhlHistory::load(row.nested ? folder + "/CLIPS" : folder, history, error));
+      const std::string clip = row.nested ? "SUB/A002.MXF" : "CLIPS/SUB/A002.MXF";
+      ASSERT_TRUE(history.latest(clip, row.hash)) << clip;
+      EXPECT_EQ(history.latest(clip, row.hash)->action, "verified");
+      EXPECT_EQ(historyProblems(folder + "/ascmhl"), "");
+      FolderVerifyOptions check;
+      check.folder = folder;
+      check.mhl = false;
+      EXPECT_TRUE(verifyFolder(check).allGood());
+    }
+  }
 }
 
 }  // namespace

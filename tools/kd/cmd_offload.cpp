@@ -61,6 +61,18 @@ void printText(const kd::OffloadReport& r) {
     out << "Card read:   twice; " << r.filesReadTwice
         << (r.filesReadTwice == 1 ? " file" : " files") << " gave the same bytes both times\n";
   for (const std::string& w : r.warnings) out << "Warning:     " << w << "\n";
+  for (const std::string& h : r.cardHistories)
+    out << "Hash list:   the card's " << (h.empty() ? std::string("ascmhl") : h + "/ascmhl")
+        << ", continued in each destination\n";
+  if (!r.cardHistories.empty())
+    out << "Checked:     " << r.filesMatchingHistory
+        << (r.filesMatchingHistory == 1 ? " file matches" : " files match")
+        << " the card's hash list, " << r.newOnCard.size() << " new on the card, "
+        << r.missingFromCard.size() << " missing from the card\n";
+  for (const std::string& m : r.missingFromCard)
+    out << "Missing:     " << m << " (in the card's hash list, not on the card)\n";
+  for (const std::string& n : r.newOnCard)
+    out << "New:         " << n << " (on the card, not in its hash list)\n";
   for (const kd::OffloadDestination& d : r.destinations) {
     out << "Destination: " << d.folder << ": " << (d.good() ? "all verified" : "FAILED") << ", "
         << d.filesCopied << " copied, " << d.filesSkipped << " already there";
@@ -104,7 +116,16 @@ void printJson(const kd::OffloadReport& r) {
       << ", \"bytesRead\": " << r.bytesRead << ", \"seconds\": " << r.elapsed.count()
       << ", \"bytesPerSecond\": " << static_cast<std::uint64_t>(rateOf(r))
       << ", \"sourceVerify\": " << (r.sourceVerify ? "true" : "false")
-      << ", \"filesReadTwice\": " << r.filesReadTwice << ", \"warnings\": [";
+      << ", \"filesReadTwice\": " << r.filesReadTwice
+      << ", \"filesMatchingHistory\": " << r.filesMatchingHistory;
+  for (const auto& [key, list] :
+       {std::pair{"cardHistories", &r.cardHistories},
+        std::pair{"missingFromCard", &r.missingFromCard}, std::pair{"newOnCard", &r.newOnCard}}) {
+    out << ", \"" << key << "\": [";
+    for (std::size_t i = 0; i < list->size(); ++i) out << (i ? ", " : "") << jsonString((*list)[i]);
+    out << "]";
+  }
+  out << ", \"warnings\": [";
   for (std::size_t i = 0; i < r.warnings.size(); ++i)
     out << (i ? ", " : "") << jsonString(r.warnings[i]);
   out << "], \"excluded\": [";
@@ -151,6 +172,8 @@ void setupOffload(CLI::App& app) {
                 "Read every card file a second time, from the card, and compare");
   cmd->add_flag("--no-mhl", noMhl, "Keep no hash list (ascmhl folder) in the destinations");
   cmd->add_flag("--no-report", noReport, "Write no transfer report into the destinations");
+  cmd->add_flag("--ignore-source-history", options.ignoreSourceHistory,
+                "Leave the card's own hash lists (ascmhl) out and start new ones");
   cmd->add_option("--exclude", options.exclude,
                   "Leave out what matches PATTERN (\"*.tmp\", \"PRIVATE/\", \"A/B*\"); repeatable")
       ->type_name("PATTERN")
@@ -170,7 +193,14 @@ void setupOffload(CLI::App& app) {
       "file is read a second time after the copies verified, and a difference fails\n"
       "it everywhere (the card or its reader is suspect). Each DEST/NAME gets an\n"
       "ascmhl folder with one manifest per offload and the chain file, and a\n"
-      "transfer report (offload-report_*.html and .csv). A repeated run skips\n"
+      "transfer report (offload-report_*.html and .csv). When CARD (or a folder in\n"
+      "it) keeps an ascmhl hash list of its own, every file is checked against it\n"
+      "first (a file that differs fails everywhere; a damaged list stops the run\n"
+      "before anything is written), and each DEST gets that list, copied byte for\n"
+      "byte and verified, with a new generation: \"verified\" for files that\n"
+      "matched, \"original\" for files new on the card. A DEST that keeps another\n"
+      "hash list there is refused. --ignore-source-history leaves the card's lists\n"
+      "out and starts new ones. A repeated run skips\n"
       "files already there with the same size and digest. Copies keep their card\n"
       "file's dates, permission bits and extended attributes where DEST's file\n"
       "system holds them (the summary says where it does not). Before anything is\n"
