@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <security/pam_appl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -14,12 +13,11 @@
 #include <optional>
 #include <thread>
 
+#include "common/Spawn.h"
 #include "platform/linux/GuardedFiles.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/LinuxPrivilege.h"
 #include "platform/linux/PrivilegedWire.h"
-
-extern char** environ;
 
 namespace kd {
 
@@ -207,32 +205,15 @@ Launched launch(const std::vector<std::string>& argv) {
   }
   UniqueFd backRead(back[0]), backWrite(back[1]);
 
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_t attributes;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawnattr_init(&attributes);
-  posix_spawn_file_actions_adddup2(&actions, inRead.get(), STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, backWrite.get(), STDOUT_FILENO);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-  sigset_t none, all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setsigdefault(&attributes, &all);
-  posix_spawnattr_setflags(&attributes,
-                           POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  std::vector<char*> args;
-  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  int rc = ::posix_spawn(&out.pid, args[0], &actions, &attributes, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
-  if (rc != 0) {
-    out.pid = 0;
-    out.error = rc;
+  SpawnRequest request{argv};
+  request.fds = {{STDIN_FILENO, inRead.get()}, {STDOUT_FILENO, backWrite.get()}};
+  request.newSession = true;
+  const SpawnResult child = spawnProcess(request);
+  if (!child) {
+    out.error = child.error;
     return out;
   }
+  out.pid = child.pid;
   out.toChild = std::move(inWrite);
   out.fromChild = std::move(backRead);
   return out;
