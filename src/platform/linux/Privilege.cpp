@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "common/Spawn.h"
+#include "common/ThreadAnnotations.h"
 #include "platform/linux/GuardedFiles.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/LinuxPrivilege.h"
@@ -110,13 +111,13 @@ class CoProcess final : public PrivilegedChannel {
         secret_(std::move(secret)),
         undumpable_(std::move(undumpable)) {}
   ~CoProcess() override {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     endLocked();
   }
 
   PrivilegedRun run(const std::string& tool, const std::vector<std::string>& arguments,
                     bool wait) override {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!toChild_) return {};
     wire::Request request;
     request.secret = secret_;
@@ -146,8 +147,16 @@ class CoProcess final : public PrivilegedChannel {
   bool alive() override {
     // A request in progress answers for itself when it ends; meanwhile the
     // co-process counts as alive, and nobody waits for the request here.
-    std::unique_lock lock(mutex_, std::try_to_lock);
-    if (!lock) return true;
+    if (!mutex_.try_lock()) return true;
+    const bool answer = aliveLocked();
+    mutex_.unlock();
+    return answer;
+  }
+
+  int coProcessId() const override { return helperPid_; }
+
+ private:
+  bool aliveLocked() KD_REQUIRES(mutex_) {
     if (!toChild_) return false;
     // Between requests the co-process says nothing: anything readable means
     // it has ended (or broken the conversation).
@@ -159,10 +168,7 @@ class CoProcess final : public PrivilegedChannel {
     return true;
   }
 
-  int coProcessId() const override { return helperPid_; }
-
- private:
-  void endLocked() {
+  void endLocked() KD_REQUIRES(mutex_) {
     if (launcher_ <= 0) return;
     // Closing its input ends the co-process; the launcher follows it.
     toChild_.reset();
@@ -173,13 +179,13 @@ class CoProcess final : public PrivilegedChannel {
     undumpable_.reset();
   }
 
-  std::mutex mutex_;
-  pid_t launcher_;      // guarded by mutex_
-  UniqueFd toChild_;    // guarded by mutex_
-  UniqueFd fromChild_;  // guarded by mutex_
+  Mutex mutex_;
+  pid_t launcher_ KD_GUARDED_BY(mutex_);
+  UniqueFd toChild_ KD_GUARDED_BY(mutex_);
+  UniqueFd fromChild_ KD_GUARDED_BY(mutex_);
   const int helperPid_;
-  std::string secret_;                      // guarded by mutex_
-  std::unique_ptr<Undumpable> undumpable_;  // guarded by mutex_
+  std::string secret_ KD_GUARDED_BY(mutex_);
+  std::unique_ptr<Undumpable> undumpable_ KD_GUARDED_BY(mutex_);
 };
 
 struct Launched {
