@@ -3,6 +3,11 @@ add_library(kd_options INTERFACE)
 target_compile_features(kd_options INTERFACE cxx_std_20)
 target_compile_options(kd_options INTERFACE -Wall -Wextra -Wpedantic -Wno-unused-parameter)
 target_compile_definitions(kd_options INTERFACE KD_VERSION="${PROJECT_VERSION}" _GNU_SOURCE)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # Every access to a member marked KD_GUARDED_BY holds its lock
+  # (common/ThreadAnnotations.h); the fuzz pass builds the libraries with clang.
+  target_compile_options(kd_options INTERFACE -Wthread-safety -Werror=thread-safety)
+endif()
 if(KD_SANITIZE)
   # A finding fails the test that caused it instead of scrolling past.
   target_compile_options(kd_options INTERFACE -fsanitize=${KD_SANITIZE} -fno-sanitize-recover=all

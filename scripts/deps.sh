@@ -8,6 +8,8 @@
 # what the library writes with the desktop's own tools (not linked). lintian:
 # Debian's checks of the packages; zsh: the zsh completion's test. The python3-*
 # packages run the ASC MHL reference tool of the hash-list interop tests.
+# clang, clang-format-14 and libclang-rt-14-dev: the format check and the fuzz
+# pass (libFuzzer, and the libraries' lock checks).
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
           libplist-dev libssl-dev libarchive-dev libmount-dev libblkid-dev libcli11-dev libsystemd-dev
@@ -16,7 +18,7 @@ packages=(build-essential cmake ninja-build pkg-config
           systemd desktop-file-utils man-db file dpkg-dev
           dbus-daemon python3-dbus python3-gi libglib2.0-bin gvfs unzip
           python3-click python3-lxml python3-packaging python3-pathspec python3-requests
-          python3-xxhash python3-dateutil)
+          python3-xxhash python3-dateutil clang clang-format-14 libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
 # Builds and runs the tests. Exits non-zero when a test fails.
 #
-# Usage: scripts/test.sh [preset]   one pass: default (the default), sanitize or tsan
+# Usage: scripts/test.sh [preset]   one pass: default (the default), sanitize,
+#                                   tsan, fuzz or format
 #        scripts/test.sh --all      every pass CI runs (also when CI=true):
+#   0. format:   clang-format-14 finds nothing to change in src, tools, tests
+#                and bench;
 #   1. default:  the whole build and every test;
 #   2. fuzz:     each libFuzzer target for KD_FUZZ_SECONDS (30) from its seeds,
-#                when clang is installed;
+#                when clang is installed; the libraries build with clang's
+#                lock checks (-Wthread-safety) as errors;
 #   3. tsan:     the concurrent parts (log, runner, work queue, hashes, the
 #                verified copy and the offload with their fault and root
 #                tests, and the other file tests) under the thread sanitizer;
@@ -24,7 +28,7 @@ for arg in "$@"; do
   case "$arg" in
     --all) all=true ;;
     -h | --help)
-      sed -n '2,15p' "$0" | sed 's/^# \{0,1\}//'
+      sed -n '2,19p' "$0" | sed 's/^# \{0,1\}//'
       exit 0
       ;;
     *) preset="$arg" ;;
@@ -44,6 +48,12 @@ run_default() {
   cmake --preset default >/dev/null
   cmake --build --preset default -j "$jobs"
   ctest --preset default -j "$jobs" --timeout 300
+}
+
+run_format() {
+  pass "format: clang-format-14 over src tools tests bench"
+  find src tools tests bench -path tests/third_party -prune -o \( -name '*.h' -o -name '*.cpp' \) \
+    -print0 | xargs -0 clang-format-14 --dry-run -Werror
 }
 
 run_fuzz() {
@@ -84,6 +94,7 @@ if ! $all; then
     sanitize) run_sanitize ;;
     tsan) run_tsan ;;
     fuzz) run_fuzz ;;
+    format) run_format ;;
     *)
       echo "unknown preset: $preset" >&2
       exit 2
@@ -93,6 +104,7 @@ if ! $all; then
 fi
 
 # The whole-suite pass comes last: CI reads ctest's summary in the closing lines.
+run_format
 run_default
 run_fuzz
 run_tsan

@@ -32,7 +32,7 @@ struct ReadAhead::Slot {
   std::array<ssize_t, kReadsPerSlot> lengths{};
   int error = 0;  // errno of a failed read (the slot's last)
   std::size_t count = 0;
-  bool full = false;  // guarded by mu_
+  bool full = false;  // guarded by the ReadAhead's mu_
 };
 
 ReadAhead::ReadAhead(int fd) : fd_(fd) {
@@ -66,7 +66,7 @@ ReadAhead::ReadAhead(int fd) : fd_(fd) {
 
 ReadAhead::~ReadAhead() {
   {
-    std::lock_guard lock(mu_);
+    MutexLock lock(mu_);
     stop_ = true;
   }
   freed_.notify_all();
@@ -96,8 +96,8 @@ ReadAhead::Read ReadAhead::next() {
   for (;;) {
     Slot& slot = *slots_[consumerSlot_];
     if (!consumerHoldsSlot_) {
-      std::unique_lock lock(mu_);
-      filled_.wait(lock, [&] { return slot.full; });
+      MutexLock lock(mu_);
+      while (!slot.full) lock.wait(filled_);
       consumerHoldsSlot_ = true;
       consumerRead_ = 0;
       consumerOffset_ = 0;
@@ -116,7 +116,7 @@ ReadAhead::Read ReadAhead::next() {
       return r;
     }
     {
-      std::lock_guard lock(mu_);
+      MutexLock lock(mu_);
       slot.full = false;
     }
     freed_.notify_one();
@@ -135,8 +135,8 @@ void ReadAhead::readLoop() {
   for (std::size_t index = 0;; index = (index + 1) % slots_.size()) {
     Slot& slot = *slots_[index];
     {
-      std::unique_lock lock(mu_);
-      freed_.wait(lock, [&] { return stop_ || !slot.full; });
+      MutexLock lock(mu_);
+      while (!stop_ && slot.full) lock.wait(freed_);
       if (stop_) return;
     }
     bool last = false;
@@ -159,7 +159,7 @@ void ReadAhead::readLoop() {
       }
     }
     {
-      std::lock_guard lock(mu_);
+      MutexLock lock(mu_);
       slot.full = true;
     }
     filled_.notify_one();

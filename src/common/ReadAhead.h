@@ -23,6 +23,8 @@
 #include <thread>
 #include <vector>
 
+#include "common/ThreadAnnotations.h"
+
 namespace kd {
 
 class ReadAhead {
@@ -71,10 +73,10 @@ class ReadAhead {
   Read finished_;                             // the end or failure, once seen
   bool isFinished_ = false;
 
-  std::mutex mu_;
+  Mutex mu_;
   std::condition_variable filled_;  // a slot became full
   std::condition_variable freed_;   // a slot became free, or stop was asked
-  bool stop_ = false;               // guarded by mu_
+  bool stop_ KD_GUARDED_BY(mu_) = false;
   std::thread thread_;
 };
 

@@ -31,7 +31,7 @@ WorkQueue::WorkQueue() : limit_(workerLimit()) {}
 
 void WorkQueue::async(Task task) {
   if (!task) return;
-  std::unique_lock lock(mu_);
+  MutexLock lock(mu_);
   tasks_.push_back(std::move(task));
   if (tasks_.size() > waiting_ && threads_ < limit_) {
     try {
@@ -48,15 +48,15 @@ void WorkQueue::async(Task task) {
 }
 
 void WorkQueue::waitUntilIdle() {
-  std::unique_lock lock(mu_);
-  idle_.wait(lock, [this] { return tasks_.empty() && running_ == 0; });
+  MutexLock lock(mu_);
+  while (!tasks_.empty() || running_ != 0) lock.wait(idle_);
 }
 
 void WorkQueue::work() {
-  std::unique_lock lock(mu_);
+  MutexLock lock(mu_);
   for (;;) {
     ++waiting_;
-    wake_.wait(lock, [this] { return !tasks_.empty(); });
+    while (tasks_.empty()) lock.wait(wake_);
     --waiting_;
     Task task = std::move(tasks_.front());
     tasks_.pop_front();

@@ -17,6 +17,8 @@
 #include <functional>
 #include <mutex>
 
+#include "common/ThreadAnnotations.h"
+
 namespace kd {
 
 class WorkQueue {
@@ -48,13 +50,13 @@ class WorkQueue {
   void work();
 
   const std::size_t limit_;
-  std::mutex mu_;
+  Mutex mu_;
   std::condition_variable wake_;  // a task was queued
   std::condition_variable idle_;  // the queue emptied and nothing runs
-  std::deque<Task> tasks_;        // guarded by mu_
-  std::size_t threads_ = 0;       // guarded by mu_
-  std::size_t waiting_ = 0;       // workers waiting for a task; guarded by mu_
-  std::size_t running_ = 0;       // tasks being run; guarded by mu_
+  std::deque<Task> tasks_ KD_GUARDED_BY(mu_);
+  std::size_t threads_ KD_GUARDED_BY(mu_) = 0;
+  std::size_t waiting_ KD_GUARDED_BY(mu_) = 0;  // workers waiting for a task
+  std::size_t running_ KD_GUARDED_BY(mu_) = 0;  // tasks being run
 };
 
 }  // namespace kd

@@ -19,7 +19,9 @@ constexpr int kMaxWidth = 10000;
 
 enum class Length { None, Char, Short, Long, LongLong, Size, PtrDiff, IntMax, LongDouble };
 
-struct Spec {
+// One parsed printf conversion ("%-8.3lld"): its flags, width, precision,
+// length modifier and letter.
+struct Conversion {
   std::string flags;  // as written, for the conversions handed to snprintf
   bool leftAlign = false;
   bool widthFromArg = false;
@@ -27,7 +29,7 @@ struct Spec {
   int width = -1;
   int precision = -1;
   Length length = Length::None;
-  char conversion = 0;
+  char letter = 0;  // the conversion character: d, s, f, @, ...
 };
 
 template <class T>
@@ -46,16 +48,16 @@ bool isNumeric(const FormatArg& a) {
 // Runs snprintf with a format built from the parsed conversion; `conv` is the printf
 // conversion with its length modifier ("lld", "llx", "f", ...).
 template <class V>
-void appendPrintf(std::string& out, const Spec& spec, const char* conv, V value) {
-  std::string f = "%" + spec.flags;
-  if (spec.leftAlign && spec.flags.find('-') == std::string::npos) f += '-';
+void appendPrintf(std::string& out, const Conversion& conversion, const char* conv, V value) {
+  std::string f = "%" + conversion.flags;
+  if (conversion.leftAlign && conversion.flags.find('-') == std::string::npos) f += '-';
   f += "*";
-  if (spec.precision >= 0) f += ".*";
+  if (conversion.precision >= 0) f += ".*";
   f += conv;
-  const int width = spec.width < 0 ? 0 : spec.width;
+  const int width = conversion.width < 0 ? 0 : conversion.width;
   char small[128];
-  int n = spec.precision >= 0
-              ? std::snprintf(small, sizeof small, f.c_str(), width, spec.precision, value)
+  int n = conversion.precision >= 0
+              ? std::snprintf(small, sizeof small, f.c_str(), width, conversion.precision, value)
               : std::snprintf(small, sizeof small, f.c_str(), width, value);
   if (n < 0) return;
   if (static_cast<std::size_t>(n) < sizeof small) {
@@ -63,8 +65,8 @@ void appendPrintf(std::string& out, const Spec& spec, const char* conv, V value)
     return;
   }
   std::string big(static_cast<std::size_t>(n) + 1, '\0');
-  n = spec.precision >= 0
-          ? std::snprintf(big.data(), big.size(), f.c_str(), width, spec.precision, value)
+  n = conversion.precision >= 0
+          ? std::snprintf(big.data(), big.size(), f.c_str(), width, conversion.precision, value)
           : std::snprintf(big.data(), big.size(), f.c_str(), width, value);
   if (n > 0) out.append(big.data(), static_cast<std::size_t>(n));
 }
@@ -83,14 +85,16 @@ std::string_view firstCodePoints(std::string_view s, std::size_t count) {
 
 // Text conversions pad and cut by code points, so that a name with accents
 // lines up like one without.
-void appendPadded(std::string& out, const Spec& spec, std::string_view text) {
-  if (spec.precision >= 0) text = firstCodePoints(text, static_cast<std::size_t>(spec.precision));
+void appendPadded(std::string& out, const Conversion& conversion, std::string_view text) {
+  if (conversion.precision >= 0)
+    text = firstCodePoints(text, static_cast<std::size_t>(conversion.precision));
   const std::size_t len = kd::utf8::codePointCount(text);
-  const std::size_t pad =
-      spec.width > 0 && static_cast<std::size_t>(spec.width) > len ? spec.width - len : 0;
-  if (!spec.leftAlign) out.append(pad, ' ');
+  const std::size_t pad = conversion.width > 0 && static_cast<std::size_t>(conversion.width) > len
+                              ? conversion.width - len
+                              : 0;
+  if (!conversion.leftAlign) out.append(pad, ' ');
   out.append(text);
-  if (spec.leftAlign) out.append(pad, ' ');
+  if (conversion.leftAlign) out.append(pad, ' ');
 }
 
 // %c and %C: NUL prints nothing; values past Unicode print U+FFFD.
@@ -127,8 +131,9 @@ std::string describe(const FormatArg& a) {
   return {};
 }
 
-bool isPlain(const Spec& spec) {
-  return spec.flags.empty() && spec.width < 0 && spec.precision < 0 && !spec.leftAlign;
+bool isPlain(const Conversion& conversion) {
+  return conversion.flags.empty() && conversion.width < 0 && conversion.precision < 0 &&
+         !conversion.leftAlign;
 }
 
 template <class V>
@@ -138,32 +143,32 @@ void appendDecimal(std::string& out, V v) {
   out.append(buf, r.ptr);
 }
 
-void appendSignedInteger(std::string& out, const Spec& spec, const FormatArg& a) {
+void appendSignedInteger(std::string& out, const Conversion& conversion, const FormatArg& a) {
   // The argument's own value is printed: a type-checked argument is never
   // silently cut to 32 bits. Only an explicit "hh" or "h" narrows.
   if (a.kind() == FormatArg::Kind::Unsigned || a.kind() == FormatArg::Kind::Pointer) {
     std::uint64_t u = a.asUnsigned();
-    if (spec.length == Length::Char) {
-      appendPrintf(out, spec, "lld", static_cast<long long>(static_cast<std::int8_t>(u)));
-    } else if (spec.length == Length::Short) {
-      appendPrintf(out, spec, "lld", static_cast<long long>(static_cast<std::int16_t>(u)));
-    } else if (isPlain(spec)) {
+    if (conversion.length == Length::Char) {
+      appendPrintf(out, conversion, "lld", static_cast<long long>(static_cast<std::int8_t>(u)));
+    } else if (conversion.length == Length::Short) {
+      appendPrintf(out, conversion, "lld", static_cast<long long>(static_cast<std::int16_t>(u)));
+    } else if (isPlain(conversion)) {
       appendDecimal(out, u);
     } else {
-      appendPrintf(out, spec, "llu", static_cast<unsigned long long>(u));
+      appendPrintf(out, conversion, "llu", static_cast<unsigned long long>(u));
     }
     return;
   }
   std::int64_t v = a.asSigned();
-  if (spec.length == Length::Char) v = static_cast<std::int8_t>(v);
-  if (spec.length == Length::Short) v = static_cast<std::int16_t>(v);
-  if (isPlain(spec)) return appendDecimal(out, v);
-  appendPrintf(out, spec, "lld", static_cast<long long>(v));
+  if (conversion.length == Length::Char) v = static_cast<std::int8_t>(v);
+  if (conversion.length == Length::Short) v = static_cast<std::int16_t>(v);
+  if (isPlain(conversion)) return appendDecimal(out, v);
+  appendPrintf(out, conversion, "lld", static_cast<long long>(v));
 }
 
-void appendUnsignedInteger(std::string& out, const Spec& spec, const FormatArg& a) {
+void appendUnsignedInteger(std::string& out, const Conversion& conversion, const FormatArg& a) {
   std::uint64_t v = a.asUnsigned();
-  switch (spec.length) {
+  switch (conversion.length) {
     case Length::Char:
       v = static_cast<std::uint8_t>(v);
       break;
@@ -182,29 +187,29 @@ void appendUnsignedInteger(std::string& out, const Spec& spec, const FormatArg& 
     default:
       break;
   }
-  if (spec.conversion == 'u' && isPlain(spec)) return appendDecimal(out, v);
-  char conv[4] = {'l', 'l', spec.conversion, '\0'};
-  appendPrintf(out, spec, conv, static_cast<unsigned long long>(v));
+  if (conversion.letter == 'u' && isPlain(conversion)) return appendDecimal(out, v);
+  char conv[4] = {'l', 'l', conversion.letter, '\0'};
+  appendPrintf(out, conversion, conv, static_cast<unsigned long long>(v));
 }
 
-void appendConversion(std::string& out, const Spec& spec, const FormatArg& a) {
-  const char c = spec.conversion;
+void appendConversion(std::string& out, const Conversion& conversion, const FormatArg& a) {
+  const char c = conversion.letter;
   switch (c) {
     case 'd':
     case 'i':
     case 'D':
-      if (isNumeric(a)) return appendSignedInteger(out, spec, a);
-      return appendPadded(out, spec, describe(a));
+      if (isNumeric(a)) return appendSignedInteger(out, conversion, a);
+      return appendPadded(out, conversion, describe(a));
     case 'u':
     case 'o':
     case 'x':
     case 'X':
     case 'U':
     case 'O': {
-      if (!isNumeric(a)) return appendPadded(out, spec, describe(a));
-      Spec s = spec;
-      if (c == 'U') s.conversion = 'u';
-      if (c == 'O') s.conversion = 'o';
+      if (!isNumeric(a)) return appendPadded(out, conversion, describe(a));
+      Conversion s = conversion;
+      if (c == 'U') s.letter = 'u';
+      if (c == 'O') s.letter = 'o';
       return appendUnsignedInteger(out, s, a);
     }
     case 'f':
@@ -215,23 +220,23 @@ void appendConversion(std::string& out, const Spec& spec, const FormatArg& a) {
     case 'G':
     case 'a':
     case 'A': {
-      if (!isNumeric(a)) return appendPadded(out, spec, describe(a));
+      if (!isNumeric(a)) return appendPadded(out, conversion, describe(a));
       const char conv[2] = {c, '\0'};
-      return appendPrintf(out, spec, conv, a.asDouble());
+      return appendPrintf(out, conversion, conv, a.asDouble());
     }
     case 'c':
     case 'C': {
-      if (!isNumeric(a)) return appendPadded(out, spec, firstCodePoints(describe(a), 1));
+      if (!isNumeric(a)) return appendPadded(out, conversion, firstCodePoints(describe(a), 1));
       std::string ch;
       std::uint64_t cp = a.asUnsigned();
-      if (c == 'c' && spec.length == Length::None) cp = static_cast<unsigned char>(cp);
+      if (c == 'c' && conversion.length == Length::None) cp = static_cast<unsigned char>(cp);
       appendCodePoint(ch, cp);
-      Spec s = spec;
+      Conversion s = conversion;
       s.precision = -1;
       return appendPadded(out, s, ch);
     }
     case 'p': {
-      Spec s = spec;
+      Conversion s = conversion;
       s.precision = -1;
       return appendPadded(out, s,
                           a.kind() == FormatArg::Kind::Null ? "0x0" : hexPointer(a.asUnsigned()));
@@ -240,8 +245,8 @@ void appendConversion(std::string& out, const Spec& spec, const FormatArg& a) {
     case 'S':
     case '@':
     default:
-      if (a.kind() == FormatArg::Kind::Text) return appendPadded(out, spec, a.text());
-      return appendPadded(out, spec, describe(a));
+      if (a.kind() == FormatArg::Kind::Text) return appendPadded(out, conversion, a.text());
+      return appendPadded(out, conversion, describe(a));
   }
 }
 
@@ -327,55 +332,55 @@ std::string formatArgs(std::string_view f, std::span<const FormatArg> args) noex
         i = j + 1;
         continue;
       }
-      Spec spec;
+      Conversion conversion;
       while (j < f.size() && std::strchr("-+ #0'", f[j]) != nullptr) {
-        if (f[j] == '-') spec.leftAlign = true;
-        spec.flags += f[j];
+        if (f[j] == '-') conversion.leftAlign = true;
+        conversion.flags += f[j];
         ++j;
       }
       if (j < f.size() && f[j] == '*') {
-        spec.widthFromArg = true;
+        conversion.widthFromArg = true;
         ++j;
       } else if (j < f.size() && f[j] >= '0' && f[j] <= '9') {
-        spec.width = readNumber(f, j);
+        conversion.width = readNumber(f, j);
       }
       if (j < f.size() && f[j] == '.') {
         ++j;
         if (j < f.size() && f[j] == '*') {
-          spec.precisionFromArg = true;
+          conversion.precisionFromArg = true;
           ++j;
         } else {
-          spec.precision = readNumber(f, j);
+          conversion.precision = readNumber(f, j);
         }
       }
       if (j < f.size()) {
         const std::string_view rest = f.substr(j);
         if (rest.starts_with("hh")) {
-          spec.length = Length::Char, j += 2;
+          conversion.length = Length::Char, j += 2;
         } else if (rest.starts_with("ll")) {
-          spec.length = Length::LongLong, j += 2;
+          conversion.length = Length::LongLong, j += 2;
         } else {
           switch (f[j]) {
             case 'h':
-              spec.length = Length::Short, ++j;
+              conversion.length = Length::Short, ++j;
               break;
             case 'l':
-              spec.length = Length::Long, ++j;
+              conversion.length = Length::Long, ++j;
               break;
             case 'q':
-              spec.length = Length::LongLong, ++j;
+              conversion.length = Length::LongLong, ++j;
               break;
             case 'z':
-              spec.length = Length::Size, ++j;
+              conversion.length = Length::Size, ++j;
               break;
             case 't':
-              spec.length = Length::PtrDiff, ++j;
+              conversion.length = Length::PtrDiff, ++j;
               break;
             case 'j':
-              spec.length = Length::IntMax, ++j;
+              conversion.length = Length::IntMax, ++j;
               break;
             case 'L':
-              spec.length = Length::LongDouble, ++j;
+              conversion.length = Length::LongDouble, ++j;
               break;
             default:
               break;
@@ -388,26 +393,27 @@ std::string formatArgs(std::string_view f, std::span<const FormatArg> args) noex
         i = j;
         continue;
       }
-      spec.conversion = f[j];
-      const std::size_t needed = 1 + (spec.widthFromArg ? 1 : 0) + (spec.precisionFromArg ? 1 : 0);
+      conversion.letter = f[j];
+      const std::size_t needed =
+          1 + (conversion.widthFromArg ? 1 : 0) + (conversion.precisionFromArg ? 1 : 0);
       if (args.size() - next < needed) {
         out.append(f.substr(pct, j + 1 - pct));
         i = j + 1;
         continue;
       }
-      if (spec.widthFromArg) {
+      if (conversion.widthFromArg) {
         std::int64_t w = args[next++].asSigned();
         if (w < 0) {
-          spec.leftAlign = true;
+          conversion.leftAlign = true;
           w = w == std::numeric_limits<std::int64_t>::min() ? kMaxWidth : -w;
         }
-        spec.width = static_cast<int>(w > kMaxWidth ? kMaxWidth : w);
+        conversion.width = static_cast<int>(w > kMaxWidth ? kMaxWidth : w);
       }
-      if (spec.precisionFromArg) {
+      if (conversion.precisionFromArg) {
         std::int64_t p = args[next++].asSigned();
-        spec.precision = p < 0 ? -1 : static_cast<int>(p > kMaxWidth ? kMaxWidth : p);
+        conversion.precision = p < 0 ? -1 : static_cast<int>(p > kMaxWidth ? kMaxWidth : p);
       }
-      appendConversion(out, spec, args[next++]);
+      appendConversion(out, conversion, args[next++]);
       i = j + 1;
     }
     return out;

@@ -34,6 +34,7 @@
 #include "common/Folders.h"
 #include "common/Path.h"
 #include "common/PropertyList.h"
+#include "common/ThreadAnnotations.h"
 #include "common/UniqueFd.h"
 #include "log/KdLogTesting.h"
 #include "paths/KdLocalPaths.h"
@@ -189,11 +190,11 @@ struct LogOp {
 struct KdLog::Impl {
   KdLog& log;
 
-  std::mutex mu;
+  kd::Mutex mu;
   std::condition_variable wake;
-  std::vector<LogOp> queue;    // guarded by mu
-  bool writerWaiting = false;  // guarded by mu
-  bool ended = false;          // guarded by mu: willTerminate ran; lines go nowhere
+  std::vector<LogOp> queue KD_GUARDED_BY(mu);
+  bool writerWaiting KD_GUARDED_BY(mu) = false;
+  bool ended KD_GUARDED_BY(mu) = false;  // willTerminate ran; lines go nowhere
 
   std::atomic<bool> cancelRunningBatch{false};
   std::atomic<std::size_t> outstanding{0};  // queued plus running operations
@@ -201,8 +202,8 @@ struct KdLog::Impl {
   std::atomic<std::uint64_t> bytesInQueue{0};
   std::atomic<bool> disabled{false};
 
-  mutable std::mutex nameMu;
-  std::optional<std::string> appName;  // guarded by nameMu
+  mutable kd::Mutex nameMu;
+  std::optional<std::string> appName KD_GUARDED_BY(nameMu);
 
   // writer
   kd::UniqueFd fd;
@@ -277,10 +278,10 @@ void KdLog::Impl::run() {
   std::vector<LogOp> batch;
   for (;;) {
     {
-      std::unique_lock lock(mu);
+      kd::MutexLock lock(mu);
       while (queue.empty()) {
         writerWaiting = true;
-        wake.wait(lock);
+        lock.wait(wake);
       }
       writerWaiting = false;
       batch.swap(queue);
@@ -486,7 +487,7 @@ void KdLog::Impl::postAndWait(std::function<void()> call, bool survivesCancel) {
   std::future<void> done = op.control->done.get_future();
   bool notify;
   {
-    std::lock_guard lock(mu);
+    kd::MutexLock lock(mu);
     outstanding.fetch_add(1);
     queue.push_back(std::move(op));
     notify = std::exchange(writerWaiting, false);
@@ -509,7 +510,7 @@ void KdLog::enqueueLine(std::string text) {
   }
   bool notify;
   {
-    std::lock_guard lock(impl_.mu);
+    kd::MutexLock lock(impl_.mu);
     if (impl_.ended) return;
     impl_.bytesInQueue.fetch_add(op.units);
     impl_.outstanding.fetch_add(1);
@@ -548,7 +549,7 @@ void KdLog::createNewLog(std::optional<std::string> name) {
     return;
   }
   {
-    std::lock_guard lock(log.impl_.mu);
+    kd::MutexLock lock(log.impl_.mu);
     if (log.impl_.ended) return;
   }
   log.impl_.postAndWait([&log, name] { log.impl_.createNewLog(name); });
@@ -573,12 +574,12 @@ void KdLog::willTerminate() {
     impl.cancelRunningBatch.store(false);
   };
   if (tOnWriterThread) {
-    std::lock_guard lock(impl.mu);
+    kd::MutexLock lock(impl.mu);
     impl.ended = true;
   } else {
     std::vector<LogOp> cancelled;
     {
-      std::lock_guard lock(impl.mu);
+      kd::MutexLock lock(impl.mu);
       impl.ended = true;
       // A long backlog at termination is dropped rather than keep the system
       // waiting; a short one is written.
@@ -667,7 +668,7 @@ std::string KdLog::appName() const {
 
 std::optional<std::string> KdLog::appNameIfAny() const {
   {
-    std::lock_guard lock(impl_.nameMu);
+    kd::MutexLock lock(impl_.nameMu);
     if (impl_.appName) return impl_.appName;
   }
   std::optional<std::string> exe = kd::platform().mainBundle().executablePath;
@@ -678,7 +679,7 @@ std::optional<std::string> KdLog::appNameIfAny() const {
 }
 
 void KdLog::setAppName(std::optional<std::string> name) {
-  std::lock_guard lock(impl_.nameMu);
+  kd::MutexLock lock(impl_.nameMu);
   impl_.appName = std::move(name);
 }
 
@@ -696,7 +697,7 @@ void KdLogTestAccess::reset() {
   KdLog& log = KdLog::sharedController();
   KdLog::Impl& impl = log.impl_;
   {
-    std::lock_guard lock(impl.mu);
+    kd::MutexLock lock(impl.mu);
     impl.ended = false;
   }
   impl.postAndWait([&impl] {

@@ -11,6 +11,7 @@
 #include <exception>
 #include <thread>
 
+#include "common/ThreadAnnotations.h"
 #include "log/KdLog.h"
 #include "tasks/KdTaskEx.h"
 
@@ -39,7 +40,7 @@ class KdTaskEx::Timer {
   }
   ~Timer() {
     {
-      std::lock_guard lock(mutex_);
+      kd::MutexLock lock(mutex_);
       cancelled_ = true;
     }
     cv_.notify_all();
@@ -51,17 +52,19 @@ class KdTaskEx::Timer {
  private:
   void run() {
     {
-      std::unique_lock lock(mutex_);
-      if (cv_.wait_until(lock, deadline_, [this] { return cancelled_; })) return;
+      kd::MutexLock lock(mutex_);
+      while (!cancelled_ && lock.waitUntil(cv_, deadline_) == std::cv_status::no_timeout) {
+      }
+      if (cancelled_) return;
     }
     owner_.timeout();
   }
 
   KdTaskEx& owner_;
   const std::chrono::steady_clock::time_point deadline_;
-  std::mutex mutex_;
+  kd::Mutex mutex_;
   std::condition_variable cv_;
-  bool cancelled_ = false;  // guarded by mutex_
+  bool cancelled_ KD_GUARDED_BY(mutex_) = false;
   std::thread thread_;
 };
 

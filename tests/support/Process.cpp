@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,33 +10,22 @@
 #include <cstdlib>
 #include <thread>
 
+#include "common/Spawn.h"
+#include "common/UniqueFd.h"
 #include "support/TempDir.h"
-
-extern char** environ;
 
 namespace kd::test {
 
 pid_t spawn(const std::vector<std::string>& args, const SpawnOptions& options) {
-  std::vector<char*> argv, envp;
-  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  if (options.env) {
-    for (const auto& e : *options.env) envp.push_back(const_cast<char*>(e.c_str()));
-    envp.push_back(nullptr);
-  }
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
-  if (!options.out.empty())
-    posix_spawn_file_actions_addopen(&actions, 1, options.out.c_str(), kFlags, 0644);
-  if (!options.err.empty())
-    posix_spawn_file_actions_addopen(&actions, 2, options.err.c_str(), kFlags, 0644);
-  if (!options.cwd.empty()) posix_spawn_file_actions_addchdir_np(&actions, options.cwd.c_str());
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(),
-                             options.env ? envp.data() : environ);
-  posix_spawn_file_actions_destroy(&actions);
-  return rc == 0 ? pid : -1;
+  SpawnRequest request{args, options.env};
+  request.workingDirectory = options.cwd;
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC;
+  UniqueFd out, err;
+  if (!options.out.empty()) out.reset(::open(options.out.c_str(), kFlags, 0644));
+  if (!options.err.empty()) err.reset(::open(options.err.c_str(), kFlags, 0644));
+  if ((!options.out.empty() && !out) || (!options.err.empty() && !err)) return -1;
+  request.fds = {{0, 0}, {1, out ? out.get() : 1}, {2, err ? err.get() : 2}};
+  return spawnProcess(request).pid;
 }
 
 int waitFor(pid_t pid) {

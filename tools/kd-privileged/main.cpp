@@ -21,7 +21,6 @@
 // Single-threaded.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -34,6 +33,7 @@
 #include <string>
 #include <vector>
 
+#include "common/Spawn.h"
 #include "platform/linux/GuardedFiles.h"
 #include "platform/linux/PrivilegedWire.h"
 
@@ -47,9 +47,7 @@ constexpr int kIn = STDIN_FILENO;
 constexpr int kOut = STDOUT_FILENO;
 
 // Tools get this environment and nothing of ours.
-char kPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
-char kLang[] = "LC_ALL=C.UTF-8";
-char* kToolEnvironment[] = {kPath, kLang, nullptr};
+const char* const kToolEnvironment[] = {"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8"};
 
 std::set<pid_t> gStarted;  // tools started without waiting, not yet reaped
 
@@ -132,36 +130,16 @@ Spawned spawnTool(const std::vector<std::string>& argv, bool capture) {
     errRead.reset(err[0]);
     errWrite.reset(err[1]);
   }
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_t attributes;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawnattr_init(&attributes);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  if (capture) {
-    posix_spawn_file_actions_adddup2(&actions, outWrite.get(), STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, errWrite.get(), STDERR_FILENO);
-  } else {
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  }
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-  sigset_t none, all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setsigdefault(&attributes, &all);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  std::vector<char*> args;
-  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  int rc = ::posix_spawn(&s.pid, args[0], &actions, &attributes, args.data(), kToolEnvironment);
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
-  if (rc != 0) {
-    s.pid = 0;
-    s.failure = rc;
+  // Input on the null device; output and error on the pipes or the null device.
+  kd::SpawnRequest request{argv};
+  request.environment.emplace(std::begin(kToolEnvironment), std::end(kToolEnvironment));
+  if (capture) request.fds = {{STDOUT_FILENO, outWrite.get()}, {STDERR_FILENO, errWrite.get()}};
+  const kd::SpawnResult child = kd::spawnProcess(request);
+  if (!child) {
+    s.failure = child.error;
     return s;
   }
+  s.pid = child.pid;
   s.output = std::move(outRead);
   s.error = std::move(errRead);
   return s;

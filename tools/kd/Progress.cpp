@@ -47,13 +47,13 @@ Progress::Progress(bool terminal, std::string label)
       lastLine_(terminal ? Clock::time_point() : start_) {}
 
 void Progress::file(const std::string& path) {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   file_ = path;
   draw();
 }
 
 void Progress::bytes(std::uint64_t done, std::uint64_t total) {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   if (done < done_) return;  // reports from threads may come late
   done_ = done;
   total_ = total;
@@ -61,7 +61,7 @@ void Progress::bytes(std::uint64_t done, std::uint64_t total) {
 }
 
 void Progress::end() {
-  std::lock_guard lock(mu_);
+  MutexLock lock(mu_);
   if (terminal_ && drawn_) std::fputs("\r\033[K", stderr);
   ended_ = true;
 }

@@ -15,6 +15,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "common/ThreadAnnotations.h"
 #include "log/KdLog.h"
 
 #include "files/Offload.h"
@@ -43,17 +44,18 @@ class Progress {
  private:
   using Clock = std::chrono::steady_clock;
 
-  void draw();
+  void draw() KD_REQUIRES(mu_);
 
   const bool terminal_;
   const std::string label_;
   const Clock::time_point start_;
-  std::mutex mu_;
-  // Guarded by mu_:
-  Clock::time_point lastLine_{};
-  std::string file_;
-  std::uint64_t done_ = 0, total_ = 0;
-  bool drawn_ = false, ended_ = false;
+  Mutex mu_;
+  Clock::time_point lastLine_ KD_GUARDED_BY(mu_){};
+  std::string file_ KD_GUARDED_BY(mu_);
+  std::uint64_t done_ KD_GUARDED_BY(mu_) = 0;
+  std::uint64_t total_ KD_GUARDED_BY(mu_) = 0;
+  bool drawn_ KD_GUARDED_BY(mu_) = false;
+  bool ended_ KD_GUARDED_BY(mu_) = false;
 };
 
 // The callbacks of an offload or a check that draw on `progress`.

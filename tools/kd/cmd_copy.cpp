@@ -13,6 +13,7 @@
 #include "Commands.h"
 #include "Output.h"
 #include "Rights.h"
+#include "common/ThreadAnnotations.h"
 #include "files/KdFileManager.h"
 #include "log/KdLog.h"
 
@@ -26,7 +27,7 @@ class ProgressBar {
   explicit ProgressBar(std::uint64_t size) : size_(size), start_(Clock::now()) {}
 
   void show(std::uint64_t done) {
-    std::lock_guard lock(mu_);
+    kd::MutexLock lock(mu_);
     if (ended_ || done <= shown_) return;
     shown_ = done;
     const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
@@ -48,7 +49,7 @@ class ProgressBar {
     std::fflush(stderr);
   }
   void end() {
-    std::lock_guard lock(mu_);
+    kd::MutexLock lock(mu_);
     if (!ended_ && shown_ > 0) std::fputs("\r\033[K", stderr);
     ended_ = true;
   }
@@ -57,9 +58,9 @@ class ProgressBar {
   using Clock = std::chrono::steady_clock;
   const std::uint64_t size_;
   const Clock::time_point start_;
-  std::mutex mu_;
-  std::uint64_t shown_ = 0;  // guarded by mu_
-  bool ended_ = false;       // guarded by mu_
+  kd::Mutex mu_;
+  std::uint64_t shown_ KD_GUARDED_BY(mu_) = 0;
+  bool ended_ KD_GUARDED_BY(mu_) = false;
 };
 
 void setupCopy(CLI::App& app) {

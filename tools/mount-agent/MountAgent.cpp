@@ -4,7 +4,6 @@
 #include <libmount/libmount.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,8 +15,7 @@
 
 #include "Journal.h"
 #include "Scope.h"
-
-extern char** environ;
+#include "common/Spawn.h"
 
 namespace kd::agent {
 
@@ -92,30 +90,18 @@ void MountAgent::startNextIfIdle() {
     if (!options_.trampoline.empty())
       argv = {options_.trampoline, kInScopeArgument, options_.helperPath};
     argv.insert(argv.end(), args.begin(), args.end());
-    std::vector<char*> cargv;
-    for (auto& a : argv) cargv.push_back(a.data());
-    cargv.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addchdir_np(&actions, options_.appDir.c_str());
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    // The agent blocks its stop signals; the helper must not inherit that.
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    sigset_t none;
-    sigemptyset(&none);
-    posix_spawnattr_setsigmask(&attr, &none);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, argv.front().c_str(), &actions, &attr, cargv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
-    if (rc != 0) {
+    // Input on the null device, our output and error (the journal) passed
+    // on; the agent blocks its stop signals, which spawnProcess does not pass on.
+    SpawnRequest request{std::move(argv)};
+    request.fds = {{STDOUT_FILENO, STDOUT_FILENO}, {STDERR_FILENO, STDERR_FILENO}};
+    request.workingDirectory = options_.appDir;
+    const SpawnResult child = spawnProcess(request);
+    if (!child) {
       report(Priority::Error, "%s: cannot start %s in %s: %s", why.c_str(),
-             options_.helperPath.c_str(), options_.appDir.c_str(), std::strerror(rc));
+             options_.helperPath.c_str(), options_.appDir.c_str(), std::strerror(child.error));
       continue;
     }
+    const pid_t pid = child.pid;
     report(Priority::Info, "%s: started the helper (pid %d)", why.c_str(), static_cast<int>(pid));
     running_ = pid;
     runningWhy_ = why;

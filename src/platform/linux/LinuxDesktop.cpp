@@ -2,7 +2,6 @@
 // (inotify), so a change needs no notice; an application becomes known
 // through a desktop entry in the user's applications folder.
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,11 +11,10 @@
 
 #include "common/AtomicFile.h"
 #include "common/Path.h"
+#include "common/Spawn.h"
 #include "common/UniqueFd.h"
 #include "platform/linux/DesktopEntry.h"
 #include "platform/linux/LinuxPlatform.h"
-
-extern char** environ;
 
 namespace kd {
 
@@ -29,19 +27,10 @@ bool isExecutableFile(const std::string& p) {
 
 // Runs a tool with its output on the null device and waits for it.
 void runQuietly(const std::vector<std::string>& argv) {
-  std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  for (int fd = 0; fd <= 2; ++fd)
-    posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd == 0 ? O_RDONLY : O_WRONLY, 0);
-  pid_t pid = 0;
-  int rc = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) return;
+  const SpawnResult child = spawnProcess({argv});
+  if (!child) return;
   int status = 0;
-  retryOnEintr([&] { return static_cast<int>(::waitpid(pid, &status, 0)); });
+  retryOnEintr([&] { return static_cast<int>(::waitpid(child.pid, &status, 0)); });
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <security/pam_appl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -14,12 +13,12 @@
 #include <optional>
 #include <thread>
 
+#include "common/Spawn.h"
+#include "common/ThreadAnnotations.h"
 #include "platform/linux/GuardedFiles.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/LinuxPrivilege.h"
 #include "platform/linux/PrivilegedWire.h"
-
-extern char** environ;
 
 namespace kd {
 
@@ -112,13 +111,13 @@ class CoProcess final : public PrivilegedChannel {
         secret_(std::move(secret)),
         undumpable_(std::move(undumpable)) {}
   ~CoProcess() override {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     endLocked();
   }
 
   PrivilegedRun run(const std::string& tool, const std::vector<std::string>& arguments,
                     bool wait) override {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (!toChild_) return {};
     wire::Request request;
     request.secret = secret_;
@@ -148,8 +147,16 @@ class CoProcess final : public PrivilegedChannel {
   bool alive() override {
     // A request in progress answers for itself when it ends; meanwhile the
     // co-process counts as alive, and nobody waits for the request here.
-    std::unique_lock lock(mutex_, std::try_to_lock);
-    if (!lock) return true;
+    if (!mutex_.try_lock()) return true;
+    const bool answer = aliveLocked();
+    mutex_.unlock();
+    return answer;
+  }
+
+  int coProcessId() const override { return helperPid_; }
+
+ private:
+  bool aliveLocked() KD_REQUIRES(mutex_) {
     if (!toChild_) return false;
     // Between requests the co-process says nothing: anything readable means
     // it has ended (or broken the conversation).
@@ -161,10 +168,7 @@ class CoProcess final : public PrivilegedChannel {
     return true;
   }
 
-  int coProcessId() const override { return helperPid_; }
-
- private:
-  void endLocked() {
+  void endLocked() KD_REQUIRES(mutex_) {
     if (launcher_ <= 0) return;
     // Closing its input ends the co-process; the launcher follows it.
     toChild_.reset();
@@ -175,13 +179,13 @@ class CoProcess final : public PrivilegedChannel {
     undumpable_.reset();
   }
 
-  std::mutex mutex_;
-  pid_t launcher_;      // guarded by mutex_
-  UniqueFd toChild_;    // guarded by mutex_
-  UniqueFd fromChild_;  // guarded by mutex_
+  Mutex mutex_;
+  pid_t launcher_ KD_GUARDED_BY(mutex_);
+  UniqueFd toChild_ KD_GUARDED_BY(mutex_);
+  UniqueFd fromChild_ KD_GUARDED_BY(mutex_);
   const int helperPid_;
-  std::string secret_;                      // guarded by mutex_
-  std::unique_ptr<Undumpable> undumpable_;  // guarded by mutex_
+  std::string secret_ KD_GUARDED_BY(mutex_);
+  std::unique_ptr<Undumpable> undumpable_ KD_GUARDED_BY(mutex_);
 };
 
 struct Launched {
@@ -207,32 +211,15 @@ Launched launch(const std::vector<std::string>& argv) {
   }
   UniqueFd backRead(back[0]), backWrite(back[1]);
 
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_t attributes;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawnattr_init(&attributes);
-  posix_spawn_file_actions_adddup2(&actions, inRead.get(), STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, backWrite.get(), STDOUT_FILENO);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-  sigset_t none, all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setsigdefault(&attributes, &all);
-  posix_spawnattr_setflags(&attributes,
-                           POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  std::vector<char*> args;
-  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  int rc = ::posix_spawn(&out.pid, args[0], &actions, &attributes, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
-  if (rc != 0) {
-    out.pid = 0;
-    out.error = rc;
+  SpawnRequest request{argv};
+  request.fds = {{STDIN_FILENO, inRead.get()}, {STDOUT_FILENO, backWrite.get()}};
+  request.newSession = true;
+  const SpawnResult child = spawnProcess(request);
+  if (!child) {
+    out.error = child.error;
     return out;
   }
+  out.pid = child.pid;
   out.toChild = std::move(inWrite);
   out.fromChild = std::move(backRead);
   return out;

@@ -2,7 +2,6 @@
 // applications from /proc, and opening files with applications.
 #include <dirent.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
@@ -16,14 +15,13 @@
 #include <thread>
 
 #include "common/Path.h"
+#include "common/Spawn.h"
 #include "common/UniqueFd.h"
 #include "platform/linux/BlockDevices.h"
 #include "platform/linux/DesktopEntry.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/MountTable.h"
 #include "platform/linux/ProcText.h"
-
-extern char** environ;
 
 namespace kd {
 
@@ -43,23 +41,12 @@ std::string readSmallFile(const std::string& p) {
 // Starts a program with arguments, detached: standard streams go to the null
 // device and a background thread reaps it so that no zombie stays behind.
 bool spawnDetached(const std::vector<std::string>& argv) {
-  if (argv.empty()) return false;
-  std::vector<char*> args;
-  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  for (int fd = 0; fd <= 2; ++fd)
-    posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd == 0 ? O_RDONLY : O_WRONLY, 0);
-  posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
+  SpawnRequest request{argv};
   // A new session: the opened application outlives us and ignores our terminal.
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSID);
-  pid_t pid = 0;
-  int rc = posix_spawn(&pid, args[0], &actions, &attr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attr);
-  if (rc != 0) return false;
+  request.newSession = true;
+  const SpawnResult child = spawnProcess(request);
+  if (!child) return false;
+  const pid_t pid = child.pid;
   std::thread([pid] {
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
