@@ -213,4 +213,31 @@ MhlDirectoryHashes mhlGenerationDirectoryHashes(const std::vector<std::string>& 
   return mhlDirectoryHashes(files, folders, format);
 }
 
+MhlDirectoryHashes mhlGenerationDirectoryHashes(const std::vector<std::string>& paths,
+                                                const std::vector<MhlHash>& entries,
+                                                const MhlHistory& history,
+                                                const std::vector<MhlFolder>& folders,
+                                                const std::vector<std::string>& formats) {
+  MhlDirectoryHashes out;
+  std::map<std::string, std::size_t> at;  // a folder's place in out.directories
+  for (const std::string& format : formats) {
+    MhlDirectoryHashes one = mhlGenerationDirectoryHashes(paths, entries, history, folders, format);
+    out.root.insert(out.root.end(), one.root.begin(), one.root.end());
+    for (MhlDirectoryHash& folder : one.directories) {
+      const auto [it, fresh] = at.try_emplace(folder.path, out.directories.size());
+      if (fresh) {
+        out.directories.push_back(std::move(folder));
+        continue;
+      }
+      std::vector<MhlDirectoryDigest>& digests = out.directories[it->second].digests;
+      digests.insert(digests.end(), folder.digests.begin(), folder.digests.end());
+    }
+  }
+  std::stable_sort(out.directories.begin(), out.directories.end(),
+                   [](const MhlDirectoryHash& a, const MhlDirectoryHash& b) {
+                     return postOrder(a.path, b.path);
+                   });
+  return out;
+}
+
 }  // namespace kd

@@ -54,5 +54,12 @@ MhlDirectoryHashes mhlGenerationDirectoryHashes(const std::vector<std::string>& 
                                                 const MhlHistory& history,
                                                 const std::vector<MhlFolder>& folders,
                                                 std::string_view format);
+// The same in each of `formats`: a folder gets a digest in every format in
+// which its content is known.
+MhlDirectoryHashes mhlGenerationDirectoryHashes(const std::vector<std::string>& paths,
+                                                const std::vector<MhlHash>& entries,
+                                                const MhlHistory& history,
+                                                const std::vector<MhlFolder>& folders,
+                                                const std::vector<std::string>& formats);
 
 }  // namespace kd

@@ -52,7 +52,7 @@ double rateOf(const kd::OffloadReport& r) {
 
 void printText(const kd::OffloadReport& r) {
   std::ostringstream out;
-  out << "Card:        " << r.card << "  (as \"" << r.name << "\", " << r.hash << ")\n";
+  out << "Card:        " << r.card << "  (as \"" << r.name << "\", " << r.hash.text(", ") << ")\n";
   out << "Files:       " << r.files << " (" << size(r.bytes) << "), " << r.excluded.size()
       << " excluded\n";
   out << "Elapsed:     " << clock(r.elapsed.count()) << "  (" << size(r.bytesRead) << " read, "
@@ -98,7 +98,10 @@ void printJson(const kd::OffloadReport& r) {
     return s ? jsonString(*s) : std::string("null");
   };
   out << "{\"card\": " << jsonString(r.card) << ", \"name\": " << jsonString(r.name)
-      << ", \"hash\": " << jsonString(r.hash) << ", \"ok\": " << (r.allGood() ? "true" : "false")
+      << ", \"hash\": " << jsonString(r.hash.verifying()) << ", \"hashes\": [";
+  for (std::size_t i = 0; i < r.hash.size(); ++i)
+    out << (i ? ", " : "") << jsonString(r.hash.all()[i]);
+  out << "], \"ok\": " << (r.allGood() ? "true" : "false")
       << ", \"error\": " << (r.error.empty() ? "null" : jsonString(r.error))
       << ", \"files\": " << r.files << ", \"bytes\": " << r.bytes
       << ", \"bytesRead\": " << r.bytesRead << ", \"seconds\": " << r.elapsed.count()
@@ -142,9 +145,11 @@ void setupOffload(CLI::App& app) {
   auto* cmd = app.add_subcommand("offload", "Copy a whole card to several destinations, verified");
   static kd::OffloadOptions options;
   static bool json = false, noMhl = false, noReport = false;
-  cmd->add_option("--hash", options.hash,
-                  "Digest of the verification and hash list (default xxh64)")
-      ->check(CLI::IsMember({"xxh64", "xxh3", "xxh128", "md5", "sha1", "sha256", "sha512"}));
+  static std::string hashes = "xxh64";
+  cmd->add_option("--hash", hashes,
+                  "Digest kinds, comma-separated: xxh64 (the default), xxh3, xxh128, md5, "
+                  "sha1, sha256, sha512; the first verifies the copies, all are recorded")
+      ->type_name("KIND[,KIND...]");
   cmd->add_flag("--reverify", options.reverify,
                 "Read every copy again from its device after it was written");
   cmd->add_flag("--source-verify", options.sourceVerify,
@@ -171,20 +176,23 @@ void setupOffload(CLI::App& app) {
       "it everywhere (the card or its reader is suspect). Each DEST/NAME gets an\n"
       "ascmhl folder with one manifest per offload and the chain file, and a\n"
       "transfer report (offload-report_*.html and .csv). A repeated run skips\n"
-      "files already there with the same size and digest. Copies keep their card\n"
-      "file's dates, permission bits and extended attributes where DEST's file\n"
-      "system holds them (the summary says where it does not). Before anything is\n"
-      "written, a DEST without room for the card is refused (--force goes on) and\n"
-      "two DESTs on one drive are warned of. What systems keep on a card (.Trashes,\n"
-      ".Spotlight-V100, .fseventsd, .TemporaryItems, ._*, .DS_Store, .Trash-<uid>,\n"
-      "System Volume Information, $RECYCLE.BIN) and what --exclude names are left\n"
-      "out, and recorded as the hash list's ignore patterns.\n"
+      "files already there with the same size and digest. With --hash xxh64,md5\n"
+      "each card file is still read once, digested in both kinds; xxh64 (the first)\n"
+      "verifies the copies, and both go into the hash lists, reports and summary.\n"
+      "Copies keep their card file's dates, permission bits and extended attributes\n"
+      "where DEST's file system holds them (the summary says where it does not).\n"
+      "Before anything is written, a DEST without room for the card is refused\n"
+      "(--force goes on) and two DESTs on one drive are warned of. What systems\n"
+      "keep on a card (.Trashes, .Spotlight-V100, .fseventsd, .TemporaryItems, ._*,\n"
+      ".DS_Store, .Trash-<uid>, System Volume Information, $RECYCLE.BIN) and what\n"
+      "--exclude names are left out, and recorded as the hash list's ignore patterns.\n"
       "A summary goes to standard output (--json: as JSON), progress to standard\n"
       "error. Exits 0 when every file of every DEST verified, 1 when anything\n"
       "failed, 2 on usage errors. Ctrl-C stops after the current stretch.\n"
       "Example: kd offload --reverify /media/$USER/A001 /mnt/shuttle1 /mnt/raid/Day01");
   cmd->callback([] {
     kd::tool::openCommandLog();
+    options.hash = hashes;
     options.mhl = !noMhl;
     options.report = !noReport;
     options.layout = layoutOf(options.card);
