@@ -258,7 +258,7 @@ class Run {
     report_.bytes = tree_.bytes;
     progressTotal_ = tree_.bytes * (options_.sourceVerify ? 2 : 1);
     for (const CardFile& f : tree_.files)
-      report_.cardFiles.push_back({f.path, f.size, timeOf(f.modified), std::nullopt, {}});
+      report_.cardFiles.push_back({f.path, f.size, timeOf(f.modified), std::nullopt});
     if (!tree_.error.empty()) {
       report_.error = tree_.error;
     } else if (preflight() && prepareTargets()) {

@@ -101,7 +101,7 @@ struct OffloadCardFile {
   std::optional<std::string> digest;  // the card file's, once it was read
   // Its digests in the report's further kinds (hash.others()), in their
   // order, once it was read.
-  std::vector<std::string> otherDigests;
+  std::vector<std::string> otherDigests = {};
 };
 
 struct OffloadReport {

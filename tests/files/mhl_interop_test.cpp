@@ -2,7 +2,8 @@
 // tests/third_party): it verifies the histories an offload and a check write,
 // their directory hashes included, a check and an offload read and continue
 // the histories it writes (one with an empty file, whose size it leaves out),
-// and a changed byte is found by both.
+// a changed byte is found by both, and an offload in two kinds at once
+// writes both in every entry.
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -110,6 +111,42 @@ TEST_F(MhlInterop, HistoriesPassBetweenKdAndTheReferenceTool) {
   const FolderVerifyReport changed = verifyFolder(check);
   ASSERT_EQ(changed.changed.size(), 1u);
   EXPECT_EQ(changed.changed[0].path, "DCIM/100EOS5D/IMG_0001.CR2");
+}
+
+// kd offload --hash xxh64,md5: every entry, the directory hashes and the
+// report hold both kinds from the one read, the md5 is md5sum's, and the
+// reference tool verifies the history.
+TEST_F(MhlInterop, AnOffloadInTwoKindsRecordsBoth) {
+  const SampleCard& sample = sampleCards()[1];
+  const std::string card = dir_.mkdir("card/EOS_DIGITAL");
+  writeCard(card, sample);
+  const std::string dest = dir_.mkdir("dest");
+  ASSERT_EQ(run({KD_TOOL_PATH, "offload", "--json", "--hash", "xxh64,md5", card, dest},
+                {.out = dir_ / "kd.out"}),
+            0)
+      << readFile(dir_ / "kd.out");
+  EXPECT_NE(readFile(dir_ / "kd.out").find("\"hashes\": [\"xxh64\", \"md5\"]"), std::string::npos);
+  const std::string folder = dest + "/EOS_DIGITAL";
+  EXPECT_EQ(reference({"debug", "verify", "-dh", "-v", folder}), 0) << said();
+  MhlHistory history;
+  std::string error;
+  ASSERT_TRUE(MhlHistory::load(folder, history, error)) << error;
+  for (const auto& [path, size] : sample.files) {
+    SCOPED_TRACE(path);
+    ASSERT_EQ(run({"/bin/sh", "-c", "md5sum < \"$0\"", card + "/" + path}, {.out = dir_ / "sum"}),
+              0);
+    const std::optional<MhlHash> md5 = history.latest(path, "md5");
+    ASSERT_TRUE(md5);
+    EXPECT_EQ(md5->digest + "  -\n", readFile(dir_ / "sum"));
+    EXPECT_TRUE(history.latest(path, "xxh64"));
+  }
+  const std::string manifest = readFile(folder + "/ascmhl/" + history.chain()[0].file);
+  EXPECT_NE(manifest.find("<md5>"), std::string::npos);  // a directory hash in md5
+  for (const auto& entry : fs::directory_iterator(folder))
+    if (entry.path().extension() == ".csv") {
+      EXPECT_EQ(readFile(entry.path()).rfind("path,size,modified_utc,\"xxh64\",\"md5\",state", 0),
+                0u);
+    }
 }
 
 }  // namespace
