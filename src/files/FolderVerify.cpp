@@ -24,7 +24,8 @@ namespace kd {
 namespace {
 
 // The kinds a check can compute, the fastest first: a file recorded with
-// several is read for the first of these.
+// several is read once for all of them, and this is the order they are
+// compared and named in.
 constexpr std::array<std::string_view, 5> kPreferred = {"xxh128", "xxh3", "xxh64", "md5", "sha1"};
 
 int preference(std::string_view format) {
@@ -108,19 +109,23 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
   }
   const std::vector<std::string> patterns = history.generationList().back().ignorePatterns;
 
-  // What each file was when it was last found good, in the kind read for it.
-  std::map<std::string, MhlHash> expected;
+  // What each file was when it was last found good, in every kind this
+  // check can compute, the fastest first.
+  std::map<std::string, std::vector<MhlHash>> expected;
   std::set<std::string> everGood;
   for (MhlHash& record : history.goodRecords()) {
     everGood.insert(record.path);
-    const int rank = preference(record.format);
-    if (rank < 0) continue;
-    auto [it, fresh] = expected.try_emplace(record.path, record);
-    if (!fresh && rank < preference(it->second.format)) it->second = std::move(record);
+    if (preference(record.format) < 0) continue;
+    expected[record.path].push_back(std::move(record));
   }
-  // New files are read in the kind most files were recorded with.
+  for (auto& [path, records] : expected)
+    std::sort(records.begin(), records.end(), [](const MhlHash& a, const MhlHash& b) {
+      return preference(a.format) < preference(b.format);
+    });
+  // New files are read in the kind most files were recorded with (the
+  // fastest of each file's).
   std::map<std::string, int> kindCounts;
-  for (const auto& [path, record] : expected) ++kindCounts[record.format];
+  for (const auto& [path, records] : expected) ++kindCounts[records.front().format];
   report.hash = "xxh64";
   int most = 0;
   for (const auto& [kind, count] : kindCounts)
@@ -181,10 +186,21 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
     present.insert(f->path);
     if (progress.fileStarted) progress.fileStarted(f->path, f->size);
     const auto record = expected.find(f->path);
-    const std::string kind = record != expected.end() ? record->second.format : report.hash;
-    const std::optional<KdFileManager::CopyDigest> digest = KdFileManager::copyDigestNamed(kind);
+    std::vector<std::string> kinds;
+    if (record != expected.end())
+      for (const MhlHash& r : record->second) kinds.push_back(r.format);
+    else
+      kinds.push_back(report.hash);
+    std::vector<KdFileManager::CopyDigest> digests;
+    std::string missingKind;
+    for (const std::string& kind : kinds) {
+      if (std::optional<KdFileManager::CopyDigest> digest = KdFileManager::copyDigestNamed(kind))
+        digests.push_back(std::move(*digest));
+      else if (missingKind.empty())
+        missingKind = kind;
+    }
     std::string why;
-    std::optional<std::string> found;
+    std::optional<std::vector<std::string>> found;
     // The file's folder is opened beneath the checked folder without
     // following any link: a folder swapped for a link since the listing
     // cannot make the check read a file outside.
@@ -196,44 +212,54 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
     if (!parent) {
       why = std::string("its folder cannot be opened without following a link (") +
             std::strerror(errno) + ")";
-    } else if (digest) {
-      found = offload::digestOfFile(
-          parent.get(), name, *digest, true,
+    } else if (missingKind.empty()) {
+      found = offload::digestsOfFile(
+          parent.get(), name, digests, true,
           [&](std::uint64_t n) {
             done += n;
             if (progress.bytes) progress.bytes(done, total);
           },
           why);
     } else {
-      why = "the " + kind + " digest is not available";
+      why = "the " + missingKind + " digest is not available";
     }
     std::optional<std::string> recorded;
-    if (record != expected.end()) recorded = record->second.digest;
+    if (record != expected.end()) recorded = record->second.front().digest;
     if (!found) {
       report.changed.push_back({f->path, "cannot be read: " + why, recorded, std::nullopt});
       continue;
     }
     if (record == expected.end()) {
       if (const auto u = uncheckable.find(f->path); u != uncheckable.end())
-        report.changed.push_back({f->path, u->second, std::nullopt, found});
+        report.changed.push_back({f->path, u->second, std::nullopt, found->front()});
       else
-        newDigests.emplace(f->path, *found);
+        newDigests.emplace(f->path, found->front());
       continue;
     }
-    MhlHash entry{f->path, f->size, timeOf(f->modified), kind, *found, "verified", now};
-    const std::optional<std::uint64_t> size = record->second.size;
-    if (*found != record->second.digest || (size && *size != f->size)) {
-      entry.action = "failed";
+    // Every kind must agree; the first that does not is the one named. A
+    // file that differs in one kind is recorded as failed in all of them.
+    const std::vector<MhlHash>& records = record->second;
+    std::size_t differs = records.size();
+    for (std::size_t k = 0; k < records.size() && differs == records.size(); ++k)
+      if ((*found)[k] != records[k].digest) differs = k;
+    const std::optional<std::uint64_t> size = records.front().size;
+    const bool resized = size && *size != f->size;
+    const char* action = differs < records.size() || resized ? "failed" : "verified";
+    for (std::size_t k = 0; k < records.size(); ++k)
+      entries.push_back(
+          {f->path, f->size, timeOf(f->modified), records[k].format, (*found)[k], action, now});
+    if (resized) {
       report.changed.push_back({f->path,
-                                size && *size != f->size
-                                    ? "its size changed from " + std::to_string(*size) + " to " +
-                                          std::to_string(f->size) + " bytes"
-                                    : "its bytes differ from what the hash list recorded",
-                                recorded, found});
+                                "its size changed from " + std::to_string(*size) + " to " +
+                                    std::to_string(f->size) + " bytes",
+                                recorded, found->front()});
+    } else if (differs < records.size()) {
+      std::string reason = "its bytes differ from what the hash list recorded";
+      if (records.size() > 1) reason += " (in " + records[differs].format + ")";
+      report.changed.push_back({f->path, reason, records[differs].digest, (*found)[differs]});
     } else {
       ++report.filesVerified;
     }
-    entries.push_back(std::move(entry));
   }
   report.bytesRead = done;
 
@@ -256,16 +282,22 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
                          inside.count(f.path) ? std::optional<MhlDirectoryDigest>(
                                                     MhlDirectoryDigest{report.hash, "", ""})
                                               : std::nullopt});
-  const MhlDirectoryHashes directories = mhlDirectoryHashes(digested, folders, report.hash);
+  // In the kind of new files first, then every other kind read.
+  std::vector<std::string> formats = {report.hash};
+  for (const std::string_view kind : kPreferred)
+    if (kind != report.hash && std::any_of(entries.begin(), entries.end(),
+                                           [&](const MhlHash& e) { return e.format == kind; }))
+      formats.emplace_back(kind);
+  const MhlDirectoryHashes directories = mhlDirectoryHashes(digested, folders, formats);
 
   // Gone, or (a new file with a gone file's digest) renamed.
   std::map<std::string, std::string> gone;  // path -> digest in report.hash, "" otherwise
   for (const std::string& path : history.recordedPaths()) {
     if (present.count(path) || within(left, path)) continue;
-    const auto record = expected.find(path);
-    gone[path] = record != expected.end() && record->second.format == report.hash
-                     ? record->second.digest
-                     : std::string();
+    gone[path] = std::string();
+    if (const auto record = expected.find(path); record != expected.end())
+      for (const MhlHash& r : record->second)
+        if (r.format == report.hash) gone[path] = r.digest;
   }
   for (const auto& [path, goneDigest] : gone) {
     const std::string& digest = goneDigest;  // a lambda cannot name a structured binding here

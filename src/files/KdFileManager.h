@@ -264,6 +264,9 @@ class KD_EXPORT KdFileManager {
     bool completed = false;
     std::uint64_t bytesCopied = 0;
     std::optional<std::string> sourceDigest;
+    // The source's digests in the further kinds asked for, in their order;
+    // absent where a digest failed.
+    std::vector<std::optional<std::string>> moreSourceDigests;
     std::vector<CopyOutcome> destinations;  // in the order given
     KdCopySettings settings;                // as the delegate last saw them
     // Completed, and every destination written (and verified, with a digest).
@@ -301,11 +304,13 @@ class KD_EXPORT KdFileManager {
   // no folders are made and nothing is opened by name. The source must be a
   // regular file. With `keepPermissions` the source's permission bits (read,
   // write, run; never set-id or sticky) go on every destination, as far as
-  // its file system holds them.
+  // its file system holds them. The source is also digested in every kind of
+  // `moreDigests`, from the same read and each on a thread of its own (they
+  // verify nothing; see `moreSourceDigests`).
   static CopyResult copyFileToOpenDestinations(
       const std::string& source, std::vector<OpenDestination> destinations,
       const CopyDigest& digest, std::shared_ptr<const KdFileCopyDelegate> delegate = nullptr,
-      bool keepPermissions = false);
+      bool keepPermissions = false, const std::vector<CopyDigest>& moreDigests = {});
   // The same copy with any digest kind, telling each destination's outcome.
   static CopyResult copyFileWithOutcome(
       const std::string& source, const std::vector<std::string>& destinations,

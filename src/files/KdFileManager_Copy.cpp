@@ -216,17 +216,18 @@ struct Slot {
 };
 
 // One copy's pipeline. Owned by the copying call; its threads are joined
-// before it goes. Stages 0 to n-1 are the destinations, stage n (with a
-// digest) the source's digest.
+// before it goes. Stages 0 to n-1 are the destinations, the stages after
+// them the source's digests (none without verification or further kinds).
 class Pipeline {
  public:
   Pipeline(int source, const SourceMetadata& metadata, std::vector<Destination>& destinations,
-           KdFileManager::CopyDigester* sourceDigest, std::shared_ptr<KdCancellation> cancellation)
+           std::vector<KdFileManager::CopyDigester*> sourceDigests,
+           std::shared_ptr<KdCancellation> cancellation)
       : source_(source),
         metadata_(metadata),
         destinations_(destinations),
-        sourceDigest_(sourceDigest),
-        stages_(destinations.size() + (sourceDigest ? 1 : 0)),
+        sourceDigests_(std::move(sourceDigests)),
+        stages_(destinations.size() + sourceDigests_.size()),
         cancellation_(std::move(cancellation)),
         consumed_(stages_, 0) {}
   ~Pipeline() { stopThreads(); }
@@ -241,11 +242,10 @@ class Pipeline {
       if (!slot.data) return false;
       slot.records.resize(destinations_.size());
     }
-    if (sourceDigest_ != nullptr) {
-      for (Destination& d : destinations_) {
-        d.readBack = SlotBuffers::shared().take();
-        if (!d.readBack) return false;
-      }
+    for (Destination& d : destinations_) {
+      if (!d.digest) continue;
+      d.readBack = SlotBuffers::shared().take();
+      if (!d.readBack) return false;
     }
     return true;
   }
@@ -367,8 +367,8 @@ class Pipeline {
   }
 
   void process(std::size_t stage, Slot& slot) {
-    if (stage == destinations_.size()) {
-      sourceDigest_->update(slot.data.get(), slot.length);
+    if (stage >= destinations_.size()) {
+      sourceDigests_[stage - destinations_.size()]->update(slot.data.get(), slot.length);
       return;
     }
     Destination& d = destinations_[stage];
@@ -457,7 +457,7 @@ class Pipeline {
   const int source_;
   const SourceMetadata& metadata_;
   std::vector<Destination>& destinations_;
-  KdFileManager::CopyDigester* const sourceDigest_;
+  const std::vector<KdFileManager::CopyDigester*> sourceDigests_;
   const std::size_t stages_;
   const std::shared_ptr<KdCancellation> cancellation_;
   std::array<Slot, kSlots> slots_;
@@ -559,7 +559,8 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
                                      std::vector<Destination>& open,
                                      const KdFileManager::CopyDigest& digest,
                                      const std::shared_ptr<const KdFileCopyDelegate>& delegate,
-                                     bool keepPermissions);
+                                     bool keepPermissions,
+                                     const std::vector<KdFileManager::CopyDigest>& moreDigests);
 
 KdFileManager::CopyResult copy(const std::string& source,
                                const std::vector<std::string>& destinations,
@@ -625,7 +626,7 @@ KdFileManager::CopyResult copy(const std::string& source,
     d.fd = std::move(fd);
   }
   return copyOpened(result, source, std::move(sourceFd), sourceStat, open, digest, delegate,
-                    /*keepPermissions=*/false);
+                    /*keepPermissions=*/false, {});
 }
 
 // The copy from the open source to the open destinations.
@@ -634,7 +635,8 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
                                      std::vector<Destination>& open,
                                      const KdFileManager::CopyDigest& digest,
                                      const std::shared_ptr<const KdFileCopyDelegate>& delegate,
-                                     bool keepPermissions) {
+                                     bool keepPermissions,
+                                     const std::vector<KdFileManager::CopyDigest>& moreDigests) {
   const auto cancellation = KdCancellation::make();
   KdCopySettings& settings = result.settings;
   ::posix_fadvise(sourceFd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -651,11 +653,19 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
     for (Destination& d : open) d.digest = digest.make();
   std::unique_ptr<KdFileManager::CopyDigester> sourceDigest;
   if (verifying) sourceDigest = digest.make();
+  // The further kinds digest the source only, each as a stage of its own.
+  std::vector<std::unique_ptr<KdFileManager::CopyDigester>> moreSourceDigests;
+  std::vector<KdFileManager::CopyDigester*> sourceDigests;
+  if (sourceDigest) sourceDigests.push_back(sourceDigest.get());
+  for (const KdFileManager::CopyDigest& more : moreDigests) {
+    moreSourceDigests.push_back(more.make ? more.make() : nullptr);
+    if (moreSourceDigests.back()) sourceDigests.push_back(moreSourceDigests.back().get());
+  }
 
   std::uint64_t total = 0, lastReported = 0;
   int readError = 0;
   {
-    Pipeline pipeline(sourceFd.get(), metadata, open, sourceDigest.get(), cancellation);
+    Pipeline pipeline(sourceFd.get(), metadata, open, std::move(sourceDigests), cancellation);
     if (!pipeline.allocate()) {
       KdLog::appendLogAndPrint("Error copying file %@ - out of memory", source);
       return result;
@@ -697,6 +707,8 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
   }
   result.completed = true;
   result.bytesCopied = total;
+  for (const auto& more : moreSourceDigests)
+    result.moreSourceDigests.push_back(more ? more->text() : std::nullopt);
 
   std::vector<std::string> failed;
   for (const Destination& d : open) {
@@ -790,7 +802,8 @@ KdFileManager::CopyResult copyToOpen(const std::string& source,
                                      std::vector<KdFileManager::OpenDestination>& destinations,
                                      const KdFileManager::CopyDigest& digest,
                                      std::shared_ptr<const KdFileCopyDelegate> delegate,
-                                     bool keepPermissions) {
+                                     bool keepPermissions,
+                                     const std::vector<KdFileManager::CopyDigest>& moreDigests) {
   KdFileManager::CopyResult result;
   if (destinations.empty()) {
     console("Error: You must have at least one destination. Aborting copy process...");
@@ -829,16 +842,18 @@ KdFileManager::CopyResult copyToOpen(const std::string& source,
     d.fd = std::move(given.fd);
   }
   return copyOpened(result, source, std::move(sourceFd), sourceStat, open, digest, delegate,
-                    keepPermissions);
+                    keepPermissions, moreDigests);
 }
 
 }  // namespace
 
 KdFileManager::CopyResult KdFileManager::copyFileToOpenDestinations(
     const std::string& source, std::vector<OpenDestination> destinations, const CopyDigest& digest,
-    std::shared_ptr<const KdFileCopyDelegate> delegate, bool keepPermissions) {
+    std::shared_ptr<const KdFileCopyDelegate> delegate, bool keepPermissions,
+    const std::vector<CopyDigest>& moreDigests) {
   try {
-    return copyToOpen(source, destinations, digest, std::move(delegate), keepPermissions);
+    return copyToOpen(source, destinations, digest, std::move(delegate), keepPermissions,
+                      moreDigests);
   } catch (const std::exception& e) {
     KdException::logException(e, kMethod);
   } catch (...) {

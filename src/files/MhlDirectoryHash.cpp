@@ -225,4 +225,52 @@ MhlDirectoryHashes mhlGenerationDirectoryHashes(const std::vector<std::string>& 
   return mhlDirectoryHashes(files, folders, format);
 }
 
+namespace {
+
+// The hashes of several formats as one: a folder's digests in every format
+// that gives it one, children first.
+template <class OneFormat>
+MhlDirectoryHashes inEachFormat(const std::vector<std::string>& formats, const OneFormat& one) {
+  MhlDirectoryHashes out;
+  std::map<std::string, std::size_t> at;  // a folder's place in out.directories
+  for (const std::string& format : formats) {
+    MhlDirectoryHashes hashes = one(format);
+    out.root.insert(out.root.end(), hashes.root.begin(), hashes.root.end());
+    for (MhlDirectoryHash& folder : hashes.directories) {
+      const auto [it, fresh] = at.try_emplace(folder.path, out.directories.size());
+      if (fresh) {
+        out.directories.push_back(std::move(folder));
+        continue;
+      }
+      std::vector<MhlDirectoryDigest>& digests = out.directories[it->second].digests;
+      digests.insert(digests.end(), folder.digests.begin(), folder.digests.end());
+    }
+  }
+  std::stable_sort(out.directories.begin(), out.directories.end(),
+                   [](const MhlDirectoryHash& a, const MhlDirectoryHash& b) {
+                     return postOrder(a.path, b.path);
+                   });
+  return out;
+}
+
+}  // namespace
+
+MhlDirectoryHashes mhlDirectoryHashes(const std::vector<MhlHash>& files,
+                                      const std::vector<MhlFolder>& folders,
+                                      const std::vector<std::string>& formats) {
+  return inEachFormat(formats, [&](const std::string& format) {
+    return mhlDirectoryHashes(files, folders, format);
+  });
+}
+
+MhlDirectoryHashes mhlGenerationDirectoryHashes(const std::vector<std::string>& paths,
+                                                const std::vector<MhlHash>& entries,
+                                                const MhlHistory& history,
+                                                const std::vector<MhlFolder>& folders,
+                                                const std::vector<std::string>& formats) {
+  return inEachFormat(formats, [&](const std::string& format) {
+    return mhlGenerationDirectoryHashes(paths, entries, history, folders, format);
+  });
+}
+
 }  // namespace kd

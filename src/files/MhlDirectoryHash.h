@@ -47,6 +47,11 @@ struct MhlFolder {
 MhlDirectoryHashes mhlDirectoryHashes(const std::vector<MhlHash>& files,
                                       const std::vector<MhlFolder>& folders,
                                       std::string_view format);
+// The same in each of `formats`: a folder gets a digest in every format in
+// which its content is known.
+MhlDirectoryHashes mhlDirectoryHashes(const std::vector<MhlHash>& files,
+                                      const std::vector<MhlFolder>& folders,
+                                      const std::vector<std::string>& formats);
 
 // The directory hashes of a generation that covers `paths` (every file the
 // folder holds after the run): a file's digest is its entry in `entries`
@@ -58,5 +63,11 @@ MhlDirectoryHashes mhlGenerationDirectoryHashes(const std::vector<std::string>& 
                                                 const MhlHistory& history,
                                                 const std::vector<MhlFolder>& folders,
                                                 std::string_view format);
+// The same in each of `formats`.
+MhlDirectoryHashes mhlGenerationDirectoryHashes(const std::vector<std::string>& paths,
+                                                const std::vector<MhlHash>& entries,
+                                                const MhlHistory& history,
+                                                const std::vector<MhlFolder>& folders,
+                                                const std::vector<std::string>& formats);
 
 }  // namespace kd

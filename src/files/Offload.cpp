@@ -228,8 +228,12 @@ class Run {
   Run(const OffloadOptions& options, const OffloadProgress& progress)
       : options_(options),
         progress_(progress),
-        digest_(
-            KdFileManager::copyDigestNamed(options.hash).value_or(KdFileManager::CopyDigest{})) {}
+        digest_(KdFileManager::copyDigestNamed(options.hash.verifying())
+                    .value_or(KdFileManager::CopyDigest{})) {
+    for (const std::string& kind : options.hash.others())
+      otherDigests_.push_back(
+          KdFileManager::copyDigestNamed(kind).value_or(KdFileManager::CopyDigest{}));
+  }
 
   OffloadReport go() {
     const Clock::time_point start = Clock::now();
@@ -428,7 +432,8 @@ class Run {
     const std::uint64_t before = done_;
     if (!copyTo.empty()) {
       const KdFileManager::CopyResult result = KdFileManager::copyFileToOpenDestinations(
-          source, std::move(opened), digest_, copyDelegate(before), /*keepPermissions=*/true);
+          source, std::move(opened), digest_, copyDelegate(before), /*keepPermissions=*/true,
+          otherDigests_);
       if (!result.completed) {
         if (stopAsked()) {
           report_.error = "Stopped on request while copying " + source;
@@ -440,19 +445,25 @@ class Run {
       }
       sourceDigest = result.sourceDigest;
       report_.cardFiles[index].digest = sourceDigest;
+      for (const std::optional<std::string>& other : result.moreSourceDigests)
+        report_.cardFiles[index].otherDigests.push_back(other.value_or(""));
       report_.bytesRead += result.bytesCopied;
       finishCopies(index, copyTo, result, remainingAfter);
     }
 
     if (!confirm.empty() && !sourceDigest) {
       std::string error;
-      sourceDigest =
-          offload::digestOfFile(AT_FDCWD, source, digest_, false, readReporter(before), error);
-      if (!sourceDigest) {
+      std::vector<KdFileManager::CopyDigest> kinds = {digest_};
+      kinds.insert(kinds.end(), otherDigests_.begin(), otherDigests_.end());
+      std::optional<std::vector<std::string>> digests =
+          offload::digestsOfFile(AT_FDCWD, source, kinds, false, readReporter(before), error);
+      if (!digests) {
         cardFailed(source, index, error);
         return;
       }
+      sourceDigest = digests->front();
       report_.cardFiles[index].digest = sourceDigest;
+      report_.cardFiles[index].otherDigests.assign(digests->begin() + 1, digests->end());
       report_.bytesRead += file.size;
     }
     for (Target* t : confirm) confirmPresent(*t, index, *sourceDigest);
@@ -573,8 +584,7 @@ class Run {
       t.report.states[index] = OffloadFileState::Copied;
       if (options_.reverify) ++t.report.filesReverified;
       t.report.bytesCopied += result.bytesCopied;
-      t.entries.push_back({file.path, result.bytesCopied, timeOf(file.modified), options_.hash,
-                           *result.sourceDigest, "original", now});
+      record(t, index, result.bytesCopied, *result.sourceDigest, "original", now);
     }
   }
 
@@ -590,7 +600,7 @@ class Run {
     // With the card's hash lists in the destination, a record there may be
     // the card's own, never checked at this destination: the copy is read.
     if (t.historyUsable && cardHistories_.empty())
-      recorded = t.history.latest(file.path, options_.hash);
+      recorded = t.history.latest(file.path, options_.hash.verifying());
     if (recorded && recorded->action == "failed") recorded.reset();  // a digest not to trust
     if (recorded && recorded->size == file.size && !options_.reverify)
       found = recorded->digest;
@@ -608,19 +618,47 @@ class Run {
                                : "already there and differs from the card's file; left as it is",
              sourceDigest, found);
       if (options_.reverify)
-        t.entries.push_back(
-            {file.path, file.size, timeOf(file.modified), options_.hash, *found, "failed", now});
+        t.entries.push_back({file.path, file.size, timeOf(file.modified), options_.hash.verifying(),
+                             *found, "failed", now});
       return;
     }
     ++t.report.filesSkipped;
     t.report.states[index] = OffloadFileState::AlreadyThere;
     if (options_.reverify) {
       ++t.report.filesReverified;
-      t.entries.push_back({file.path, file.size, timeOf(file.modified), options_.hash, sourceDigest,
-                           recorded ? "verified" : "original", now});
+      record(t, index, file.size, sourceDigest, recorded ? "verified" : "original", now);
     } else if (!recorded) {
-      t.entries.push_back({file.path, file.size, timeOf(file.modified), options_.hash, sourceDigest,
-                           "original", now});
+      record(t, index, file.size, sourceDigest, "original", now);
+    } else {
+      recordOthers(t, index, file.size, now, /*onlyNew=*/true);
+    }
+  }
+
+  // A file's entries in the hash list: `digest` in the verifying kind with
+  // `action`, and the card file's digest in each further kind, "original"
+  // (hashed from the card in this run).
+  void record(Target& t, std::size_t index, std::uint64_t size, const std::string& digest,
+              const char* action, std::chrono::system_clock::time_point now) {
+    const CardFile& file = tree_.files[index];
+    t.entries.push_back(
+        {file.path, size, timeOf(file.modified), options_.hash.verifying(), digest, action, now});
+    recordOthers(t, index, size, now, /*onlyNew=*/false);
+  }
+  // With `onlyNew`, a kind the hash list already holds as good, with the same
+  // digest, is not written again.
+  void recordOthers(Target& t, std::size_t index, std::uint64_t size,
+                    std::chrono::system_clock::time_point now, bool onlyNew) {
+    const CardFile& file = tree_.files[index];
+    const std::vector<std::string> kinds = options_.hash.others();
+    const std::vector<std::string>& digests = report_.cardFiles[index].otherDigests;
+    for (std::size_t k = 0; k < kinds.size() && k < digests.size(); ++k) {
+      if (digests[k].empty()) continue;  // a digest that failed records nothing
+      if (onlyNew && t.historyUsable) {
+        const std::optional<MhlHash> known = t.history.latest(file.path, kinds[k]);
+        if (known && known->action != "failed" && known->digest == digests[k]) continue;
+      }
+      t.entries.push_back(
+          {file.path, size, timeOf(file.modified), kinds[k], digests[k], "original", now});
     }
   }
 
@@ -659,8 +697,11 @@ class Run {
     if (cardHistories_.empty()) return;
     const CardFile& file = tree_.files[index];
     const offload::HistoryCheck check =
-        cardHistories_.check(file.path, file.size, options_.hash, digest,
+        cardHistories_.check(file.path, file.size, options_.hash.verifying(), digest,
                              [&](const KdFileManager::CopyDigest& kind, std::string& error) {
+                               // A further kind of this run: already read.
+                               if (std::optional<std::string> known = otherDigestOf(index, kind))
+                                 return known;
                                std::optional<std::string> found =
                                    offload::digestOfFile(AT_FDCWD, source, kind, false, {}, error);
                                if (found) report_.bytesRead += file.size;
@@ -681,6 +722,11 @@ class Run {
         if (entry.path != file.path || entry.action == "failed") continue;
         entry.action = check.outcome == Outcome::Match ? "verified" : "failed";
         if (check.outcome == Outcome::Match && check.kind != entry.format) {
+          // Recorded already as a further kind of this run: now checked.
+          const auto same = std::find_if(
+              t.entries.begin() + static_cast<std::ptrdiff_t>(entriesBefore[i]), t.entries.end(),
+              [&](const MhlHash& h) { return h.path == file.path && h.format == check.kind; });
+          if (same != t.entries.end()) continue;
           added.push_back(entry);
           added.back().format = check.kind;
           added.back().digest = check.found;
@@ -694,6 +740,16 @@ class Run {
           (state == OffloadFileState::Copied || state == OffloadFileState::AlreadyThere))
         t.fail(t.folder + "/" + file.path, check.reason, digest);
     }
+  }
+
+  // The card file's digest in `kind` when it is a further kind of this run.
+  std::optional<std::string> otherDigestOf(std::size_t index,
+                                           const KdFileManager::CopyDigest& kind) const {
+    const std::vector<std::string> kinds = options_.hash.others();
+    const std::vector<std::string>& digests = report_.cardFiles[index].otherDigests;
+    for (std::size_t k = 0; k < kinds.size() && k < digests.size(); ++k)
+      if (!digests[k].empty() && kinds[k] == kind.name) return digests[k];
+    return std::nullopt;
   }
 
   // The card's hash lists copied into the destination and continued there.
@@ -711,7 +767,7 @@ class Run {
     in.creator = creator;
     in.name = report_.name;
     in.patterns = patterns;
-    in.format = options_.hash;
+    in.format = options_.hash.verifying();
     std::vector<std::pair<std::string, std::string>> problems;
     t.report.manifest = cardHistories_.write(in, problems);
     for (auto& [path, reason] : problems) t.fail(path, reason);
@@ -746,7 +802,7 @@ class Run {
       }
       t.report.manifest = t.history.addGeneration(
           creator, report_.name, patterns, t.entries, error, "transfer",
-          mhlGenerationDirectoryHashes(paths, t.entries, t.history, folders, options_.hash));
+          mhlGenerationDirectoryHashes(paths, t.entries, t.history, folders, options_.hash.all()));
       if (!t.report.manifest)
         t.fail(t.folder + "/ascmhl", "the hash list cannot be written: " + error);
     }
@@ -902,7 +958,8 @@ class Run {
 
   const OffloadOptions& options_;
   const OffloadProgress& progress_;
-  const KdFileManager::CopyDigest digest_;
+  const KdFileManager::CopyDigest digest_;               // the verifying kind
+  std::vector<KdFileManager::CopyDigest> otherDigests_;  // the further kinds, recorded only
   OffloadReport report_;
   CardTree tree_;
   offload::CardHistories cardHistories_;  // the card's own hash lists, when it keeps any
@@ -923,12 +980,12 @@ bool OffloadReport::allGood() const {
 std::optional<std::string> offloadOptionsProblem(const OffloadOptions& options) {
   if (options.card.empty()) return "No card was given";
   if (options.destinations.empty()) return "At least one destination is needed";
-  if (options.hash == "none" || !KdFileManager::copyDigestNamed(options.hash))
-    return "Unknown hash \"" + options.hash + "\"";
-  if (options.mhl && !isMhlHashFormat(options.hash))
-    return "The hash list (ascmhl) cannot hold " + options.hash +
-           " digests: choose xxh64, xxh3, xxh128, md5 or sha1, or leave the hash list out with "
-           "--no-mhl";
+  if (std::optional<std::string> problem = options.hash.problem()) return problem;
+  for (const std::string& kind : options.hash.all())
+    if (options.mhl && !isMhlHashFormat(kind))
+      return "The hash list (ascmhl) cannot hold " + kind +
+             " digests: choose xxh64, xxh3, xxh128, md5 or sha1, or leave the hash list out with "
+             "--no-mhl";
   if (!options.name.empty() &&
       (options.name == "." || options.name == ".." || options.name.find('/') != std::string::npos ||
        options.name.find('\0') != std::string::npos))

@@ -17,13 +17,17 @@
 #include <string>
 #include <vector>
 
+#include "files/HashKinds.h"
+
 namespace kd {
 
 struct OffloadOptions {
   std::string card;                       // the card's folder
   std::vector<std::string> destinations;  // existing folders; each gets <name>/
-  std::string hash = "xxh64";             // a digest kind of the verified copy
-  bool reverify = false;                  // read each copy again from its device
+  // The digest kinds ("xxh64", "xxh64,md5"), all from one read of each card
+  // file: the first verifies the copies, every one is recorded.
+  HashKinds hash = "xxh64";
+  bool reverify = false;  // read each copy again from its device
   // Read every card file a second time, from the device, once the copies
   // verified: a card or reader that gave bad bytes once gives other ones then.
   bool sourceVerify = false;
@@ -98,12 +102,15 @@ struct OffloadCardFile {
   std::uint64_t size = 0;
   std::chrono::system_clock::time_point modified;
   std::optional<std::string> digest;  // the card file's, once it was read
+  // Its digests in the report's further kinds (hash.others()), in their
+  // order, once it was read.
+  std::vector<std::string> otherDigests = {};
 };
 
 struct OffloadReport {
   std::string card;
   std::string name;
-  std::string hash;
+  HashKinds hash;
   std::string layout;  // as the options gave it
   std::chrono::system_clock::time_point started, ended;
   // Set when the run could not start or stopped early (the card could not be
@@ -139,9 +146,10 @@ struct OffloadProgress {
   std::function<void(std::uint64_t done, std::uint64_t total)> bytes;
 };
 
-// What is wrong with the options before anything is touched (unknown hash, a
-// hash the hash list cannot hold, no destination, a bad name); nothing when
-// they are usable. `offloadCard` refuses the same with `error` set.
+// What is wrong with the options before anything is touched (an unknown or
+// repeated hash, a hash the hash list cannot hold, no destination, a bad
+// name); nothing when they are usable. `offloadCard` refuses the same with
+// `error` set.
 std::optional<std::string> offloadOptionsProblem(const OffloadOptions& options);
 
 OffloadReport offloadCard(const OffloadOptions& options, const OffloadProgress& progress = {});

@@ -66,5 +66,10 @@ std::optional<std::string> digestOfFile(int folder, const std::string& path,
                                         const KdFileManager::CopyDigest& digest, bool fromDevice,
                                         const std::function<void(std::uint64_t)>& read,
                                         std::string& error);
+// The same in several kinds from one read: one digest text per kind, in
+// their order.
+std::optional<std::vector<std::string>> digestsOfFile(
+    int folder, const std::string& path, const std::vector<KdFileManager::CopyDigest>& kinds,
+    bool fromDevice, const std::function<void(std::uint64_t)>& read, std::string& error);
 
 }  // namespace kd::offload

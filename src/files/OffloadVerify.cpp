@@ -16,6 +16,15 @@ std::optional<std::string> digestOfFile(int folder, const std::string& path,
                                         const KdFileManager::CopyDigest& digest, bool fromDevice,
                                         const std::function<void(std::uint64_t)>& read,
                                         std::string& error) {
+  std::optional<std::vector<std::string>> digests =
+      digestsOfFile(folder, path, {digest}, fromDevice, read, error);
+  if (!digests) return std::nullopt;
+  return std::move(digests->front());
+}
+
+std::optional<std::vector<std::string>> digestsOfFile(
+    int folder, const std::string& path, const std::vector<KdFileManager::CopyDigest>& kinds,
+    bool fromDevice, const std::function<void(std::uint64_t)>& read, std::string& error) {
   constexpr std::size_t kBuffer = 1 << 20;
   // Opened without waiting, so that a named pipe put in a file's place
   // cannot hold the run; then made blocking for the reads.
@@ -43,9 +52,16 @@ std::optional<std::string> digestOfFile(int folder, const std::string& path,
     ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
   }
   ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-  const std::unique_ptr<KdFileManager::CopyDigester> digester = digest.make();
+  std::vector<std::unique_ptr<KdFileManager::CopyDigester>> digesters;
+  for (const KdFileManager::CopyDigest& kind : kinds) {
+    digesters.push_back(kind.make ? kind.make() : nullptr);
+    if (!digesters.back()) {
+      error = "the " + kind.name + " digest is not available";
+      return std::nullopt;
+    }
+  }
   const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kBuffer]);
-  if (!digester || !buffer) {
+  if (!buffer) {
     error = "out of memory";
     return std::nullopt;
   }
@@ -56,13 +72,21 @@ std::optional<std::string> digestOfFile(int folder, const std::string& path,
       return std::nullopt;
     }
     if (n == 0) break;
-    digester->update(buffer.get(), static_cast<std::size_t>(n));
+    for (const auto& digester : digesters)
+      digester->update(buffer.get(), static_cast<std::size_t>(n));
     if (read) read(static_cast<std::uint64_t>(n));
   }
   if (fromDevice) ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
-  std::optional<std::string> text = digester->text();
-  if (!text) error = "the digest failed";
-  return text;
+  std::vector<std::string> texts;
+  for (const auto& digester : digesters) {
+    std::optional<std::string> text = digester->text();
+    if (!text) {
+      error = "the digest failed";
+      return std::nullopt;
+    }
+    texts.push_back(std::move(*text));
+  }
+  return texts;
 }
 
 }  // namespace kd::offload

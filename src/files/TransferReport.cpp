@@ -3,6 +3,7 @@
 
 #include <ctime>
 #include <map>
+#include <vector>
 
 #include "common/Utf8.h"
 #include "files/KdFileManager.h"
@@ -91,6 +92,17 @@ std::map<std::string, const OffloadFailure*> failuresByFile(const OffloadDestina
   return byFile;
 }
 
+// The card file's digest in each kind of the run, in their order; empty
+// where it is not known.
+std::vector<std::string> digestsOf(const OffloadReport& r, const OffloadCardFile& f) {
+  std::vector<std::string> out;
+  for (std::size_t k = 0; k < r.hash.size(); ++k)
+    out.push_back(k == 0                          ? f.digest.value_or("")
+                  : k - 1 < f.otherDigests.size() ? f.otherDigests[k - 1]
+                                                  : "");
+  return out;
+}
+
 const char* stateText(OffloadFileState state) {
   switch (state) {
     case OffloadFileState::Copied:
@@ -164,7 +176,9 @@ std::string transferReportHtml(const OffloadReport& r, std::size_t destination) 
                                  KdFileManager::formatFileSize(
                                      seconds > 0 ? static_cast<double>(r.bytesRead) / seconds : 0) +
                                  "/s");
-  fact("Hash", html(r.hash));
+  fact(r.hash.size() > 1 ? "Hashes" : "Hash",
+       html(r.hash.text(", ")) +
+           (r.hash.size() > 1 ? " (" + html(r.hash.verifying()) + " verifies the copies)" : ""));
   if (here.manifest) fact("Hash list", html(*here.manifest));
   if (!r.error.empty()) fact("Stopped", "<span class=\"bad\">" + html(r.error) + "</span>");
   out += "</table>\n";
@@ -200,14 +214,17 @@ std::string transferReportHtml(const OffloadReport& r, std::size_t destination) 
     out += "</table>\n";
   }
 
-  out += "<h2>Files</h2>\n<table>\n<thead><tr><th>File</th><th>Size</th><th>Modified</th><th>" +
-         html(r.hash) + "</th><th>Here</th></tr></thead>\n";
+  out += "<h2>Files</h2>\n<table>\n<thead><tr><th>File</th><th>Size</th><th>Modified</th>";
+  for (const std::string& kind : r.hash.all()) out += "<th>" + html(kind) + "</th>";
+  out += "<th>Here</th></tr></thead>\n";
   for (std::size_t i = 0; i < r.cardFiles.size(); ++i) {
     const OffloadCardFile& f = r.cardFiles[i];
     const OffloadFileState state = stateOf(here, i);
     out += "<tr><td>" + html(f.path) + "</td><td class=\"n\">" + std::to_string(f.size) +
-           "</td><td>" + utc(f.modified) + "</td><td class=\"d\">" + html(f.digest.value_or("")) +
-           "</td><td" + (state == OffloadFileState::Failed ? " class=\"bad\"" : "") + ">" +
+           "</td><td>" + utc(f.modified) + "</td>";
+    for (const std::string& digest : digestsOf(r, f))
+      out += "<td class=\"d\">" + html(digest) + "</td>";
+    out += std::string("<td") + (state == OffloadFileState::Failed ? " class=\"bad\"" : "") + ">" +
            stateText(state) + "</td></tr>\n";
   }
   out += "</table>\n</body>\n</html>\n";
@@ -217,14 +234,17 @@ std::string transferReportHtml(const OffloadReport& r, std::size_t destination) 
 std::string transferReportCsv(const OffloadReport& r, std::size_t destination) {
   const OffloadDestination& here = r.destinations.at(destination);
   const std::map<std::string, const OffloadFailure*> failures = failuresByFile(here);
-  std::string out = "path,size,modified_utc," + csv(r.hash) + ",state,reason\r\n";
+  std::string out = "path,size,modified_utc,";
+  for (const std::string& kind : r.hash.all()) out += csv(kind) + ",";
+  out += "state,reason\r\n";
   for (std::size_t i = 0; i < r.cardFiles.size(); ++i) {
     const OffloadCardFile& f = r.cardFiles[i];
     const OffloadFileState state = stateOf(here, i);
     const auto failure = failures.find(f.path);
     out += csv(f.path) + "," + std::to_string(f.size) + "," +
-           csv(utc(f.modified, "%Y-%m-%dT%H:%M:%SZ")) + "," + csv(f.digest.value_or("")) + "," +
-           csv(stateText(state)) + "," +
+           csv(utc(f.modified, "%Y-%m-%dT%H:%M:%SZ")) + ",";
+    for (const std::string& digest : digestsOf(r, f)) out += csv(digest) + ",";
+    out += csv(stateText(state)) + "," +
            csv(failure != failures.end() ? failure->second->reason : "") + "\r\n";
   }
   return out;

@@ -21,14 +21,15 @@ namespace fs = std::filesystem;
 class FolderVerify : public FilesTest {
  protected:
   // An offloaded sample card: DEST/EOS_DIGITAL with its history.
-  std::string offloaded() {
-    const std::string card = dir_.mkdir("card/EOS_DIGITAL");
-    writeCard(card, sampleCards()[1]);
+  std::string offloaded(const char* hash = "xxh64", const std::string& dest = "dest") {
+    const std::string card = dir_ / "card/EOS_DIGITAL";
+    if (!fs::exists(card)) writeCard(dir_.mkdir("card/EOS_DIGITAL"), sampleCards()[1]);
     OffloadOptions options;
     options.card = card;
-    options.destinations = {dir_.mkdir("dest")};
+    options.hash = hash;
+    options.destinations = {dir_.mkdir(dest)};
     EXPECT_TRUE(offloadCard(options).allGood());
-    return dir_ / "dest/EOS_DIGITAL";
+    return dir_ / dest + "/EOS_DIGITAL";
   }
   static FolderVerifyReport verify(const std::string& folder, bool mhl = true) {
     FolderVerifyOptions options;
@@ -111,6 +112,58 @@ TEST_F(FolderVerify, NamesEveryDifferenceAndRecordsWhatItRead) {
   const FolderVerifyReport again = verify(folder, false);
   ASSERT_EQ(again.changed.size(), 1u);
   EXPECT_EQ(again.changed[0].recorded, found.changed[0].recorded);
+}
+
+// A history with two kinds per file: a difference in either fails the file,
+// and the kind that differs is named.
+TEST_F(FolderVerify, EveryRecordedKindIsCompared) {
+  const std::string clip = "DCIM/100EOS5D/IMG_0001.CR2";
+  const struct {
+    const char* what;
+    const char* dest;
+    const char* kind;  // the one to differ
+    bool changeByte;   // else the hash list's md5 of the file is changed
+  } cases[] = {
+      {"a changed byte", "byte", "xxh64", true},
+      {"an md5 record that differs", "record", "md5", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    const std::string folder = offloaded("xxh64,md5", c.dest);
+    if (c.changeByte) {
+      std::string bytes = readFile(folder + "/" + clip);
+      bytes[7] ^= 1;
+      fs::remove(folder + "/" + clip);
+      dir_.touch(std::string(c.dest) + "/EOS_DIGITAL/" + clip, bytes);
+    } else {
+      // A manifest changed by hand, its fingerprint in the chain with it.
+      MhlHistory history;
+      std::string error;
+      ASSERT_TRUE(MhlHistory::load(folder, history, error)) << error;
+      const std::string md5 = history.latest(clip, "md5")->digest;
+      const std::string path = folder + "/ascmhl/" + history.chain()[0].file;
+      std::string manifest = readFile(path);
+      manifest.replace(manifest.find(md5), 1, md5[0] == '0' ? "1" : "0");
+      std::string chain = readFile(folder + "/ascmhl/ascmhl_chain.xml");
+      chain.replace(chain.find(history.chain()[0].c4), 90, mhlC4Id(manifest));
+      fs::remove(path);
+      fs::remove(folder + "/ascmhl/ascmhl_chain.xml");
+      dir_.touch(std::string(c.dest) + "/EOS_DIGITAL/ascmhl/" + history.chain()[0].file, manifest);
+      dir_.touch(std::string(c.dest) + "/EOS_DIGITAL/ascmhl/ascmhl_chain.xml", chain);
+    }
+    const FolderVerifyReport report = verify(folder);
+    ASSERT_TRUE(report.error.empty()) << report.error;
+    ASSERT_EQ(report.changed.size(), 1u);
+    EXPECT_EQ(report.changed[0].path, clip);
+    EXPECT_NE(report.changed[0].reason.find(std::string("(in ") + c.kind + ")"), std::string::npos)
+        << report.changed[0].reason;
+    EXPECT_EQ(report.filesVerified, sampleCards()[1].files.size() - 1);
+    MhlHistory history;
+    std::string error;
+    ASSERT_TRUE(MhlHistory::load(folder, history, error)) << error;
+    for (const char* kind : {"xxh64", "md5"})
+      EXPECT_EQ(history.latest(clip, kind)->action, "failed") << kind;
+  }
 }
 
 TEST_F(FolderVerify, AFolderWithoutAUsableHistoryIsRefused) {

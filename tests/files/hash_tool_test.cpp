@@ -55,6 +55,10 @@ TEST_F(KdHashTool, ListsPassTheCheckersAndItsOwnCheck) {
   EXPECT_EQ(run(tmp.path(), kd + " hash x > out && " + kd + " hash < x >> out"), 0);
   EXPECT_EQ(kd::test::readFile(tmp / "out"),
             "900150983cd24fb0d6963f7d28e17f72  x\n900150983cd24fb0d6963f7d28e17f72  -\n");
+  // Several kinds from one read: a tagged line each, which its own check takes.
+  EXPECT_EQ(run(tmp.path(), kd + " hash --hash md5,xxh64 x > two && " + kd + " hash -c two"), 0);
+  EXPECT_EQ(kd::test::readFile(tmp / "two"),
+            "MD5 (x) = 900150983cd24fb0d6963f7d28e17f72\nXXH64 (x) = 44bc2cf5ad770999\n");
 }
 
 // The xxHash kinds and the tagged form: what kd writes, xxhsum and the

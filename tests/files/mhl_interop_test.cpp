@@ -2,9 +2,10 @@
 // tests/third_party): it verifies the histories an offload and a check write,
 // their directory hashes included, a check and an offload read and continue
 // the histories it writes (one with an empty file, whose size it leaves out),
-// and a changed byte is found by both. A card that keeps its own history
-// (made by the reference tool) is checked against it and the history goes on
-// in every destination.
+// a changed byte is found by both, and an offload in two kinds at once
+// writes both in every entry. A card that keeps its own history (made by the
+// reference tool) is checked against it and the history goes on in every
+// destination.
 #include <cstdio>
 #include <filesystem>
 #include <string>
@@ -129,6 +130,7 @@ TEST_F(MhlInterop, OffloadContinuesTheCardsOwnHistory) {
   const Row rows[] = {
       {"plain", false, "xxh64", Spoil::None},
       {"another kind than the history's", false, "md5", Spoil::None},
+      {"two kinds, the history's the second", false, "md5,xxh64", Spoil::None},
       {"nested", true, "xxh64", Spoil::None},
       {"a byte changed after the history was made", true, "xxh64", Spoil::Byte},
       {"a damaged history", false, "xxh64", Spoil::Manifest},
@@ -200,6 +202,9 @@ TEST_F(MhlInterop, OffloadContinuesTheCardsOwnHistory) {
     }
     ASSERT_TRUE(r.allGood()) << r.error;
     EXPECT_EQ(r.filesMatchingHistory, 3u);
+    if (row.hash.find(',') != std::string::npos) {
+      EXPECT_EQ(r.bytesRead, r.bytes);  // the history's kind came from the one read
+    }
     for (const std::string& d : {d1, d2}) {
       const std::string folder = d + "/SHUTTLE";
       EXPECT_EQ(reference({"debug", "verify", folder}), 0) << said();
@@ -216,8 +221,11 @@ TEST_F(MhlInterop, OffloadContinuesTheCardsOwnHistory) {
       std::string error;
       ASSERT_TRUE(MhlHistory::load(row.nested ? folder + "/CLIPS" : folder, history, error));
       const std::string clip = row.nested ? "SUB/A002.MXF" : "CLIPS/SUB/A002.MXF";
-      ASSERT_TRUE(history.latest(clip, row.hash)) << clip;
-      EXPECT_EQ(history.latest(clip, row.hash)->action, "verified");
+      for (const std::string kind : {"md5", "xxh64"}) {
+        if (row.hash.find(kind) == std::string::npos) continue;
+        ASSERT_TRUE(history.latest(clip, kind)) << clip << " " << kind;
+        EXPECT_EQ(history.latest(clip, kind)->action, "verified") << kind;
+      }
       EXPECT_EQ(historyProblems(folder + "/ascmhl"), "");
       FolderVerifyOptions check;
       check.folder = folder;
@@ -225,6 +233,42 @@ TEST_F(MhlInterop, OffloadContinuesTheCardsOwnHistory) {
       EXPECT_TRUE(verifyFolder(check).allGood());
     }
   }
+}
+
+// kd offload --hash xxh64,md5: every entry, the directory hashes and the
+// report hold both kinds from the one read, the md5 is md5sum's, and the
+// reference tool verifies the history.
+TEST_F(MhlInterop, AnOffloadInTwoKindsRecordsBoth) {
+  const SampleCard& sample = sampleCards()[1];
+  const std::string card = dir_.mkdir("card/EOS_DIGITAL");
+  writeCard(card, sample);
+  const std::string dest = dir_.mkdir("dest");
+  ASSERT_EQ(run({KD_TOOL_PATH, "offload", "--json", "--hash", "xxh64,md5", card, dest},
+                {.out = dir_ / "kd.out"}),
+            0)
+      << readFile(dir_ / "kd.out");
+  EXPECT_NE(readFile(dir_ / "kd.out").find("\"hashes\": [\"xxh64\", \"md5\"]"), std::string::npos);
+  const std::string folder = dest + "/EOS_DIGITAL";
+  EXPECT_EQ(reference({"debug", "verify", "-dh", "-v", folder}), 0) << said();
+  MhlHistory history;
+  std::string error;
+  ASSERT_TRUE(MhlHistory::load(folder, history, error)) << error;
+  for (const auto& [path, size] : sample.files) {
+    SCOPED_TRACE(path);
+    ASSERT_EQ(run({"/bin/sh", "-c", "md5sum < \"$0\"", card + "/" + path}, {.out = dir_ / "sum"}),
+              0);
+    const std::optional<MhlHash> md5 = history.latest(path, "md5");
+    ASSERT_TRUE(md5);
+    EXPECT_EQ(md5->digest + "  -\n", readFile(dir_ / "sum"));
+    EXPECT_TRUE(history.latest(path, "xxh64"));
+  }
+  const std::string manifest = readFile(folder + "/ascmhl/" + history.chain()[0].file);
+  EXPECT_NE(manifest.find("<md5>"), std::string::npos);  // a directory hash in md5
+  for (const auto& entry : fs::directory_iterator(folder))
+    if (entry.path().extension() == ".csv") {
+      EXPECT_EQ(readFile(entry.path()).rfind("path,size,modified_utc,\"xxh64\",\"md5\",state", 0),
+                0u);
+    }
 }
 
 }  // namespace

@@ -223,6 +223,9 @@ TEST_F(Offload, RefusalsTouchNothing) {
   } cases[] = {
       {"unknown hash", {d1}, "crc32", true, "", "Unknown hash"},
       {"hash the list cannot hold", {d1}, "sha256", true, "", "--no-mhl"},
+      {"unknown hash in a list", {d1}, "xxh64,crc32", true, "", "Unknown hash \"crc32\""},
+      {"hash listed twice", {d1}, "xxh64,md5,xxh64", true, "", "xxh64 is listed twice"},
+      {"list with a hash the list cannot hold", {d1}, "xxh64,sha256", true, "", "--no-mhl"},
       {"no destination", {}, "xxh64", true, "", "At least one destination"},
       {"missing destination", {dir_ / "nowhere"}, "xxh64", true, "", "is not an existing folder"},
       {"destination in the card", {card + "/inside"}, "xxh64", true, "", "overlap"},

@@ -20,6 +20,7 @@
 #include "Commands.h"
 #include "common/ReadAhead.h"
 #include "common/UniqueFd.h"
+#include "files/HashKinds.h"
 #include "files/KdFileManager.h"
 #include "log/KdLog.h"
 #include "paths/KdLocalPaths.h"
@@ -85,10 +86,10 @@ class Progress {
   std::uint64_t size_ = 0, last_ = 0;
 };
 
-// The digest of a file ("-": standard input), or nothing after a message on
-// standard error that says why.
-std::optional<std::string> digestOfFile(const Kind& kind, const std::string& path,
-                                        Progress& progress) {
+// The digests of a file ("-": standard input) in each kind, from one read,
+// or nothing after a message on standard error that says why.
+std::optional<std::vector<std::string>> digestsOfFile(const std::vector<const Kind*>& kinds,
+                                                      const std::string& path, Progress& progress) {
   kd::UniqueFd opened;
   int fd = STDIN_FILENO;
   if (path != "-") {
@@ -105,12 +106,16 @@ std::optional<std::string> digestOfFile(const Kind& kind, const std::string& pat
     std::fprintf(stderr, "kd hash: %s: %s\n", path.c_str(), std::strerror(EISDIR));
     return std::nullopt;
   }
-  const std::optional<KdFileManager::CopyDigest> digest = KdFileManager::copyDigestNamed(kind.name);
-  const std::unique_ptr<KdFileManager::CopyDigester> digester =
-      digest && digest->make ? digest->make() : nullptr;
-  if (!digester) {
-    std::fprintf(stderr, "kd hash: %s: the %s digest is not available\n", path.c_str(), kind.name);
-    return std::nullopt;
+  std::vector<std::unique_ptr<KdFileManager::CopyDigester>> digesters;
+  for (const Kind* kind : kinds) {
+    const std::optional<KdFileManager::CopyDigest> digest =
+        KdFileManager::copyDigestNamed(kind->name);
+    digesters.push_back(digest && digest->make ? digest->make() : nullptr);
+    if (!digesters.back()) {
+      std::fprintf(stderr, "kd hash: %s: the %s digest is not available\n", path.c_str(),
+                   kind->name);
+      return std::nullopt;
+    }
   }
   progress.begin(path, S_ISREG(st.st_mode) ? static_cast<std::uint64_t>(st.st_size) : 0);
   kd::ReadAhead reader(fd);
@@ -123,14 +128,29 @@ std::optional<std::string> digestOfFile(const Kind& kind, const std::string& pat
       std::fprintf(stderr, "kd hash: %s: %s\n", path.c_str(), std::strerror(chunk.error));
       return std::nullopt;
     }
-    digester->update(chunk.data, static_cast<std::size_t>(chunk.length));
+    for (const auto& digester : digesters)
+      digester->update(chunk.data, static_cast<std::size_t>(chunk.length));
     total += static_cast<std::uint64_t>(chunk.length);
     progress.at(total);
   }
   progress.end();
-  std::optional<std::string> text = digester->text();
-  if (!text) std::fprintf(stderr, "kd hash: %s: the digest failed\n", path.c_str());
-  return text;
+  std::vector<std::string> texts;
+  for (const auto& digester : digesters) {
+    std::optional<std::string> text = digester->text();
+    if (!text) {
+      std::fprintf(stderr, "kd hash: %s: the digest failed\n", path.c_str());
+      return std::nullopt;
+    }
+    texts.push_back(std::move(*text));
+  }
+  return texts;
+}
+
+std::optional<std::string> digestOfFile(const Kind& kind, const std::string& path,
+                                        Progress& progress) {
+  std::optional<std::vector<std::string>> digests = digestsOfFile({&kind}, path, progress);
+  if (!digests) return std::nullopt;
+  return std::move(digests->front());
 }
 
 // A file name as the checkers write it: with "\\", "\n" and "\r" escaped, in
@@ -274,15 +294,20 @@ const Kind* kindForLength(std::size_t length, const std::string& listFile) {
   return nullptr;
 }
 
-int hashFiles(const Kind& kind, const std::vector<std::string>& files, bool tag,
-              Progress& progress) {
+// One line per file and kind, the kinds of a file together in the order
+// given.
+int hashFiles(const std::vector<const Kind*>& kinds, const std::vector<std::string>& files,
+              bool tag, Progress& progress) {
   ListOutput output;
   int status = 0;
   for (const std::string& file : files) {
-    if (const std::optional<std::string> digest = digestOfFile(kind, file, progress))
-      output.digestLine(kind, *digest, file, tag);
-    else
+    if (const std::optional<std::vector<std::string>> digests =
+            digestsOfFile(kinds, file, progress)) {
+      for (std::size_t k = 0; k < kinds.size(); ++k)
+        output.digestLine(*kinds[k], (*digests)[k], file, tag);
+    } else {
       status = 1;
+    }
   }
   if (!output.flush()) status = 1;
   return status;
@@ -358,12 +383,18 @@ void setupHash(CLI::App& app) {
   static std::string listFile;
   static std::vector<std::string> files;
   std::vector<CLI::Option*> kindOptions;
-  std::vector<std::string> names;
-  for (const Kind& k : kKinds) names.push_back(k.name);
-  kindOptions.push_back(cmd->add_option("--hash", kindName,
-                                        "The digest: md5 (the default), sha1, sha256, sha512, "
-                                        "xxh64, xxh3 or xxh128")
-                            ->check(CLI::IsMember(names)));
+  kindOptions.push_back(
+      cmd->add_option("--hash", kindName,
+                      "The digest: md5 (the default), sha1, sha256, sha512, xxh64, xxh3 or "
+                      "xxh128; several, comma-separated, from one read (not with -c)")
+          ->type_name("KIND[,KIND...]")
+          ->check(
+              [](const std::string& text) -> std::string {
+                const kd::HashKinds list(text);
+                if (std::optional<std::string> problem = list.problem()) return *problem;
+                return "";
+              },
+              "KIND[,KIND...]"));
   for (std::size_t i = 0; i < 4; ++i)
     kindOptions.push_back(cmd->add_flag(std::string("--") + kKinds[i].name, flags[i],
                                         std::string("The same as --hash ") + kKinds[i].name));
@@ -384,22 +415,31 @@ void setupHash(CLI::App& app) {
       "--hash, an untagged line's kind is told by its length: 16 hex digits are\n"
       "xxh64 and 32 are MD5, unless the list's name ends in .xxh3 or .xxh128. Exits 1\n"
       "when any file differs or cannot be read, or when a line of the list is not\n"
-      "understood. On a terminal, files from 100 MB show a progress line on standard\n"
-      "error. Example: kd hash --hash xxh64 A001.mov > list && kd hash -c list");
+      "understood. With several kinds (--hash xxh64,md5) each file is read once and\n"
+      "gives one tagged line per kind. On a terminal, files from 100 MB show a\n"
+      "progress line on standard error.\n"
+      "Example: kd hash --hash xxh64 A001.mov > list && kd hash -c list");
   cmd->callback([checkOpt] {
-    const Kind* named = kindName.empty() ? nullptr : kindNamed(kindName);
+    std::vector<const Kind*> kinds;
+    const kd::HashKinds listed(kindName);
+    for (const std::string& name : listed.all()) kinds.push_back(kindNamed(name));
     for (std::size_t i = 0; i < 4; ++i)
-      if (flags[i]) named = &kKinds[i];
+      if (flags[i]) kinds = {&kKinds[i]};
+    if (kinds.size() > 1 && checkOpt->count() > 0) {
+      std::fputs("kd hash: -c checks with one kind: a list says each line's kind itself\n", stderr);
+      kd::tool::exitWith(2);
+    }
+    const Kind* named = kinds.empty() ? nullptr : kinds.front();
     // Read errors of the library's parts go to the application log: give them
     // one ("kd.1.log") where this user has a log folder.
     if (KdLocalPaths::logDirectory(true)) KdLog::createNewLog(std::string("kd"));
     Progress progress(::isatty(STDERR_FILENO) == 1);
     if (files.empty()) files.push_back("-");
-    const Kind& kind = named ? *named : kKinds[0];
-    const int status =
-        checkOpt->count() > 0
-            ? checkList(named, listFile, progress)
-            : hashFiles(kind, files, tag || kind.name == std::string("xxh3"), progress);
+    if (kinds.empty()) kinds.push_back(&kKinds[0]);
+    // Several kinds are told apart by their tags; xxhsum lists xxh3 only tagged.
+    const bool tagged = tag || kinds.size() > 1 || kinds.front()->name == std::string("xxh3");
+    const int status = checkOpt->count() > 0 ? checkList(named, listFile, progress)
+                                             : hashFiles(kinds, files, tagged, progress);
     KdLog::finishWriting();
     if (status != 0) kd::tool::exitWith(status);
   });

@@ -52,7 +52,7 @@ double rateOf(const kd::OffloadReport& r) {
 
 void printText(const kd::OffloadReport& r) {
   std::ostringstream out;
-  out << "Card:        " << r.card << "  (as \"" << r.name << "\", " << r.hash << ")\n";
+  out << "Card:        " << r.card << "  (as \"" << r.name << "\", " << r.hash.text(", ") << ")\n";
   out << "Files:       " << r.files << " (" << size(r.bytes) << "), " << r.excluded.size()
       << " excluded\n";
   out << "Elapsed:     " << clock(r.elapsed.count()) << "  (" << size(r.bytesRead) << " read, "
@@ -110,7 +110,10 @@ void printJson(const kd::OffloadReport& r) {
     return s ? jsonString(*s) : std::string("null");
   };
   out << "{\"card\": " << jsonString(r.card) << ", \"name\": " << jsonString(r.name)
-      << ", \"hash\": " << jsonString(r.hash) << ", \"ok\": " << (r.allGood() ? "true" : "false")
+      << ", \"hash\": " << jsonString(r.hash.verifying()) << ", \"hashes\": [";
+  for (std::size_t i = 0; i < r.hash.size(); ++i)
+    out << (i ? ", " : "") << jsonString(r.hash.all()[i]);
+  out << "], \"ok\": " << (r.allGood() ? "true" : "false")
       << ", \"error\": " << (r.error.empty() ? "null" : jsonString(r.error))
       << ", \"files\": " << r.files << ", \"bytes\": " << r.bytes
       << ", \"bytesRead\": " << r.bytesRead << ", \"seconds\": " << r.elapsed.count()
@@ -163,9 +166,11 @@ void setupOffload(CLI::App& app) {
   auto* cmd = app.add_subcommand("offload", "Copy a whole card to several destinations, verified");
   static kd::OffloadOptions options;
   static bool json = false, noMhl = false, noReport = false;
-  cmd->add_option("--hash", options.hash,
-                  "Digest of the verification and hash list (default xxh64)")
-      ->check(CLI::IsMember({"xxh64", "xxh3", "xxh128", "md5", "sha1", "sha256", "sha512"}));
+  static std::string hashes = "xxh64";
+  cmd->add_option("--hash", hashes,
+                  "Digest kinds, comma-separated: xxh64 (the default), xxh3, xxh128, md5, "
+                  "sha1, sha256, sha512; the first verifies the copies, all are recorded")
+      ->type_name("KIND[,KIND...]");
   cmd->add_flag("--reverify", options.reverify,
                 "Read every copy again from its device after it was written");
   cmd->add_flag("--source-verify", options.sourceVerify,
@@ -200,8 +205,10 @@ void setupOffload(CLI::App& app) {
       "byte and verified, with a new generation: \"verified\" for files that\n"
       "matched, \"original\" for files new on the card. A DEST that keeps another\n"
       "hash list there is refused. --ignore-source-history leaves the card's lists\n"
-      "out and starts new ones. A repeated run skips\n"
-      "files already there with the same size and digest. Copies keep their card\n"
+      "out and starts new ones. A repeated run skips files already there with the\n"
+      "same size and digest. With --hash xxh64,md5 each card file is still read\n"
+      "once, digested in both kinds; xxh64 (the first) verifies the copies, and\n"
+      "both go into the hash lists, reports and summary. Copies keep their card\n"
       "file's dates, permission bits and extended attributes where DEST's file\n"
       "system holds them (the summary says where it does not). Before anything is\n"
       "written, a DEST without room for the card is refused (--force goes on) and\n"
@@ -215,6 +222,7 @@ void setupOffload(CLI::App& app) {
       "Example: kd offload --reverify /media/$USER/A001 /mnt/shuttle1 /mnt/raid/Day01");
   cmd->callback([] {
     kd::tool::openCommandLog();
+    options.hash = hashes;
     options.mhl = !noMhl;
     options.report = !noReport;
     options.layout = layoutOf(options.card);
