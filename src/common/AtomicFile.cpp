@@ -12,6 +12,7 @@
 
 #include "common/Path.h"
 #include "common/UniqueFd.h"
+#include "platform/FileIO.h"
 
 namespace kd {
 
@@ -27,6 +28,13 @@ bool writeAll(int fd, std::string_view bytes) {
     bytes.remove_prefix(static_cast<std::size_t>(n));
   }
   return true;
+}
+
+bool writeAndSync(int fd, std::string_view bytes) {
+  if (!writeAll(fd, bytes)) return false;
+  const int e = fileio::flushToDevice(fd);
+  errno = e;
+  return e == 0;
 }
 }  // namespace
 
@@ -55,7 +63,7 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes, std::s
     ::unlink(tmp.c_str());
     return false;
   }
-  if (!writeAll(fd.get(), bytes) || ::fsync(fd.get()) != 0) {
+  if (!writeAndSync(fd.get(), bytes)) {
     if (error) *error = errnoText("cannot write", tmp);
     ::unlink(tmp.c_str());
     return false;
@@ -67,14 +75,11 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes, std::s
     return false;
   }
   UniqueFd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (dirFd) ::fsync(dirFd.get());
+  if (dirFd) fileio::flushFolderToDevice(dirFd.get());
   return true;
 }
 
 namespace {
-bool writeAndSync(int fd, std::string_view bytes) {
-  return writeAll(fd, bytes) && ::fsync(fd) == 0;
-}
 
 bool unsupported(int e) {
   return e == EINVAL || e == ENOSYS || e == ENOTSUP || e == EOPNOTSUPP || e == EPERM;
@@ -118,8 +123,9 @@ bool writeFileAtomicallyAt(int dirFd, const std::string& name, std::string_view 
       dropTmp();
       return failWith("cannot replace", name);
     }
-  } else if (::renameat2(dirFd, tmp.c_str(), dirFd, name.c_str(), RENAME_NOREPLACE) != 0) {
-    if (!unsupported(errno)) {
+  } else if (const int e = fileio::renameNoReplace(dirFd, tmp, dirFd, name); e != 0) {
+    errno = e;
+    if (!unsupported(e)) {
       dropTmp();
       return failWith("cannot create", name);
     }
@@ -144,7 +150,7 @@ bool writeFileAtomicallyAt(int dirFd, const std::string& name, std::string_view 
       }
     }
   }
-  ::fsync(dirFd);
+  fileio::flushFolderToDevice(dirFd);
   return true;
 }
 

@@ -13,8 +13,8 @@
 
 namespace kd {
 
-// Replaces `path` with `bytes`: a temporary file in the same folder, fsync,
-// rename over the target, fsync of the folder. The target is either the old
+// Replaces `path` with `bytes`: a temporary file in the same folder flushed
+// to the device, rename over the target, the folder flushed. The target is either the old
 // file or the new one, never a mixture. The new file keeps the mode of a
 // regular file it replaces and, with `owner`, belongs to that user before it
 // is renamed into place (by descriptor, so nobody can swap a link in between). On failure `error`
@@ -30,7 +30,8 @@ enum class AtomicReplace { Replace, NoReplace };
 // link swapped in for a folder on the way cannot redirect it). The temporary
 // file is created with `mode` (less the umask) and never follows a link. With
 // NoReplace an existing entry at `name` is never replaced: the file is moved
-// into place with renameat2(RENAME_NOREPLACE), or where the file system lacks
+// into place with a rename that never replaces (fileio::renameNoReplace), or
+// where the file system lacks
 // that, linked into place, or as a last resort (file systems without either,
 // such as exFAT) created there exclusively and written, so that a crash may
 // leave it partial but nothing is ever overwritten.

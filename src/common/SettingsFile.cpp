@@ -1,11 +1,12 @@
 #include "common/SettingsFile.h"
 
 #include <fcntl.h>
-#include <stdio.h>
 
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+
+#include "platform/FileIO.h"
 
 namespace kd {
 
@@ -25,9 +26,9 @@ std::optional<std::string> keepAside(const std::string& path) {
   const std::string base = path + ".damaged-" + utcStamp();
   for (int n = 1; n < 100; ++n) {
     std::string aside = n == 1 ? base : base + "-" + std::to_string(n);
-    if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) == 0)
-      return aside;
-    if (errno != EEXIST) return std::nullopt;
+    const int e = fileio::renameNoReplace(AT_FDCWD, path, AT_FDCWD, aside);
+    if (e == 0) return aside;
+    if (e != EEXIST) return std::nullopt;
   }
   return std::nullopt;
 }

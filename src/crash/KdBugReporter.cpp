@@ -118,11 +118,11 @@ bool crashReporterDisabled() {
 }
 
 void openWithBugReporter(const std::string& report) {
-  kd::Platform& platform = kd::platform();
-  if (auto app = platform.bundledApplication(kBugReporterName))
-    platform.openFileWithApplication(report, *app);
+  kd::Desktop& desktop = kd::platform().desktop();
+  if (auto app = desktop.bundledApplication(kBugReporterName))
+    desktop.openFileWithApplication(report, *app);
   else
-    platform.openFileWithBundleIdentifier(report, kBugReporterBundleId);
+    desktop.openFileWithBundleIdentifier(report, kBugReporterBundleId);
 }
 
 }  // namespace

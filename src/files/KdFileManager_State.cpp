@@ -104,7 +104,7 @@ bool KdFileManager::isDirectoryAtPath(const std::string& path) {
 }
 
 bool KdFileManager::isPackageAtPath(const std::string& path) {
-  return !path.empty() && kd::platform().isFilePackage(path);
+  return !path.empty() && kd::platform().desktop().isFilePackage(path);
 }
 
 bool KdFileManager::isSymbolicLinkAtPath(const std::string& path) {

@@ -68,7 +68,7 @@ void examineNewestVolume(const kd::PlistDict& settings) {
     KdLog::appendLog("This drive has been ignored");
     return;
   }
-  if (kd::platform().isApplicationRunning(kBundleIdentifier)) {
+  if (kd::platform().desktop().isApplicationRunning(kBundleIdentifier)) {
     KdLog::appendLog("Ferrimo is already running.");
     return;
   }
@@ -90,7 +90,7 @@ std::optional<std::string> FerrimoHelper::settingsPath() {
 
 FerrimoHelper::Newest FerrimoHelper::newestRemovableVolume() {
   Newest newest;
-  for (const auto& volume : kd::platform().mountedRemovableMedia()) {
+  for (const auto& volume : kd::platform().volumes().mountedRemovableMedia()) {
     auto date = modificationDate(volume);
     if (date && *date > newest.date) {
       newest.date = *date;
@@ -123,7 +123,7 @@ int FerrimoHelper::run(const std::vector<std::string>& arguments) {
   if (setup) {
     KdLog::appendLog("Setting up...");
     settings["lastStartup"] = kd::PlistValue(std::chrono::system_clock::now());
-    settings["mountedDrives"] = stringArray(kd::platform().mountedRemovableMedia());
+    settings["mountedDrives"] = stringArray(kd::platform().volumes().mountedRemovableMedia());
     std::string error = "no preferences folder";
     if (!settingsFile || !kd::saveSettings(loaded, *settingsFile, owner, &error))
       KdLog::appendLog("Unable to write settings: %@", error);

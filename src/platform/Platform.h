@@ -1,11 +1,16 @@
-// The operating-system services the library needs, behind one small interface.
+// The operating-system services the library needs, behind small interfaces.
 //
 // Core code asks `kd::platform()` for everything that differs between macOS
-// and Linux (locations, identity, removable media, running applications, the
-// system log, crash reports, opening files with applications). One
-// implementation per platform is chosen by the build (src/platform/linux now).
-// Tests install a fake with `kd::setPlatformForTesting`; `ForwardingPlatform`
-// forwards every call so that a fake overrides only what it needs.
+// and Linux. `Platform` itself answers identity, locations, system
+// information, the system log and crash reports; the other services sit in
+// small interfaces by concern that it hands out, one interface per service:
+// `privilege()` (Privilege.h), `volumes()` (mounts and removable media,
+// Volumes.h), `fileMetadata()` (FileMetadata.h) and `desktop()` (applications,
+// packages and change notices, Desktop.h). One implementation per platform is
+// chosen by the build (src/platform/linux now). Tests install a fake with
+// `kd::setPlatformForTesting`; each interface has a forwarding base
+// (`ForwardingPlatform`, `ForwardingVolumes`, ...) so that a fake overrides
+// only what it needs.
 //
 // Threads: implementations must be callable from any thread. Swapping the
 // platform with `setPlatformForTesting` is meant for test set-up, while no other
@@ -116,33 +121,14 @@ class KD_EXPORT Platform {
   // NSLog: one message to the system log (standard error plus journal or syslog).
   virtual void systemLog(std::string_view message) = 0;
 
-  // --- Workspace ----------------------------------------------------------
-  // Mount points of the mounted removable media.
-  virtual std::vector<std::string> mountedRemovableMedia() = 0;
-  // Whether an application with this bundle identifier runs for this user.
-  virtual bool isApplicationRunning(std::string_view bundleIdentifier) = 0;
-  // Whether the path is a bundle or package directory.
-  virtual bool isFilePackage(const std::string& path) = 0;
-  // The path of an application shipped among the program's own resources
-  // ("Bug Reporter" -> Resources/Bug Reporter.app on macOS, an executable
-  // Resources/Bug Reporter on Linux); none when it is not there.
-  virtual std::optional<std::string> bundledApplication(const std::string& name) = 0;
-  // Opens a file with the application at `applicationPath` without waiting.
-  virtual bool openFileWithApplication(const std::string& file,
-                                       const std::string& applicationPath) = 0;
-  // Opens a file with the application of a bundle identifier without waiting.
-  virtual bool openFileWithBundleIdentifier(const std::string& file,
-                                            std::string_view bundleIdentifier) = 0;
-
   // --- Crash reports ------------------------------------------------------
   // Arranges that a fatal signal leaves a crash report named
   // <appName>_<YYYY-MM-DD-HHMMSS>_<host>.crash in `reportFolder`. macOS writes
   // its own reports; there this does nothing.
   virtual void installCrashHandler(const std::string& appName, const std::string& reportFolder) = 0;
 
-  // --- Administrator rights (platform/Privilege.h) -------------------------------
-  virtual PrivilegeService& privilege() = 0;
   // --- Services by concern (see their headers) -----------------------------
+  virtual PrivilegeService& privilege() = 0;
   virtual Volumes& volumes() = 0;
   virtual FileMetadata& fileMetadata() = 0;
   virtual Desktop& desktop() = 0;
@@ -179,24 +165,6 @@ class KD_EXPORT ForwardingPlatform : public Platform {
   std::uint64_t physicalMemory() override { return target_.physicalMemory(); }
   BundleInfo mainBundle() override { return target_.mainBundle(); }
   void systemLog(std::string_view message) override { target_.systemLog(message); }
-  std::vector<std::string> mountedRemovableMedia() override {
-    return target_.mountedRemovableMedia();
-  }
-  bool isApplicationRunning(std::string_view bundleIdentifier) override {
-    return target_.isApplicationRunning(bundleIdentifier);
-  }
-  bool isFilePackage(const std::string& path) override { return target_.isFilePackage(path); }
-  std::optional<std::string> bundledApplication(const std::string& name) override {
-    return target_.bundledApplication(name);
-  }
-  bool openFileWithApplication(const std::string& file,
-                               const std::string& applicationPath) override {
-    return target_.openFileWithApplication(file, applicationPath);
-  }
-  bool openFileWithBundleIdentifier(const std::string& file,
-                                    std::string_view bundleIdentifier) override {
-    return target_.openFileWithBundleIdentifier(file, bundleIdentifier);
-  }
   void installCrashHandler(const std::string& appName, const std::string& reportFolder) override {
     target_.installCrashHandler(appName, reportFolder);
   }

@@ -39,6 +39,10 @@ class KD_EXPORT Volumes {
   // file systems are not volumes.
   virtual std::vector<std::string> mountedLocalVolumePaths() = 0;
 
+  // Mount points of the mounted removable media (camera cards, USB drives),
+  // in the system's order.
+  virtual std::vector<std::string> mountedRemovableMedia() = 0;
+
   // The disk information of the volume mounted exactly at `mountPoint`, with
   // the keys of macOS's disk information ("VolumeName", "FilesystemType",
   // "TotalSize", ...); none when nothing is mounted there.
@@ -66,6 +70,9 @@ class KD_EXPORT ForwardingVolumes : public Volumes {
   std::vector<VolumeMount> mountTable() override { return target_.mountTable(); }
   std::vector<std::string> mountedLocalVolumePaths() override {
     return target_.mountedLocalVolumePaths();
+  }
+  std::vector<std::string> mountedRemovableMedia() override {
+    return target_.mountedRemovableMedia();
   }
   std::optional<PlistDict> diskInfoForMountPoint(const std::string& mountPoint) override {
     return target_.diskInfoForMountPoint(mountPoint);

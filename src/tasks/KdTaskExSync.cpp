@@ -22,7 +22,7 @@ bool KdTaskEx::isExecutableTool(const std::string& path) {
   struct stat st {};
   if (path.empty() || ::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
   if (::access(path.c_str(), X_OK) != 0) return false;
-  return !kd::platform().isFilePackage(path);
+  return !kd::platform().desktop().isFilePackage(path);
 }
 
 KdTaskEx::RunHooks KdTaskEx::hooksFor(TaskHandle* task) {

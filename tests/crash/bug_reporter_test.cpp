@@ -41,9 +41,18 @@ class ReporterPlatform : public FakeMacPlatform {
     logLookups += kind == DirectoryKind::Logs;
     return FakeMacPlatform::searchPathForDirectories(kind, mask);
   }
-  bool openFileWithBundleIdentifier(const std::string& file, std::string_view id) override {
-    return opened.emplace_back(file, id), true;
-  }
+  Desktop& desktop() override { return desktop_; }
+
+ private:
+  struct RecordingDesktop : ForwardingDesktop {
+    RecordingDesktop(Desktop& target, std::vector<Handler>& record)
+        : ForwardingDesktop(target), opened(record) {}
+    bool openFileWithBundleIdentifier(const std::string& file, std::string_view id) override {
+      return opened.emplace_back(file, id), true;
+    }
+    std::vector<Handler>& opened;  // the platform's
+  };
+  RecordingDesktop desktop_{FakeMacPlatform::desktop(), opened};
 };
 
 const std::string kUserDiag = "Users/bob/Library/Logs/DiagnosticReports";

@@ -29,7 +29,7 @@ TEST(LinuxWorkspaceRoot, RemovableMediaAreMountsUnderMediaFolders) {
   ASSERT_EQ(mount("tmpfs", runCard.c_str(), "tmpfs", 0, "size=1m"), 0);
   ASSERT_EQ(mount("tmpfs", elsewhere.path().c_str(), "tmpfs", 0, "size=1m"), 0);
 
-  auto media = kd::nativePlatform().mountedRemovableMedia();
+  auto media = kd::nativePlatform().volumes().mountedRemovableMedia();
   EXPECT_TRUE(contains(media, card));
   EXPECT_TRUE(contains(media, runCard));
   EXPECT_FALSE(contains(media, elsewhere.path())) << "a tmpfs elsewhere is not removable";
@@ -38,7 +38,7 @@ TEST(LinuxWorkspaceRoot, RemovableMediaAreMountsUnderMediaFolders) {
   umount(card.c_str());
   umount(runCard.c_str());
   umount(elsewhere.path().c_str());
-  EXPECT_FALSE(contains(kd::nativePlatform().mountedRemovableMedia(), card));
+  EXPECT_FALSE(contains(kd::nativePlatform().volumes().mountedRemovableMedia(), card));
   fs::remove_all(base);
   fs::remove_all(fs::path(runCard).parent_path());
 }

@@ -36,7 +36,7 @@ TEST(LinuxWorkspace, OpensFilesWithAnApplicationOrADesktopEntry) {
   TempDir dir;
   std::string out = dir / "args";
   std::string app = recorderScript(dir, out);
-  auto& p = kd::nativePlatform();
+  auto& p = kd::nativePlatform().desktop();
 
   ASSERT_TRUE(p.openFileWithApplication("/tmp/a report.crash", app));
   EXPECT_EQ(waitForContents(out), "/tmp/a report.crash|\n");
@@ -58,7 +58,7 @@ TEST(LinuxWorkspace, FindsRunningApplicationsByExecutableName) {
   std::string exe = dir / "KdWorkspaceProbe";
   fs::copy_file("/bin/sleep", exe);
   chmod(exe.c_str(), 0755);
-  auto& p = kd::nativePlatform();
+  auto& p = kd::nativePlatform().desktop();
   EXPECT_FALSE(p.isApplicationRunning("com.quillfen.KdWorkspaceProbe"));
 
   const pid_t pid = kd::test::spawn({exe, "30"});

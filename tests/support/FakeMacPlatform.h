@@ -51,12 +51,12 @@ class FakeMacPlatform : public ForwardingPlatform {
   std::string osName() override { return "macOS"; }
   std::string osVersionString() override { return "Version 14.5 (Build 23F79)"; }
   void systemLog(std::string_view message) override;
-  // No media are mounted and nothing runs: the fake never asks the machine.
-  std::vector<std::string> mountedRemovableMedia() override { return {}; }
-  bool isApplicationRunning(std::string_view) override { return false; }
-  // The machine's volumes, but no drive folders of its own: on macOS the
-  // "/Volumes" text rule alone decides whether a drive is mounted.
+  // The machine's volumes, but no drive folders of its own (on macOS the
+  // "/Volumes" text rule alone decides whether a drive is mounted) and no
+  // removable media: the fake never asks the machine for those.
   Volumes& volumes() override { return volumes_; }
+  // The machine's desktop, but no application runs.
+  Desktop& desktop() override { return desktop_; }
 
  private:
   template <class Field, class Value>
@@ -67,9 +67,15 @@ class FakeMacPlatform : public ForwardingPlatform {
   static constexpr char kRootHome[] = "/var/root";
   struct MacVolumes : ForwardingVolumes {
     using ForwardingVolumes::ForwardingVolumes;
+    std::vector<std::string> mountedRemovableMedia() override { return {}; }
     bool isDriveFolderMounted(const std::string&) override { return true; }
   };
+  struct MacDesktop : ForwardingDesktop {
+    using ForwardingDesktop::ForwardingDesktop;
+    bool isApplicationRunning(std::string_view) override { return false; }
+  };
   MacVolumes volumes_{nativePlatform().volumes()};
+  MacDesktop desktop_{nativePlatform().desktop()};
   mutable std::mutex mu_;
   std::uint32_t uid_ = 501;
   std::string user_ = "bob";

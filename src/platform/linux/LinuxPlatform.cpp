@@ -166,17 +166,4 @@ void LinuxPlatform::systemLog(std::string_view message) {
   syslog(LOG_NOTICE, "%s", line.c_str());
 }
 
-bool LinuxPlatform::isFilePackage(const std::string& path) {
-  // Linux has no packages; a folder named like a macOS bundle that holds a
-  // "Contents" folder counts as one, so that the executability and package
-  // rules stay the same on both systems.
-  struct stat st {};
-  if (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
-  std::string ext = path::extension(path);
-  bool bundleName = ext == "app" || ext == "bundle" || ext == "framework" || ext == "plugin" ||
-                    ext == "kext" || ext == "pkg";
-  return bundleName && ::stat(path::append(path, "Contents").c_str(), &st) == 0 &&
-         S_ISDIR(st.st_mode);
-}
-
 }  // namespace kd

@@ -2,10 +2,10 @@
 //
 // Definitions are split by concern: LinuxPlatform.cpp (identity, system
 // information, system log), Locations.cpp (XDG folders), ConsoleUser.cpp
-// (logind / utmp), Workspace.cpp (removable media, running applications,
-// opening files), CrashHandler.cpp (crash reports), Privilege.cpp
-// (administrator rights), and the services by concern: LinuxVolumes.cpp,
-// LinuxFileMetadata.cpp, LinuxDesktop.cpp.
+// (logind / utmp), CrashHandler.cpp (crash reports), and the services by
+// concern: Privilege.cpp (administrator rights), LinuxVolumes.cpp (mounts and
+// removable media), LinuxFileMetadata.cpp, LinuxDesktop.cpp (applications,
+// packages, change notices).
 //
 // Stateless apart from what the crash handler installs; callable from any thread.
 #pragma once
@@ -44,18 +44,9 @@ class LinuxPlatform final : public Platform {
 
   void systemLog(std::string_view message) override;
 
-  std::vector<std::string> mountedRemovableMedia() override;
-  bool isApplicationRunning(std::string_view bundleIdentifier) override;
-  bool isFilePackage(const std::string& path) override;
-  std::optional<std::string> bundledApplication(const std::string& name) override;
-  bool openFileWithApplication(const std::string& file,
-                               const std::string& applicationPath) override;
-  bool openFileWithBundleIdentifier(const std::string& file,
-                                    std::string_view bundleIdentifier) override;
-
   void installCrashHandler(const std::string& appName, const std::string& reportFolder) override;
 
-  PrivilegeService& privilege() override;  // Privilege.cpp
+  PrivilegeService& privilege() override;
   Volumes& volumes() override;
   FileMetadata& fileMetadata() override;
   Desktop& desktop() override;

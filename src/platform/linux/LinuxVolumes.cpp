@@ -1,5 +1,6 @@
-// Volumes on Linux: the mount table (libmount) for the mounted volumes, and
-// statvfs, sysfs and libblkid for the disk information of one mount point.
+// Volumes on Linux: the mount table (libmount) for the mounted volumes and
+// removable media, and statvfs, sysfs and libblkid for the disk information of
+// one mount point.
 #include <blkid/blkid.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -148,6 +149,12 @@ std::optional<std::string> resolvedPath(const std::string& path) {
 
 }  // namespace
 
+bool isRemovableMedia(const MountEntry& m) {
+  if (m.target.empty() || isPseudoFileSystem(m.fsType)) return false;
+  return m.target.rfind("/media/", 0) == 0 || m.target.rfind("/run/media/", 0) == 0 ||
+         (major(m.device) != 0 && isRemovableBlockDevice(m.device));
+}
+
 class LinuxVolumes final : public Volumes {
  public:
   std::vector<VolumeMount> mountTable() override {
@@ -166,6 +173,13 @@ class LinuxVolumes final : public Volumes {
       if (std::find(paths.begin(), paths.end(), m.target) == paths.end()) paths.push_back(m.target);
     }
     return paths;
+  }
+
+  std::vector<std::string> mountedRemovableMedia() override {
+    std::vector<std::string> media;
+    for (const auto& m : readMountTable())
+      if (isRemovableMedia(m)) media.push_back(m.target);
+    return media;
   }
 
   std::optional<PlistDict> diskInfoForMountPoint(const std::string& mountPoint) override {

@@ -32,7 +32,7 @@ std::vector<MountEntry> readMountTable();
 // readMountTable reads the kernel's; empty when the text is not such a table.
 std::vector<MountEntry> parseMountTable(std::string_view mountinfo);
 
-// Whether a mount counts as removable media (what mountedRemovableMedia
+// Whether a mount counts as removable media (what Volumes::mountedRemovableMedia
 // lists): a real file system mounted under /media/ or /run/media/, or from a
 // removable, USB or MMC block device.
 bool isRemovableMedia(const MountEntry& mount);
