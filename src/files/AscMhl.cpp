@@ -17,6 +17,7 @@
 #include "common/DateText.h"
 #include "common/UniqueFd.h"
 #include "common/Utf8.h"
+#include "common/XmlReader.h"
 #include "common/XmlText.h"
 #include "files/KdDigestContext.h"
 
@@ -56,15 +57,7 @@ std::size_t hexLength(std::string_view format) {
 
 constexpr std::string_view kBase58 = "123456789ABCDEFGHJKLMNPQRSTUVWXYZabcdefghijkmnopqrstuvwxyz";
 
-bool isXmlSpace(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
-}
-
-std::string_view trimmed(std::string_view s) {
-  while (!s.empty() && isXmlSpace(s.front())) s.remove_prefix(1);
-  while (!s.empty() && isXmlSpace(s.back())) s.remove_suffix(1);
-  return s;
-}
+using xml::trimmed;
 
 // Text for messages: at most 80 bytes, control characters shown as '?'.
 std::string shown(std::string_view s) {
@@ -118,61 +111,14 @@ bool isPlainFileName(std::string_view name) {
 
 // ---- Dates: xs:dateTime ---------------------------------------------------
 
-constexpr long long daysFromCivil(long long y, unsigned m, unsigned d) {
-  y -= m <= 2;
-  const long long era = (y >= 0 ? y : y - 399) / 400;
-  const unsigned yoe = static_cast<unsigned>(y - era * 400);
-  const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
-  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + static_cast<long long>(doe) - 719468;
-}
-
 // Seconds the clock's time points can hold either side of 1970 (with room).
 constexpr long long kClockRange = 9000000000LL;
 
-// "YYYY-MM-DDTHH:MM:SS", an optional fraction (dropped), and "Z", an offset
-// "+HH:MM"/"-HH:MM" or nothing (taken as UTC).
+// An xs:dateTime the clock can hold.
 std::optional<std::chrono::system_clock::time_point> parseDateTime(std::string_view text) {
-  text = trimmed(text);
-  auto digits = [&](std::size_t at, std::size_t count, unsigned& value) {
-    if (at + count > text.size()) return false;
-    value = 0;
-    for (std::size_t i = at; i < at + count; ++i) {
-      if (text[i] < '0' || text[i] > '9') return false;
-      value = value * 10 + static_cast<unsigned>(text[i] - '0');
-    }
-    return true;
-  };
-  unsigned year, month, day, hour, minute, second;
-  if (text.size() < 19 || text[4] != '-' || text[7] != '-' || text[10] != 'T' || text[13] != ':' ||
-      text[16] != ':' || !digits(0, 4, year) || !digits(5, 2, month) || !digits(8, 2, day) ||
-      !digits(11, 2, hour) || !digits(14, 2, minute) || !digits(17, 2, second) || month < 1 ||
-      month > 12 || day < 1 || hour > 23 || minute > 59 || second > 59)
-    return std::nullopt;
-  std::size_t at = 19;
-  if (at < text.size() && text[at] == '.') {
-    const std::size_t start = ++at;
-    while (at < text.size() && text[at] >= '0' && text[at] <= '9') ++at;
-    if (at == start) return std::nullopt;
-  }
-  long long offset = 0;
-  if (at < text.size()) {
-    const std::string_view zone = text.substr(at);
-    unsigned oh, om;
-    if (zone == "Z") {
-    } else if (zone.size() == 6 && (zone[0] == '+' || zone[0] == '-') && zone[3] == ':' &&
-               digits(at + 1, 2, oh) && digits(at + 4, 2, om) && om <= 59 &&
-               oh * 60 + om <= 14 * 60) {
-      offset = (zone[0] == '-' ? -1 : 1) * static_cast<long long>(oh * 3600 + om * 60);
-    } else {
-      return std::nullopt;
-    }
-  }
-  const long long days = daysFromCivil(year, month, day);
-  if (civilFromSeconds(days * 86400).day != day) return std::nullopt;  // such as February 30
-  const long long seconds = days * 86400 + hour * 3600 + minute * 60 + second - offset;
-  if (seconds < -kClockRange || seconds > kClockRange) return std::nullopt;
-  return std::chrono::system_clock::time_point(std::chrono::seconds(seconds));
+  const std::optional<long long> seconds = xml::dateTimeSeconds(text);
+  if (!seconds || *seconds < -kClockRange || *seconds > kClockRange) return std::nullopt;
+  return std::chrono::system_clock::time_point(std::chrono::seconds(*seconds));
 }
 
 long long wholeSeconds(std::chrono::system_clock::time_point t) {
@@ -197,336 +143,16 @@ std::string fileNameDate(std::chrono::system_clock::time_point t) {
   return buf;
 }
 
-// ---- Reading: a small pull reader ------------------------------------------
+// ---- Reading ----------------------------------------------------------------
 
-// Reads a document one start or end tag at a time. (The property-list reader
-// knows only its own fixed elements and skips attributes; hash lists need
-// attributes and namespaces, hence a reader of their own.) The open elements and their
-// namespace declarations are kept on stacks of its own, bounded by kMaxDepth;
-// every scan moves forward, so the work is linear in the input. A document
-// type is refused (no entity is ever defined), as are characters XML 1.0
-// cannot carry.
-//
-// Ownership: borrows the input for its lifetime. One thread.
-class XmlPull {
- public:
-  enum class Event { Start, End, Done };
-  struct Attribute {
-    std::string_view name;  // as written, prefix included
-    std::string value;      // references resolved, white space normalised
-  };
-
-  explicit XmlPull(std::string_view in) : in_(in) {}
-
-  const std::string& error() const { return error_; }
-  bool fail(const std::string& why) {
-    if (error_.empty()) error_ = why + " (at byte " + std::to_string(pos_) + ")";
-    return false;
-  }
-
-  // The next start or end tag (text between tags is checked and dropped).
-  bool next(Event& event) {
-    if (!started_ && !begin()) return false;
-    if (pendingEnd_) {
-      pendingEnd_ = false;
-      pop();
-      event = Event::End;
-      return true;
-    }
-    for (;;) {
-      if (open_.empty() && rootSeen_) {
-        if (!skipMisc()) return false;
-        if (pos_ != in_.size()) return fail("content after the document's element");
-        event = Event::Done;
-        return true;
-      }
-      if (open_.empty()) {
-        if (!skipMisc()) return false;
-        if (pos_ >= in_.size()) return fail("no document element");
-      } else if (!skipContent(nullptr)) {
-        return false;
-      }
-      if (startsWith("</")) {
-        if (!endTag()) return false;
-        event = Event::End;
-        return true;
-      }
-      if (!startTag()) return false;
-      event = Event::Start;
-      return true;
-    }
-  }
-
-  // The element just started: its local name, namespace and attributes.
-  std::string_view localName() const { return local_; }
-  std::string_view ns() const { return ns_; }
-  const Attribute* attribute(std::string_view name) const {
-    for (const Attribute& a : attributes_)
-      if (a.name == name) return &a;
-    return nullptr;
-  }
-
-  // The text of the element just started, up to and including its end tag;
-  // child elements are refused.
-  bool readText(std::string& out) {
-    out.clear();
-    if (pendingEnd_) {
-      pendingEnd_ = false;
-      pop();
-      return true;
-    }
-    if (!skipContent(&out)) return false;
-    if (!startsWith("</")) return fail("an element inside <" + shown(local_) + ">");
-    return endTag();
-  }
-
-  // Skips the rest of the element just started, children included.
-  bool skipElement() {
-    const std::size_t depth = open_.size();
-    Event event;
-    while (open_.size() >= depth)
-      if (!next(event)) return false;
-    return true;
-  }
-
- private:
-  struct Open {
-    std::string_view name;
-    std::size_t declarations;  // declarations_.size() before this element's
-  };
-  struct Declaration {
-    std::string_view prefix;
-    std::string uri;
-  };
-
-  bool startsWith(std::string_view s) const { return in_.substr(pos_).starts_with(s); }
-  bool skipPast(std::string_view end) {
-    const std::size_t at = in_.find(end, pos_);
-    if (at == std::string_view::npos) return fail("unterminated markup");
-    pos_ = at + end.size();
-    return true;
-  }
-
-  bool begin() {
-    started_ = true;
-    if (const std::size_t nul = in_.find('\0'); nul != std::string_view::npos) {
-      pos_ = nul;
-      return fail("a NUL byte");
-    }
-    if (!utf8::isValid(in_)) return fail("text that is not UTF-8");
-    for (std::size_t i = 0; i < in_.size(); ++i) {
-      const auto c = static_cast<unsigned char>(in_[i]);
-      if ((c < 0x20 && !isXmlSpace(in_[i])) ||
-          (c == 0xEF && i + 2 < in_.size() && in_[i + 1] == '\xBF' &&
-           (in_[i + 2] == '\xBE' || in_[i + 2] == '\xBF'))) {
-        pos_ = i;
-        return fail("a character XML 1.0 does not allow");
-      }
-    }
-    if (startsWith("\xEF\xBB\xBF")) pos_ += 3;
-    return true;
-  }
-
-  // White space, comments and processing instructions outside the element.
-  bool skipMisc() {
-    for (;;) {
-      while (pos_ < in_.size() && isXmlSpace(in_[pos_])) ++pos_;
-      if (startsWith("<!--")) {
-        if (!skipPast("-->")) return false;
-      } else if (startsWith("<?")) {
-        if (!skipPast("?>")) return false;
-      } else if (startsWith("<!")) {
-        return fail("a document type or declaration (not allowed here)");
-      } else if (pos_ < in_.size() && in_[pos_] != '<') {
-        return fail("text outside the document's element");
-      } else {
-        return true;
-      }
-    }
-  }
-
-  // Character data, references, CDATA sections, comments and processing
-  // instructions up to the next tag, appended to `out` when given.
-  bool skipContent(std::string* out) {
-    for (;;) {
-      const std::size_t stop = in_.find_first_of("<&\r", pos_);
-      if (stop == std::string_view::npos) {
-        pos_ = in_.size();
-        return fail("unterminated <" + shown(open_.back().name) + ">");
-      }
-      if (out && !append(*out, in_.substr(pos_, stop - pos_))) return false;
-      pos_ = stop;
-      if (in_[pos_] == '\r') {  // line ends: "\r\n" and "\r" read as "\n"
-        if (out && !append(*out, "\n")) return false;
-        pos_ += startsWith("\r\n") ? 2 : 1;
-      } else if (in_[pos_] == '&') {
-        std::string ref;
-        if (!reference(ref) || (out && !append(*out, ref))) return false;
-      } else if (startsWith("<![CDATA[")) {
-        const std::size_t end = in_.find("]]>", pos_ + 9);
-        if (end == std::string_view::npos) return fail("unterminated CDATA section");
-        if (out && !append(*out, in_.substr(pos_ + 9, end - pos_ - 9))) return false;
-        pos_ = end + 3;
-      } else if (startsWith("<!--")) {
-        if (!skipPast("-->")) return false;
-      } else if (startsWith("<?")) {
-        if (!skipPast("?>")) return false;
-      } else if (startsWith("<!")) {
-        return fail("a declaration inside an element");
-      } else {
-        return true;
-      }
-    }
-  }
-
-  bool append(std::string& out, std::string_view text) {
-    if (out.size() + text.size() > kMaxText)
-      return fail("a text longer than " + std::to_string(kMaxText) + " bytes");
-    out.append(text);
-    return true;
-  }
-
-  // One reference at pos_ ('&'), appended to `out`.
-  bool reference(std::string& out) {
-    const std::size_t semicolon = in_.substr(pos_, 12).find(';');
-    if (semicolon == std::string_view::npos) return fail("malformed reference");
-    const std::string_view ref = in_.substr(pos_ + 1, semicolon - 1);
-    if (std::optional<std::string> why = xml::appendReference(ref, out)) return fail(*why);
-    pos_ += semicolon + 1;
-    return true;
-  }
-
-  static bool nameEnds(char c) { return isXmlSpace(c) || c == '/' || c == '>' || c == '='; }
-
-  std::string_view name() {
-    const std::size_t start = pos_;
-    while (pos_ < in_.size() && !nameEnds(in_[pos_]) && in_[pos_] != '<' && in_[pos_] != '"' &&
-           in_[pos_] != '\'')
-      ++pos_;
-    return in_.substr(start, pos_ - start);
-  }
-
-  void skipSpace() {
-    while (pos_ < in_.size() && isXmlSpace(in_[pos_])) ++pos_;
-  }
-
-  // An attribute value at pos_ (a quote), references resolved and white space
-  // characters written as themselves read as spaces.
-  bool attributeValue(std::string& out) {
-    const char quote = in_[pos_++];
-    for (;;) {
-      const std::size_t stop =
-          in_.find_first_of(std::string_view(quote == '"' ? "\"<&\t\n\r" : "'<&\t\n\r"), pos_);
-      if (stop == std::string_view::npos) return fail("unterminated attribute value");
-      if (!append(out, in_.substr(pos_, stop - pos_))) return false;
-      pos_ = stop;
-      const char c = in_[pos_];
-      if (c == quote) {
-        ++pos_;
-        return true;
-      }
-      if (c == '<') return fail("'<' in an attribute value");
-      if (c == '&') {
-        std::string ref;
-        if (!reference(ref) || !append(out, ref)) return false;
-      } else {
-        if (!append(out, " ")) return false;
-        pos_ += startsWith("\r\n") ? 2 : 1;
-      }
-    }
-  }
-
-  bool startTag() {
-    ++pos_;  // '<'
-    const std::string_view tagName = name();
-    if (tagName.empty()) return fail("a malformed tag");
-    if (open_.size() >= kMaxDepth)
-      return fail("elements nested deeper than " + std::to_string(kMaxDepth));
-    attributes_.clear();
-    const std::size_t declarations = declarations_.size();
-    bool empty = false;
-    for (;;) {
-      const std::size_t before = pos_;
-      skipSpace();
-      if (pos_ >= in_.size()) return fail("an unterminated tag");
-      if (in_[pos_] == '>') {
-        ++pos_;
-        break;
-      }
-      if (startsWith("/>")) {
-        pos_ += 2;
-        empty = true;
-        break;
-      }
-      if (pos_ == before) return fail("a malformed tag");
-      Attribute attr;
-      attr.name = name();
-      skipSpace();
-      if (attr.name.empty() || pos_ >= in_.size() || in_[pos_] != '=')
-        return fail("a malformed attribute");
-      ++pos_;
-      skipSpace();
-      if (pos_ >= in_.size() || (in_[pos_] != '"' && in_[pos_] != '\''))
-        return fail("an attribute value without quotes");
-      if (!attributeValue(attr.value)) return false;
-      if (attributes_.size() >= kMaxAttributes) return fail("too many attributes");
-      for (const Attribute& a : attributes_)
-        if (a.name == attr.name) return fail("an attribute given twice");
-      if (attr.name == "xmlns")
-        declarations_.push_back({"", attr.value});
-      else if (attr.name.starts_with("xmlns:"))
-        declarations_.push_back({attr.name.substr(6), attr.value});
-      attributes_.push_back(std::move(attr));
-    }
-    open_.push_back({tagName, declarations});
-    rootSeen_ = true;
-    const std::size_t colon = tagName.find(':');
-    const std::string_view prefix =
-        colon == std::string_view::npos ? std::string_view() : tagName.substr(0, colon);
-    local_ = colon == std::string_view::npos ? tagName : tagName.substr(colon + 1);
-    ns_ = {};
-    bool bound = prefix.empty();
-    for (std::size_t i = declarations_.size(); i-- > 0;) {
-      if (declarations_[i].prefix == prefix) {
-        ns_ = declarations_[i].uri;
-        bound = true;
-        break;
-      }
-    }
-    if (!bound) return fail("an unbound namespace prefix");
-    pendingEnd_ = empty;
-    return true;
-  }
-
-  bool endTag() {
-    pos_ += 2;  // "</"
-    const std::string_view tagName = name();
-    skipSpace();
-    if (pos_ >= in_.size() || in_[pos_] != '>') return fail("a malformed end tag");
-    ++pos_;
-    if (open_.empty() || open_.back().name != tagName)
-      return fail("an unexpected </" + shown(tagName) + ">");
-    pop();
-    return true;
-  }
-
-  void pop() {
-    declarations_.resize(open_.back().declarations);
-    open_.pop_back();
-  }
-
-  std::string_view in_;
-  std::size_t pos_ = 0;
-  std::string error_;
-  bool started_ = false;
-  bool rootSeen_ = false;
-  bool pendingEnd_ = false;  // the element just started was empty (<name/>)
-  std::vector<Open> open_;
-  std::vector<Declaration> declarations_;
-  std::vector<Attribute> attributes_;
-  std::string_view local_;
-  std::string ns_;
-};
+xml::Limits readerLimits() {
+  xml::Limits limits;
+  limits.maxBytes = kMaxManifestBytes;
+  limits.maxDepth = kMaxDepth;
+  limits.maxAttributes = kMaxAttributes;
+  limits.maxText = kMaxText;
+  return limits;
+}
 
 // Key of a file and format, for duplicates and the latest hashes.
 std::string hashKey(std::string_view format, std::string_view path) {
@@ -538,7 +164,7 @@ std::string hashKey(std::string_view format, std::string_view path) {
 
 class ManifestReader {
  public:
-  ManifestReader(std::string_view bytes, MhlManifest& out) : x_(bytes), out_(out) {}
+  ManifestReader(std::string_view bytes, MhlManifest& out) : x_(bytes, readerLimits()), out_(out) {}
 
   bool read(std::string& error) {
     if (!document()) {
@@ -549,7 +175,7 @@ class ManifestReader {
   }
 
  private:
-  using Event = XmlPull::Event;
+  using Event = xml::PullReader::Event;
 
   bool fail(const std::string& why) { return x_.fail(why); }
 
@@ -559,7 +185,7 @@ class ManifestReader {
     if (!x_.next(event)) return false;
     if (x_.ns() != kManifestNs || x_.localName() != "hashlist")
       return fail("not an ASC MHL manifest (no <hashlist> of " + std::string(kManifestNs) + ")");
-    const XmlPull::Attribute* version = x_.attribute("version");
+    const xml::PullReader::Attribute* version = x_.attribute("version");
     if (!version || trimmed(version->value) != "2.0") return fail("not version 2.0 of ASC MHL");
     bool creator = false, process = false;
     for (;;) {
@@ -613,7 +239,7 @@ class ManifestReader {
       } else if (name == "hostname") {
         return x_.readText(out_.creator.hostname);
       } else if (name == "tool") {
-        if (const XmlPull::Attribute* v = x_.attribute("version"))
+        if (const xml::PullReader::Attribute* v = x_.attribute("version"))
           out_.creator.toolVersion = v->value;
         return x_.readText(out_.creator.tool);
       } else {
@@ -678,7 +304,7 @@ class ManifestReader {
       if (folder && name == "path") {
         if (havePath) return fail("a second <path> in <directoryhash>");
         havePath = true;
-        if (const XmlPull::Attribute* modified = x_.attribute("lastmodificationdate")) {
+        if (const xml::PullReader::Attribute* modified = x_.attribute("lastmodificationdate")) {
           folder->modified = parseDateTime(modified->value);
           if (!folder->modified) return fail("a malformed lastmodificationdate");
         }
@@ -717,7 +343,7 @@ class ManifestReader {
       if (name == "path") {
         if (havePath) return fail("a second <path> in <hash>");
         havePath = true;
-        if (const XmlPull::Attribute* size = x_.attribute("size")) {
+        if (const xml::PullReader::Attribute* size = x_.attribute("size")) {
           const std::string_view digits = trimmed(size->value);
           std::uint64_t bytes = 0;
           auto [stop, ec] =
@@ -726,7 +352,7 @@ class ManifestReader {
             return fail("a malformed size");
           file.size = bytes;
         }
-        if (const XmlPull::Attribute* modified = x_.attribute("lastmodificationdate")) {
+        if (const xml::PullReader::Attribute* modified = x_.attribute("lastmodificationdate")) {
           file.modified = parseDateTime(modified->value);
           if (!file.modified) return fail("a malformed lastmodificationdate");
         }
@@ -739,12 +365,12 @@ class ManifestReader {
       if (!havePath) return fail("a hash before its <path>");
       MhlHash entry = file;
       entry.format = std::string(name);
-      if (const XmlPull::Attribute* action = x_.attribute("action")) {
+      if (const xml::PullReader::Attribute* action = x_.attribute("action")) {
         entry.action = action->value;
         if (entry.action != "original" && entry.action != "verified" && entry.action != "failed")
           return fail("an unknown action \"" + shown(entry.action) + "\"");
       }
-      if (const XmlPull::Attribute* date = x_.attribute("hashdate")) {
+      if (const xml::PullReader::Attribute* date = x_.attribute("hashdate")) {
         entry.hashDate = parseDateTime(date->value);
         if (!entry.hashDate) return fail("a malformed hashdate");
       }
@@ -763,14 +389,15 @@ class ManifestReader {
     return true;
   }
 
-  XmlPull x_;
+  xml::PullReader x_;
   MhlManifest& out_;
   std::set<std::string> seen_;
 };
 
 class ChainReader {
  public:
-  ChainReader(std::string_view bytes, std::vector<MhlChainEntry>& out) : x_(bytes), out_(out) {}
+  ChainReader(std::string_view bytes, std::vector<MhlChainEntry>& out)
+      : x_(bytes, readerLimits()), out_(out) {}
 
   bool read(std::string& error) {
     if (!document()) {
@@ -781,7 +408,7 @@ class ChainReader {
   }
 
  private:
-  using Event = XmlPull::Event;
+  using Event = xml::PullReader::Event;
 
   bool fail(const std::string& why) { return x_.fail(why); }
 
@@ -809,7 +436,7 @@ class ChainReader {
     if (out_.size() >= kMaxGenerations)
       return fail("more than " + std::to_string(kMaxGenerations) + " generations");
     MhlChainEntry e;
-    const XmlPull::Attribute* sequence = x_.attribute("sequencenr");
+    const xml::PullReader::Attribute* sequence = x_.attribute("sequencenr");
     const std::string_view digits = sequence ? trimmed(sequence->value) : std::string_view();
     auto [stop, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), e.sequence, 10);
     if (digits.empty() || ec != std::errc() || stop != digits.data() + digits.size())
@@ -847,54 +474,12 @@ class ChainReader {
     return true;
   }
 
-  XmlPull x_;
+  xml::PullReader x_;
   std::vector<MhlChainEntry>& out_;
   std::set<std::string> files_;
 };
 
 // ---- Writing ---------------------------------------------------------------
-
-// Escapes text for element content or (with `attribute`) a quoted attribute
-// value. Characters XML 1.0 cannot carry at all make the text refused.
-bool appendEscaped(std::string& out, std::string_view s, bool attribute) {
-  if (!utf8::isValid(s)) return false;
-  for (std::size_t i = 0; i < s.size(); ++i) {
-    const char c = s[i];
-    const auto u = static_cast<unsigned char>(c);
-    if ((u < 0x20 && !isXmlSpace(c)) ||
-        (u == 0xEF && s.substr(i + 1, 1) == "\xBF" && (s[i + 2] == '\xBE' || s[i + 2] == '\xBF')))
-      return false;
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&apos;";
-        break;
-      case '\r':
-        out += "&#13;";
-        break;
-      case '\t':
-        out += attribute ? "&#9;" : "\t";
-        break;
-      case '\n':
-        out += attribute ? "&#10;" : "\n";
-        break;
-      default:
-        out += c;
-    }
-  }
-  return true;
-}
 
 // The <content> and <structure> of a directory or root hash, each indented by
 // `indent`; the reason when a digest cannot be written.
@@ -938,7 +523,7 @@ std::optional<std::string> appendReferences(std::string& out,
     const std::optional<std::string> c4 = normalDigest("c4", r.c4);
     if (!isRelativePath(r.path) || !c4) return "a malformed reference to \"" + shown(r.path) + "\"";
     out += "    <hashlistreference>\n      <path>";
-    if (!appendEscaped(out, r.path, false))
+    if (!xml::appendEscaped(out, r.path))
       return "a reference with a character XML cannot carry: \"" + shown(r.path) + "\"";
     out += "</path>\n      <c4>" + *c4 + "</c4>\n    </hashlistreference>\n";
   }
@@ -994,17 +579,17 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
       "  <creatorinfo>\n"
       "    <creationdate>" +
       formatDateTime(m.creator.creationDate) + "</creationdate>\n    <hostname>";
-  if (!appendEscaped(out, m.creator.hostname, false))
+  if (!xml::appendEscaped(out, m.creator.hostname))
     return refuse("a host name XML cannot carry: \"" + shown(m.creator.hostname) + "\"");
   out += "</hostname>\n    <tool";
   if (!m.creator.toolVersion.empty()) {
     out += " version=\"";
-    if (!appendEscaped(out, m.creator.toolVersion, true))
+    if (!xml::appendEscaped(out, m.creator.toolVersion, xml::Escape::Attribute))
       return refuse("a tool version XML cannot carry");
     out += "\"";
   }
   out += ">";
-  if (!appendEscaped(out, m.creator.tool, false)) return refuse("a tool name XML cannot carry");
+  if (!xml::appendEscaped(out, m.creator.tool)) return refuse("a tool name XML cannot carry");
   out += "</tool>\n  </creatorinfo>\n  <processinfo>\n    <process>" + m.process + "</process>\n";
   if (!m.directoryHashes.root.empty()) {
     out += "    <roothash>\n";
@@ -1017,7 +602,7 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
     out += "    <ignore>\n";
     for (const std::string& pattern : m.ignorePatterns) {
       out += "      <pattern>";
-      if (!appendEscaped(out, pattern, false))
+      if (!xml::appendEscaped(out, pattern))
         return refuse("an ignore pattern XML cannot carry: \"" + shown(pattern) + "\"");
       out += "</pattern>\n";
     }
@@ -1046,7 +631,7 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
     if (file.size) out += " size=\"" + std::to_string(*file.size) + "\"";
     if (file.modified) out += " lastmodificationdate=\"" + formatDateTime(*file.modified) + "\"";
     out += ">";
-    if (!appendEscaped(out, file.path, false))
+    if (!xml::appendEscaped(out, file.path))
       return refuse("a path with a character XML cannot carry: \"" + shown(file.path) + "\"");
     out += "</path>\n";
     for (const MhlHash* h : group) {
@@ -1077,7 +662,7 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
     if (folder.modified)
       out += " lastmodificationdate=\"" + formatDateTime(*folder.modified) + "\"";
     out += ">";
-    if (!appendEscaped(out, folder.path, false))
+    if (!xml::appendEscaped(out, folder.path))
       return refuse("a folder path with a character XML cannot carry: \"" + shown(folder.path) +
                     "\"");
     out += "</path>\n";
@@ -1108,7 +693,7 @@ std::optional<std::string> writeMhlChain(const std::vector<MhlChainEntry>& chain
       return std::nullopt;
     }
     out += "  <hashlist sequencenr=\"" + std::to_string(e.sequence) + "\">\n    <path>";
-    if (!appendEscaped(out, e.file, false)) {
+    if (!xml::appendEscaped(out, e.file)) {
       error = "a manifest name XML cannot carry: \"" + shown(e.file) + "\"";
       return std::nullopt;
     }

@@ -5,10 +5,10 @@
 // file) and adds a generation after each offload.
 //
 // The readers take hostile input (a destination may hold a damaged or
-// malicious folder): they are iterative with bounded depth and sizes, refuse
-// document types (so no entity is ever defined or expanded) and never touch
-// the network. Everything here is in the project's own small XML reader
-// rather than a library, so the fuzz target covers all of it.
+// malicious folder): they read through the project's one XML reader
+// (common/XmlReader.h), iterative with bounded depth and sizes, refusing
+// document types (so no entity is ever defined or expanded) and never
+// touching the network.
 #pragma once
 
 #include <chrono>
