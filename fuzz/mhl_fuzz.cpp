@@ -11,7 +11,7 @@
 #include <tuple>
 #include <vector>
 
-#include "files/AscMhl.h"
+#include "files/mhl/MhlManifest.h"
 
 namespace {
 

@@ -53,6 +53,17 @@ constexpr CivilTime civilFromSeconds(long long t) noexcept {
   return c;
 }
 
+// Days since 1970-01-01 of a date of the proleptic Gregorian calendar: the
+// inverse of civilFromSeconds (same algorithm).
+constexpr long long daysFromCivil(long long y, unsigned m, unsigned d) noexcept {
+  y -= m <= 2;
+  const long long era = (y >= 0 ? y : y - 399) / 400;
+  const unsigned yoe = static_cast<unsigned>(y - era * 400);
+  const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
+  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+  return era * 146097 + static_cast<long long>(doe) - 719468;
+}
+
 // "YYYY-MM-DD HH:MM:SS +0000" of the whole second at or before `t`.
 std::string dateDescription(DateSeconds t);
 inline std::string dateDescription(std::chrono::system_clock::time_point t) {

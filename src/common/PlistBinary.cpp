@@ -350,14 +350,9 @@ class BinaryWriter {
     std::vector<char16_t> units;
     units.reserve(s.size());
     for (std::size_t i = 0; i < s.size();) {
-      const std::size_t len = utf8::validSequenceAt(s, i);
+      char32_t cp = 0;
+      const std::size_t len = utf8::decodeAt(s, i, cp);
       if (len == 0) return fail("text that is not UTF-8");
-      const auto b = [&](std::size_t k) { return static_cast<char32_t>(s[i + k]) & 0x3F; };
-      const auto lead = static_cast<char32_t>(static_cast<unsigned char>(s[i]));
-      char32_t cp = len == 1   ? lead
-                    : len == 2 ? (lead & 0x1F) << 6 | b(1)
-                    : len == 3 ? (lead & 0x0F) << 12 | b(1) << 6 | b(2)
-                               : (lead & 0x07) << 18 | b(1) << 12 | b(2) << 6 | b(3);
       if (cp >= 0x10000) {
         cp -= 0x10000;
         units.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));

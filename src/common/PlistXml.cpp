@@ -1,42 +1,26 @@
-// The XML form: a reader that keeps its open containers on a stack of its own
-// (no recursion, so no depth of input can exhaust the thread's stack) and a
-// writer whose text strict XML 1.0 readers accept.
+// The XML form: a reader over the shared pull reader that keeps its open
+// containers on a stack of its own (no recursion, so no depth of input can
+// exhaust the thread's stack) and a writer whose text strict XML 1.0 readers
+// accept.
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <optional>
 #include <vector>
 
 #include "common/DateText.h"
 #include "common/PlistCodec.h"
 #include "common/Utf8.h"
+#include "common/XmlReader.h"
 #include "common/XmlText.h"
 
 namespace kd::plist {
 
 namespace {
 
-bool isXmlSpace(char c) {
-  return c == ' ' || c == '\t' || c == '\n' || c == '\r';
-}
-
-std::string_view trimmed(std::string_view s) {
-  while (!s.empty() && isXmlSpace(s.front())) s.remove_prefix(1);
-  while (!s.empty() && isXmlSpace(s.back())) s.remove_suffix(1);
-  return s;
-}
-
-// Days since 1970-01-01 of a date of the proleptic Gregorian calendar (H.
-// Hinnant's algorithm, the inverse of civilFromSeconds).
-constexpr long long daysFromCivil(long long y, unsigned m, unsigned d) {
-  y -= m <= 2;
-  const long long era = (y >= 0 ? y : y - 399) / 400;
-  const unsigned yoe = static_cast<unsigned>(y - era * 400);
-  const unsigned doy = (153 * (m > 2 ? m - 3 : m + 9) + 2) / 5 + d - 1;
-  const unsigned doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + static_cast<long long>(doe) - 719468;
-}
+using xml::trimmed;
 
 constexpr char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
@@ -54,7 +38,7 @@ bool decodeBase64(std::string_view text, std::vector<std::uint8_t>& out) {
   std::uint32_t acc = 0;
   int bits = 0, padding = 0;
   for (char c : text) {
-    if (isXmlSpace(c)) continue;
+    if (xml::isSpace(c)) continue;
     if (c == '=') {
       ++padding;
       continue;
@@ -124,38 +108,21 @@ bool parseReal(std::string_view text, double& out) {
 // "YYYY-MM-DDTHH:MM:SSZ", a real date and time of the years 0-9999.
 bool parseDate(std::string_view text, PlistValue& out) {
   text = trimmed(text);
-  if (text.size() != 20 || text.substr(4, 1) != "-" || text.substr(7, 1) != "-" ||
-      text.substr(10, 1) != "T" || text.substr(13, 1) != ":" || text.substr(16, 1) != ":" ||
-      text[19] != 'Z')
-    return false;
-  auto number = [&](std::size_t at, std::size_t digits, unsigned& value) {
-    value = 0;
-    for (std::size_t i = at; i < at + digits; ++i) {
-      if (text[i] < '0' || text[i] > '9') return false;
-      value = value * 10 + static_cast<unsigned>(text[i] - '0');
-    }
-    return true;
-  };
-  unsigned year, month, day, hour, minute, second;
-  if (!number(0, 4, year) || !number(5, 2, month) || !number(8, 2, day) || !number(11, 2, hour) ||
-      !number(14, 2, minute) || !number(17, 2, second) || month < 1 || month > 12 || day < 1 ||
-      hour > 23 || minute > 59 || second > 59)
-    return false;
-  const long long since1970 =
-      daysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60 + second;
-  if (civilFromSeconds(since1970).day != day) return false;  // such as February 30
-  out = dateValue(static_cast<double>(since1970 - kReferenceSince1970));
+  const std::optional<long long> since1970 = xml::dateTimeSeconds(text);
+  if (text.size() != 20 || text[19] != 'Z' || !since1970) return false;
+  out = dateValue(static_cast<double>(*since1970 - kReferenceSince1970));
   return true;
 }
 
-// Reads a document. Open containers live on `stack_`, never on the call stack.
-class XmlReader {
+// Reads a document through the shared pull reader. Open containers live on
+// `stack_`, never on the call stack.
+class PlistReader {
  public:
-  explicit XmlReader(std::string_view in) : in_(in) {}
+  explicit PlistReader(std::string_view in) : x_(in, limits()) {}
 
   bool read(PlistValue& root, std::string& reason) {
     if (!document()) {
-      reason = error_;
+      reason = x_.error();
       return false;
     }
     root = std::move(*result_);
@@ -163,136 +130,28 @@ class XmlReader {
   }
 
  private:
-  struct Tag {
-    std::string_view name;
-    bool closing = false;
-    bool empty = false;  // <name/>
-  };
+  using Event = xml::PullReader::Event;
   struct Frame {
     PlistValue container;
     std::string key;
     bool haveKey = false;
   };
 
-  bool fail(const std::string& why) {
-    if (error_.empty()) error_ = why + " (at byte " + std::to_string(pos_) + ")";
-    return false;
-  }
-  bool startsWith(std::string_view s) const { return in_.substr(pos_).starts_with(s); }
-  bool skipPast(std::string_view end) {
-    const std::size_t at = in_.find(end, pos_);
-    if (at == std::string_view::npos) return fail("unterminated markup");
-    pos_ = at + end.size();
-    return true;
+  static xml::Limits limits() {
+    xml::Limits limits;
+    limits.maxBytes = std::numeric_limits<std::size_t>::max();  // the file's own bound holds
+    limits.maxDepth = kPlistMaxDepth + 2;  // <plist> and a value's element around the containers
+    limits.maxText = std::numeric_limits<std::size_t>::max();  // <data> may be large
+    limits.skipDocumentType = true;
+    return limits;
   }
 
-  // White space, comments, processing instructions and the document type.
-  bool skipMisc() {
-    for (;;) {
-      while (pos_ < in_.size() && isXmlSpace(in_[pos_])) ++pos_;
-      if (startsWith("<!--")) {
-        if (!skipPast("-->")) return false;
-      } else if (startsWith("<?")) {
-        if (!skipPast("?>")) return false;
-      } else if (startsWith("<!DOCTYPE")) {
-        if (!skipDoctype()) return false;
-      } else {
-        return true;
-      }
-    }
-  }
-  bool skipDoctype() {
-    int brackets = 0;
-    for (; pos_ < in_.size(); ++pos_) {
-      const char c = in_[pos_];
-      if (c == '"' || c == '\'') {
-        const std::size_t close = in_.find(c, pos_ + 1);
-        if (close == std::string_view::npos) break;
-        pos_ = close;
-      } else if (c == '[') {
-        ++brackets;
-      } else if (c == ']') {
-        --brackets;
-      } else if (c == '>' && brackets <= 0) {
-        ++pos_;
-        return true;
-      }
-    }
-    return fail("unterminated document type");
-  }
+  bool fail(const std::string& why) { return x_.fail(why); }
 
-  bool readTag(Tag& tag) {
-    if (pos_ >= in_.size()) return fail("unexpected end of the document");
-    if (in_[pos_] != '<') return fail("text outside an element");
-    tag = Tag{};
-    ++pos_;
-    if (pos_ < in_.size() && in_[pos_] == '/') {
-      tag.closing = true;
-      ++pos_;
-    }
-    const std::size_t start = pos_;
-    while (pos_ < in_.size() && !isXmlSpace(in_[pos_]) && in_[pos_] != '/' && in_[pos_] != '>')
-      ++pos_;
-    tag.name = in_.substr(start, pos_ - start);
-    if (tag.name.empty()) return fail("malformed tag");
-    while (pos_ < in_.size()) {  // attributes, skipped
-      const char c = in_[pos_];
-      if (c == '"' || c == '\'') {
-        const std::size_t close = in_.find(c, pos_ + 1);
-        if (close == std::string_view::npos) break;
-        pos_ = close + 1;
-      } else if (c == '>') {
-        ++pos_;
-        return true;
-      } else if (c == '/' && !tag.closing && startsWith("/>")) {
-        tag.empty = true;
-        pos_ += 2;
-        return true;
-      } else if (c == '<' || (tag.closing && !isXmlSpace(c))) {
-        return fail("malformed tag");
-      } else {
-        ++pos_;
-      }
-    }
-    return fail("unterminated tag");
-  }
-
-  // The text of the element `name` up to its end tag, references resolved.
-  bool readText(std::string_view name, std::string& out) {
-    for (;;) {
-      const std::size_t stop = in_.find_first_of("<&", pos_);
-      if (stop == std::string_view::npos) return fail("unterminated <" + std::string(name) + ">");
-      out.append(in_.substr(pos_, stop - pos_));
-      pos_ = stop;
-      if (in_[pos_] == '&') {
-        if (!appendReference(out)) return false;
-      } else if (startsWith("<![CDATA[")) {
-        const std::size_t end = in_.find("]]>", pos_ + 9);
-        if (end == std::string_view::npos) return fail("unterminated CDATA section");
-        out.append(in_.substr(pos_ + 9, end - pos_ - 9));
-        pos_ = end + 3;
-      } else if (startsWith("<!--")) {
-        if (!skipPast("-->")) return false;
-      } else if (startsWith("<?")) {
-        if (!skipPast("?>")) return false;
-      } else {
-        Tag tag;
-        if (!readTag(tag)) return false;
-        if (!tag.closing || tag.name != name)
-          return fail("unexpected <" + std::string(tag.name) + "> in <" + std::string(name) + ">");
-        return true;
-      }
-    }
-  }
-
-  bool appendReference(std::string& out) {
-    const std::size_t semicolon = in_.find(';', pos_);
-    if (semicolon == std::string_view::npos || semicolon - pos_ > 12)
-      return fail("malformed reference");
-    const std::string_view ref = in_.substr(pos_ + 1, semicolon - pos_ - 1);
-    if (std::optional<std::string> why = xml::appendReference(ref, out)) return fail(*why);
-    pos_ = semicolon + 1;
-    return true;
+  // The next start or end tag; text between them is not part of a property list.
+  bool next(Event& event) {
+    if (!x_.next(event)) return false;
+    return !x_.textSkipped() || fail("text outside an element");
   }
 
   bool attach(PlistValue value) {
@@ -313,13 +172,12 @@ class XmlReader {
     return true;
   }
 
-  bool scalar(const Tag& tag, PlistValue& value) {
-    const std::string_view name = tag.name;
+  bool scalar(std::string_view name, PlistValue& value) {
     if (name != "string" && name != "integer" && name != "real" && name != "date" &&
         name != "data" && name != "true" && name != "false")
       return fail("unknown element <" + std::string(name) + ">");
     std::string text;
-    if (!tag.empty && !readText(name, text)) return false;
+    if (!x_.readText(text)) return false;
     bool ok = true;
     if (name == "string") {
       value = std::move(text);
@@ -343,60 +201,44 @@ class XmlReader {
   }
 
   bool document() {
-    if (const std::size_t nul = in_.find('\0'); nul != std::string_view::npos) {
-      pos_ = nul;
-      return fail("a NUL byte");
-    }
-    if (!utf8::isValid(in_)) return fail("text that is not UTF-8");
-    if (startsWith("\xEF\xBB\xBF")) pos_ += 3;
-    Tag tag;
-    if (!skipMisc() || !readTag(tag)) return false;
-    const bool wrapped = tag.name == "plist" && !tag.closing;
-    if (wrapped && (tag.empty || !skipMisc() || !readTag(tag))) return fail("an empty <plist>");
+    Event event;
+    if (!next(event)) return false;
+    const bool wrapped = x_.qualifiedName() == "plist";
+    if (wrapped && (!next(event) || event != Event::Start)) return fail("an empty <plist>");
     for (;;) {
-      if (tag.closing) {
-        const char* open = stack_.empty()                             ? nullptr
-                           : stack_.back().container.is<PlistArray>() ? "array"
-                                                                      : "dict";
-        if (!open || tag.name != open || stack_.back().haveKey)
-          return fail("unexpected </" + std::string(tag.name) + ">");
+      if (event == Event::End) {
+        // The reader matched the end tag with its start: a container's.
+        if (stack_.empty() || stack_.back().haveKey) return fail("an unexpected end tag");
         PlistValue done = std::move(stack_.back().container);
         stack_.pop_back();
         if (!attach(std::move(done))) return false;
-      } else if (tag.name == "key") {
+      } else if (const std::string_view name = x_.qualifiedName(); name == "key") {
         if (stack_.empty() || !stack_.back().container.is<PlistDict>() || stack_.back().haveKey)
           return fail("a misplaced <key>");
         Frame& top = stack_.back();
-        if (!tag.empty && !readText(tag.name, top.key)) return false;
+        if (!x_.readText(top.key)) return false;
         top.haveKey = true;
-      } else if (tag.name == "dict" || tag.name == "array") {
-        PlistValue container =
-            tag.name == "dict" ? PlistValue(PlistDict{}) : PlistValue(PlistArray{});
-        if (tag.empty) {
-          if (!attach(std::move(container))) return false;
-        } else {
-          if (!stack_.empty() && stack_.back().container.is<PlistDict>() && !stack_.back().haveKey)
-            return fail("a dictionary value without a key");
-          if (stack_.size() >= kPlistMaxDepth)
-            return fail("containers nested deeper than " + std::to_string(kPlistMaxDepth));
-          stack_.push_back(Frame{std::move(container), {}, false});
-        }
+      } else if (name == "dict" || name == "array") {
+        if (!stack_.empty() && stack_.back().container.is<PlistDict>() && !stack_.back().haveKey)
+          return fail("a dictionary value without a key");
+        if (stack_.size() >= kPlistMaxDepth)
+          return fail("containers nested deeper than " + std::to_string(kPlistMaxDepth));
+        stack_.push_back(
+            Frame{name == "dict" ? PlistValue(PlistDict{}) : PlistValue(PlistArray{}), {}, false});
       } else {
         PlistValue value;
-        if (!scalar(tag, value) || !attach(std::move(value))) return false;
+        if (!scalar(name, value) || !attach(std::move(value))) return false;
       }
       if (stack_.empty() && result_) break;
-      if (!skipMisc() || !readTag(tag)) return false;
+      if (!next(event)) return false;
+      if (event == Event::Done) return fail("unexpected end of the document");
     }
-    if (wrapped && (!skipMisc() || !readTag(tag) || !tag.closing || tag.name != "plist"))
+    if (wrapped && (!next(event) || event != Event::End))
       return fail("more than one value in <plist>");
-    if (!skipMisc() || pos_ != in_.size()) return fail("content after the property list");
-    return true;
+    return next(event) && (event == Event::Done || fail("content after the property list"));
   }
 
-  std::string_view in_;
-  std::size_t pos_ = 0;
-  std::string error_;
+  xml::PullReader x_;
   std::vector<Frame> stack_;
   std::optional<PlistValue> result_;
 };
@@ -433,30 +275,13 @@ class XmlWriter {
   }
   void indent(std::size_t level) { out_.append(level, '\t'); }
 
-  // Escapes `&`, `<`, `>` and the carriage return (which a reader would turn
-  // into a line feed). NUL, the other control characters and U+FFFE/U+FFFF
-  // cannot be carried by XML 1.0 at all, not even as references: such text is
-  // refused rather than altered (the binary form holds it).
+  // NUL, the other control characters and U+FFFE/U+FFFF cannot be carried by
+  // XML 1.0 at all, not even as references: such text is refused rather than
+  // altered (the binary form holds it).
   bool text(std::string_view s) {
     if (!utf8::isValid(s)) return fail("text that is not UTF-8");
-    std::size_t run = 0;  // start of the characters not yet copied
-    for (std::size_t i = 0; i < s.size(); ++i) {
-      const auto c = static_cast<unsigned char>(s[i]);
-      const char* escaped = c == '&'    ? "&amp;"
-                            : c == '<'  ? "&lt;"
-                            : c == '>'  ? "&gt;"
-                            : c == '\r' ? "&#13;"
-                                        : nullptr;
-      if ((c < 0x20 && c != '\t' && c != '\n' && c != '\r') ||
-          (c == 0xEF && s.substr(i + 1, 1) == "\xBF" && (s[i + 2] == '\xBE' || s[i + 2] == '\xBF')))
-        return fail("a character XML 1.0 cannot carry (the binary form can)");
-      if (escaped) {
-        out_.append(s.substr(run, i - run)).append(escaped);
-        run = i + 1;
-      }
-    }
-    out_.append(s.substr(run));
-    return true;
+    return xml::appendEscaped(out_, s) ||
+           fail("a character XML 1.0 cannot carry (the binary form can)");
   }
 
   bool date(double since1970) {
@@ -580,7 +405,7 @@ class XmlWriter {
 }  // namespace
 
 bool readXml(std::string_view bytes, PlistValue& root, std::string& reason) {
-  return XmlReader(bytes).read(root, reason);
+  return PlistReader(bytes).read(root, reason);
 }
 
 bool writeXml(const PlistDict& root, std::string& out, std::string& error) {

@@ -29,6 +29,26 @@ std::size_t validSequenceAt(std::string_view s, std::size_t i) {
   return len;
 }
 
+std::size_t decodeAt(std::string_view s, std::size_t i, char32_t& cp) {
+  const std::size_t len = validSequenceAt(s, i);
+  if (len == 0) return 0;
+  static constexpr unsigned char kLeadBits[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+  char32_t value = static_cast<unsigned char>(s[i]) & kLeadBits[len];
+  for (std::size_t k = 1; k < len; ++k)
+    value = (value << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3F);
+  cp = value;
+  return len;
+}
+
+std::size_t decodeBefore(std::string_view s, std::size_t end, char32_t& cp) {
+  for (std::size_t len = 1; len <= 4 && len <= end; ++len) {
+    const auto byte = static_cast<unsigned char>(s[end - len]);
+    if ((byte & 0xC0) == 0x80) continue;  // a continuation byte: look further back
+    return validSequenceAt(s, end - len) == len ? decodeAt(s, end - len, cp) : 0;
+  }
+  return 0;
+}
+
 bool isValid(std::string_view s) {
   for (std::size_t i = 0; i < s.size();) {
     std::size_t len = validSequenceAt(s, i);
@@ -61,6 +81,41 @@ std::size_t codePointCount(std::string_view s) {
   std::size_t n = 0;
   for (unsigned char c : s) n += (c & 0xC0) != 0x80;
   return n;
+}
+
+std::string_view firstCodePoints(std::string_view s, std::size_t count) {
+  std::size_t seen = 0;
+  for (std::size_t i = 0; i < s.size(); ++i) {
+    if ((static_cast<unsigned char>(s[i]) & 0xC0) != 0x80) {
+      if (seen == count) return s.substr(0, i);
+      ++seen;
+    }
+  }
+  return s;
+}
+
+std::size_t utf16Length(std::string_view s) {
+  std::size_t n = 0;
+  for (unsigned char c : s) {
+    if ((c & 0xC0) != 0x80) ++n;
+    if (c >= 0xF0) ++n;  // a surrogate pair
+  }
+  return n;
+}
+
+std::string withBytesReplaced(std::string_view s) {
+  std::string out;
+  out.reserve(s.size());
+  for (std::size_t i = 0; i < s.size();) {
+    if (const std::size_t length = validSequenceAt(s, i)) {
+      out.append(s, i, length);
+      i += length;
+    } else {
+      out.append(kReplacement);
+      ++i;
+    }
+  }
+  return out;
 }
 
 std::string withBytesShown(std::string_view s) {

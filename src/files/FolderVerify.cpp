@@ -15,10 +15,10 @@
 #include <set>
 
 #include "common/UniqueFd.h"
-#include "files/AscMhl.h"
-#include "files/MhlDirectoryHash.h"
 #include "files/OffloadInternal.h"
 #include "files/TransferReport.h"
+#include "files/mhl/MhlDirectoryHash.h"
+#include "files/mhl/MhlHistory.h"
 
 namespace kd {
 namespace {

@@ -294,19 +294,14 @@ std::string lowercase(std::string_view text) {
   out.reserve(text.size());
   locale_t locale = utf8Locale();
   for (std::size_t i = 0; i < text.size();) {
-    const std::size_t len = utf8::validSequenceAt(text, i);
+    char32_t c = 0;
+    const std::size_t len = utf8::decodeAt(text, i, c);
     if (len <= 1 || !locale) {
       const char c = text[i];
       out.push_back(c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c);
       i += len ? len : 1;
       continue;
     }
-    auto b = [&](std::size_t k) { return static_cast<unsigned char>(text[i + k]); };
-    char32_t c = len == 2 ? (char32_t(b(0) & 0x1F) << 6) | (b(1) & 0x3F)
-                 : len == 3
-                     ? (char32_t(b(0) & 0x0F) << 12) | (char32_t(b(1) & 0x3F) << 6) | (b(2) & 0x3F)
-                     : (char32_t(b(0) & 0x07) << 18) | (char32_t(b(1) & 0x3F) << 12) |
-                           (char32_t(b(2) & 0x3F) << 6) | (b(3) & 0x3F);
     utf8::appendCodePoint(out, static_cast<char32_t>(::towlower_l(static_cast<wint_t>(c), locale)));
     i += len;
   }

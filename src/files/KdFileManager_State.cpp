@@ -51,22 +51,6 @@ std::uint64_t folderSize(kd::UniqueFd folder) {
   return total;
 }
 
-// Decodes the code point at `i` of valid UTF-8 text of `len` bytes.
-char32_t codePointAt(std::string_view s, std::size_t i, std::size_t len) {
-  auto b = [&](std::size_t k) { return static_cast<unsigned char>(s[i + k]); };
-  switch (len) {
-    case 1:
-      return b(0);
-    case 2:
-      return (char32_t(b(0) & 0x1F) << 6) | (b(1) & 0x3F);
-    case 3:
-      return (char32_t(b(0) & 0x0F) << 12) | (char32_t(b(1) & 0x3F) << 6) | (b(2) & 0x3F);
-    default:
-      return (char32_t(b(0) & 0x07) << 18) | (char32_t(b(1) & 0x3F) << 12) |
-             (char32_t(b(2) & 0x3F) << 6) | (b(3) & 0x3F);
-  }
-}
-
 // Unicode white space and line ends.
 bool isBlank(char32_t c) {
   return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
@@ -78,8 +62,9 @@ std::string trimBlanks(std::string_view s) {
   std::size_t begin = 0, end = 0;  // [begin, end) spans the first to the last non-blank
   bool seen = false;
   for (std::size_t i = 0; i < s.size();) {
-    std::size_t len = kd::utf8::validSequenceAt(s, i);
-    bool blank = len != 0 && isBlank(codePointAt(s, i, len));
+    char32_t c = 0;
+    std::size_t len = kd::utf8::decodeAt(s, i, c);
+    bool blank = len != 0 && isBlank(c);
     if (len == 0) len = 1;
     if (!blank) {
       if (!seen) begin = i;

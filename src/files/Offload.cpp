@@ -19,12 +19,12 @@
 #include "common/AtomicFile.h"
 #include "common/Folders.h"
 #include "common/UniqueFd.h"
-#include "files/AscMhl.h"
 #include "files/FileOperations.h"
-#include "files/MhlDirectoryHash.h"
 #include "files/OffloadHistory.h"
 #include "files/OffloadInternal.h"
 #include "files/TransferReport.h"
+#include "files/mhl/MhlDirectoryHash.h"
+#include "files/mhl/MhlHistory.h"
 #include "platform/Platform.h"
 
 namespace kd {

@@ -14,10 +14,10 @@
 #include <string>
 #include <vector>
 
-#include "files/AscMhl.h"
 #include "files/KdFileManager.h"
-#include "files/MhlDirectoryHash.h"
 #include "files/OffloadInternal.h"
+#include "files/mhl/MhlDirectoryHash.h"
+#include "files/mhl/MhlHistory.h"
 
 namespace kd::offload {
 

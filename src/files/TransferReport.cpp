@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "common/Utf8.h"
+#include "common/XmlText.h"
 #include "files/KdFileManager.h"
 
 namespace kd {
@@ -19,33 +20,11 @@ std::string shown(std::string_view text) {
   return utf8::withBytesShown(text);
 }
 
+// Text in the page: escaped, bytes that are not UTF-8 shown as \xNN, and
+// control characters (which have no place in a page) as U+FFFD.
 std::string html(std::string_view text) {
   std::string out;
-  for (char c : shown(text)) {
-    switch (c) {
-      case '&':
-        out += "&amp;";
-        break;
-      case '<':
-        out += "&lt;";
-        break;
-      case '>':
-        out += "&gt;";
-        break;
-      case '"':
-        out += "&quot;";
-        break;
-      case '\'':
-        out += "&#39;";
-        break;
-      default:
-        // Control characters have no place in a page.
-        if (static_cast<unsigned char>(c) < 0x20 && c != '\t')
-          out += "&#xFFFD;";
-        else
-          out += c;
-    }
-  }
+  xml::appendEscaped(out, text, xml::Escape::Display);
   return out;
 }
 

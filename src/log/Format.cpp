@@ -71,23 +71,11 @@ void appendPrintf(std::string& out, const Conversion& conversion, const char* co
   if (n > 0) out.append(big.data(), static_cast<std::size_t>(n));
 }
 
-// The prefix of `s` holding at most `count` code points.
-std::string_view firstCodePoints(std::string_view s, std::size_t count) {
-  std::size_t seen = 0;
-  for (std::size_t i = 0; i < s.size(); ++i) {
-    if ((static_cast<unsigned char>(s[i]) & 0xC0) != 0x80) {
-      if (seen == count) return s.substr(0, i);
-      ++seen;
-    }
-  }
-  return s;
-}
-
 // Text conversions pad and cut by code points, so that a name with accents
 // lines up like one without.
 void appendPadded(std::string& out, const Conversion& conversion, std::string_view text) {
   if (conversion.precision >= 0)
-    text = firstCodePoints(text, static_cast<std::size_t>(conversion.precision));
+    text = kd::utf8::firstCodePoints(text, static_cast<std::size_t>(conversion.precision));
   const std::size_t len = kd::utf8::codePointCount(text);
   const std::size_t pad = conversion.width > 0 && static_cast<std::size_t>(conversion.width) > len
                               ? conversion.width - len
@@ -226,7 +214,8 @@ void appendConversion(std::string& out, const Conversion& conversion, const Form
     }
     case 'c':
     case 'C': {
-      if (!isNumeric(a)) return appendPadded(out, conversion, firstCodePoints(describe(a), 1));
+      if (!isNumeric(a))
+        return appendPadded(out, conversion, kd::utf8::firstCodePoints(describe(a), 1));
       std::string ch;
       std::uint64_t cp = a.asUnsigned();
       if (c == 'c' && conversion.length == Length::None) cp = static_cast<unsigned char>(cp);

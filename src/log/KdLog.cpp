@@ -36,6 +36,7 @@
 #include "common/PropertyList.h"
 #include "common/ThreadAnnotations.h"
 #include "common/UniqueFd.h"
+#include "common/Utf8.h"
 #include "log/KdLogTesting.h"
 #include "paths/KdLocalPaths.h"
 #include "paths/UserFiles.h"
@@ -75,59 +76,27 @@ void printTrouble(std::string_view text) {
   if (gPrintsOwnTroubles.load(std::memory_order_relaxed)) printToStdout(text);
 }
 
-// Length in UTF-16 code units, the unit the queue's counter and the
-// short-line rule count in.
-std::size_t utf16Length(std::string_view s) {
-  std::size_t n = 0;
-  for (unsigned char c : s) {
-    if ((c & 0xC0) != 0x80) ++n;
-    if (c >= 0xF0) ++n;  // a surrogate pair
-  }
-  return n;
-}
-
 bool isSpaceOrLineEnd(char32_t c) {
   return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
          (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F ||
          c == 0x3000;
 }
 
-// Decodes the UTF-8 sequence of `len` bytes at `p`; 0xFFFFFFFF when malformed.
-char32_t decode(const unsigned char* p, std::size_t len) {
-  if (len == 1) return p[0] < 0x80 ? p[0] : 0xFFFFFFFF;
-  char32_t c = p[0] & (0x7F >> len);
-  for (std::size_t i = 1; i < len; ++i) {
-    if ((p[i] & 0xC0) != 0x80) return 0xFFFFFFFF;
-    c = (c << 6) | (p[i] & 0x3F);
-  }
-  return c;
-}
-
-std::size_t sequenceLength(unsigned char lead) {
-  if (lead < 0x80) return 1;
-  if ((lead & 0xE0) == 0xC0) return 2;
-  if ((lead & 0xF0) == 0xE0) return 3;
-  if ((lead & 0xF8) == 0xF0) return 4;
-  return 1;
-}
-
 // Removes white space and line ends (Unicode's, as the system counts them)
 // from both ends.
 void trimInPlace(std::string& s) {
-  const auto* data = reinterpret_cast<const unsigned char*>(s.data());
   std::size_t begin = 0;
+  char32_t c = 0;
   while (begin < s.size()) {
-    std::size_t len = sequenceLength(data[begin]);
-    if (begin + len > s.size() || !isSpaceOrLineEnd(decode(data + begin, len))) break;
+    const std::size_t len = kd::utf8::decodeAt(s, begin, c);
+    if (len == 0 || !isSpaceOrLineEnd(c)) break;
     begin += len;
   }
   std::size_t end = s.size();
   while (end > begin) {
-    std::size_t lead = end - 1;
-    while (lead > begin && (data[lead] & 0xC0) == 0x80 && end - lead < 4) --lead;
-    std::size_t len = end - lead;
-    if (sequenceLength(data[lead]) != len || !isSpaceOrLineEnd(decode(data + lead, len))) break;
-    end = lead;
+    const std::size_t len = kd::utf8::decodeBefore(s, end, c);
+    if (len == 0 || end - len < begin || !isSpaceOrLineEnd(c)) break;
+    end -= len;
   }
   s.erase(end);
   s.erase(0, begin);
@@ -501,7 +470,7 @@ void KdLog::enqueueLine(std::string text) {
   trimInPlace(text);
   if (text.empty()) return;
   LogOp op;
-  op.units = utf16Length(text);
+  op.units = kd::utf8::utf16Length(text);
   op.text = std::move(text);
   if (tOnWriterThread) {
     impl_.bytesInQueue.fetch_add(op.units);
@@ -530,7 +499,7 @@ bool KdLog::acceptsLines() {
 
 void KdLog::appendFormatted(std::string text, bool mayWait) {
   KdLog& log = sharedController();
-  const std::size_t units = utf16Length(text);
+  const std::size_t units = kd::utf8::utf16Length(text);
   log.enqueueLine(std::move(text));
   // A short line from a background thread is written before the call returns
   // while the backlog is small, so that it is on disk if the thread's work

@@ -20,17 +20,7 @@ std::optional<std::string> KdTaskEx::stringFromData(std::string_view data,
       }
       return out;
     case UTF8StringEncoding:
-      for (std::size_t i = 0; i < data.size();) {
-        std::size_t len = kd::utf8::validSequenceAt(data, i);
-        if (len == 0) {
-          out.append(kReplacement);
-          ++i;
-        } else {
-          out.append(data.substr(i, len));
-          i += len;
-        }
-      }
-      return out;
+      return kd::utf8::withBytesReplaced(data);
     case ISOLatin1StringEncoding:
       for (char c : data) kd::utf8::appendCodePoint(out, static_cast<unsigned char>(c));
       return out;

@@ -10,8 +10,8 @@
 
 #include "FilesFixture.h"
 #include "OffloadSupport.h"
-#include "files/AscMhl.h"
 #include "files/Offload.h"
+#include "files/mhl/MhlHistory.h"
 
 namespace kd::test {
 namespace {

@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "ScopedMount.h"
-#include "files/AscMhl.h"
+#include "files/mhl/MhlHistory.h"
 #include "support/TempDir.h"
 
 namespace {

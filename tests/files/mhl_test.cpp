@@ -16,7 +16,7 @@
 
 #include <gtest/gtest.h>
 
-#include "files/AscMhl.h"
+#include "files/mhl/MhlHistory.h"
 #include "support/TempDir.h"
 
 namespace {

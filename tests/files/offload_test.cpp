@@ -19,7 +19,7 @@
 #include "FaultShim.h"
 #include "FilesFixture.h"
 #include "OffloadSupport.h"
-#include "files/AscMhl.h"
+#include "files/mhl/MhlHistory.h"
 
 namespace kd::test {
 namespace {

@@ -1,4 +1,4 @@
-#include "files/MhlDirectoryHash.h"
+#include "files/mhl/MhlDirectoryHash.h"
 
 #include <algorithm>
 #include <array>

@@ -23,7 +23,7 @@
 #include <string_view>
 #include <vector>
 
-#include "files/AscMhl.h"
+#include "files/mhl/MhlHistory.h"
 
 namespace kd {
 
