@@ -19,6 +19,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <condition_variable>
@@ -36,12 +37,23 @@
 #include "common/WorkQueue.h"
 #include "files/FileOperations.h"
 #include "files/KdFileManager.h"
+#include "files/copy/CopyEngine.h"
 #include "files/copy/FileDigest.h"
 #include "log/Format.h"
 #include "log/KdException.h"
 #include "log/KdLog.h"
 #include "platform/FileMetadata.h"
 #include "platform/Platform.h"
+
+namespace {
+
+std::atomic<kd::copy::AfterWriteHook> afterWriteHook{nullptr};
+
+}  // namespace
+
+void kd::copy::setAfterWriteHookForTesting(AfterWriteHook hook) {
+  afterWriteHook = hook;
+}
 
 namespace {
 
@@ -480,6 +492,8 @@ class Pipeline {
     }
     d.extent = std::max<std::uint64_t>(d.extent, slot.offset + slot.length);
     if (!d.verifying) return;
+    if (const kd::copy::AfterWriteHook hook = afterWriteHook.load())
+      hook(d.fd.get(), slot.offset, slot.length);
     // The file is read again and compared with the slot, which holds the
     // source's bytes as read for this copy until every stage is done with
     // it. A short write, a short read-back or a failed one differs.
