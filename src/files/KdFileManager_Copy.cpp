@@ -672,7 +672,8 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
                                      const KdFileManager::CopyDigest& digest,
                                      const std::shared_ptr<const KdFileCopyDelegate>& delegate,
                                      bool keepPermissions,
-                                     const std::vector<KdFileManager::CopyDigest>& moreDigests);
+                                     const std::vector<KdFileManager::CopyDigest>& moreDigests,
+                                     const kd::copy::DirectProgress* direct);
 
 KdFileManager::CopyResult copy(const std::string& source,
                                const std::vector<std::string>& destinations,
@@ -738,7 +739,7 @@ KdFileManager::CopyResult copy(const std::string& source,
     d.fd = std::move(fd);
   }
   return copyOpened(result, source, std::move(sourceFd), sourceStat, open, digest, delegate,
-                    /*keepPermissions=*/false, {});
+                    /*keepPermissions=*/false, {}, nullptr);
 }
 
 // The copy from the open source to the open destinations.
@@ -748,7 +749,8 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
                                      const KdFileManager::CopyDigest& digest,
                                      const std::shared_ptr<const KdFileCopyDelegate>& delegate,
                                      bool keepPermissions,
-                                     const std::vector<KdFileManager::CopyDigest>& moreDigests) {
+                                     const std::vector<KdFileManager::CopyDigest>& moreDigests,
+                                     const kd::copy::DirectProgress* direct) {
   const auto cancellation = KdCancellation::make();
   KdCopySettings& settings = result.settings;
   ::posix_fadvise(sourceFd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -798,8 +800,10 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
         }
       }
       total += length;
+      if (direct && direct->stop && direct->stop->load()) cancellation->cancel();
       if (total - lastReported >= step) {
         lastReported = total;
+        if (direct && direct->bytes) direct->bytes(total);
         if (delegate) reportStep(delegate, settings, total, cancellation);
       }
       return !cancellation->cancelled();
@@ -842,6 +846,7 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
   }
   settings.failedDestinations = failed;
 
+  if (direct && direct->bytes) direct->bytes(total);
   if (delegate && delegate->fileCopyBytesWritten)
     guarded("fileCopyBytesWritten:settings:",
             [&] { delegate->fileCopyBytesWritten(total, settings); });
@@ -916,7 +921,8 @@ KdFileManager::CopyResult copyToOpen(const std::string& source,
                                      const KdFileManager::CopyDigest& digest,
                                      std::shared_ptr<const KdFileCopyDelegate> delegate,
                                      bool keepPermissions,
-                                     const std::vector<KdFileManager::CopyDigest>& moreDigests) {
+                                     const std::vector<KdFileManager::CopyDigest>& moreDigests,
+                                     const kd::copy::DirectProgress* direct) {
   KdFileManager::CopyResult result;
   if (destinations.empty()) {
     console("Error: You must have at least one destination. Aborting copy process...");
@@ -955,7 +961,7 @@ KdFileManager::CopyResult copyToOpen(const std::string& source,
     d.fd = std::move(given.fd);
   }
   return copyOpened(result, source, std::move(sourceFd), sourceStat, open, digest, delegate,
-                    keepPermissions, moreDigests);
+                    keepPermissions, moreDigests, direct);
 }
 
 }  // namespace
@@ -966,7 +972,7 @@ KdFileManager::CopyResult KdFileManager::copyFileToOpenDestinations(
     const std::vector<CopyDigest>& moreDigests) {
   try {
     return copyToOpen(source, destinations, digest, std::move(delegate), keepPermissions,
-                      moreDigests);
+                      moreDigests, nullptr);
   } catch (const std::exception& e) {
     KdException::logException(e, kMethod);
   } catch (...) {
@@ -995,4 +1001,20 @@ bool KdFileManager::copyFileWithProgress(const std::string& source, const std::s
                                          std::any object, std::any object2) {
   return copyFileWithProgress(source, std::vector<std::string>{destination}, 0, std::move(delegate),
                               std::move(object), std::move(object2));
+}
+
+KdFileManager::CopyResult kd::copy::copyToOpenFiles(
+    const std::string& source, std::vector<KdFileManager::OpenDestination> destinations,
+    const KdFileManager::CopyDigest& digest,
+    const std::vector<KdFileManager::CopyDigest>& moreDigests, bool keepPermissions,
+    const DirectProgress& progress) {
+  try {
+    return copyToOpen(source, destinations, digest, nullptr, keepPermissions, moreDigests,
+                      &progress);
+  } catch (const std::exception& e) {
+    KdException::logException(e, kMethod);
+  } catch (...) {
+    KdException::logException("unknown", "an exception that is not a std::exception", kMethod);
+  }
+  return KdFileManager::CopyResult();
 }
