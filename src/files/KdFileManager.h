@@ -198,12 +198,12 @@ class KD_EXPORT KdFileManager {
   // Verified copy to several destinations (KdFileManager_Copy*.cpp)
   //
   // One pass over the source writes every destination; with verification on,
-  // what was written is read back from each destination and digested, and
-  // each destination's digest is compared with the source's at the end. The
-  // source is read, the destinations written and read back, and the digests
-  // fed on separate threads through a ring of a few MiB, so memory stays
-  // bounded whatever the file's size; the caller's thread blocks until the
-  // end. Progress is counted in 64 KiB chunks: a step each time the bytes
+  // what was written is read back from each destination and compared byte for
+  // byte with the source's bytes as read, and the source is digested once.
+  // The source is read, the destinations written, read back and compared,
+  // and the digests fed on separate threads through a ring of a few MiB, so
+  // memory stays bounded whatever the file's size; the caller's thread blocks
+  // until the end. Progress is counted in 64 KiB chunks: a step each time the bytes
   // copied grow by the larger of a thousandth of the source's size and
   // 20 MiB, and a final report. See docs/copy.md for the messages.
   //
@@ -213,8 +213,8 @@ class KD_EXPORT KdFileManager {
   // named destination that exists is truncated and written in place. Each
   // destination is flushed to its device and closed, and counts as written
   // only when every write, the flush and the close succeeded. A destination
-  // counts as verified only when it was written and its digest, fed with the
-  // bytes actually read back, equals the source's.
+  // counts as verified only when it was written and every byte read back
+  // equals the source's, with nothing past the end.
   // ===================================================================
 
   // A running digest that the copy feeds, one per source and destination.
@@ -247,7 +247,9 @@ class KD_EXPORT KdFileManager {
     // Every write, the flush to the device and the close succeeded, and the
     // path still led to the file written when it was closed.
     bool written = false;
-    // The digest of what was read back; absent without verification.
+    // The copy's digest: the source's when every byte read back equals it;
+    // otherwise the digest of what the copy holds, read once more (absent
+    // when it cannot be read). Absent without verification.
     std::optional<std::string> digest;
     // Written, and with verification its digest equals the source's.
     bool verified = false;

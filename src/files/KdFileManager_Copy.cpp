@@ -2,24 +2,30 @@
 // one pass, with read-back verification, progress and cancellation.
 //
 // The caller's thread reads the source into a ring of slots; each
-// destination has a thread that writes every slot, reads it back and feeds
-// the destination's digest, and one more thread digests the source. A slot is
-// used again only when every one of them is done with it, and it is then
-// accounted, on the caller's thread, in 64 KiB chunks: the messages of its
-// short writes and failed read-backs, the running total and the progress
-// steps, all in the order a chunk-by-chunk copy would give. Small files are
-// copied without threads, each slot handed to every stage in turn.
+// destination has a thread that writes every slot, reads it back from the
+// file and compares what it read with the slot, and one more thread digests
+// the source. A slot is used again only when every one of them is done with
+// it, so each read-back is compared with the source's bytes as they were read
+// for this copy; and it is then accounted, on the caller's thread, in 64 KiB
+// chunks: the messages of its short writes and failed read-backs, the running
+// total and the progress steps, all in the order a chunk-by-chunk copy would
+// give. A copy's digest equals the source's exactly when its bytes do, so a
+// copy is digested only when it differs, to tell what it holds. The threads
+// are kept from one copy to the next. Tiny files are copied without threads,
+// each slot handed to every stage in turn.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <exception>
 #include <mutex>
 #include <new>
@@ -31,11 +37,23 @@
 #include "common/WorkQueue.h"
 #include "files/FileOperations.h"
 #include "files/KdFileManager.h"
+#include "files/copy/CopyEngine.h"
+#include "files/copy/FileDigest.h"
 #include "log/Format.h"
 #include "log/KdException.h"
 #include "log/KdLog.h"
 #include "platform/FileMetadata.h"
 #include "platform/Platform.h"
+
+namespace {
+
+std::atomic<kd::copy::AfterWriteHook> afterWriteHook{nullptr};
+
+}  // namespace
+
+void kd::copy::setAfterWriteHookForTesting(AfterWriteHook hook) {
+  afterWriteHook = hook;
+}
 
 namespace {
 
@@ -45,6 +63,9 @@ constexpr std::size_t kChunksPerSlot = 8;
 constexpr std::size_t kSlotSize = kChunk * kChunksPerSlot;  // 512 KiB
 constexpr std::size_t kSlots = 8;                           // a ring of 4 MiB
 constexpr std::uint64_t kMinProgressStep = 20971520;        // 20 MiB
+// Up to this size a copy runs on the caller's thread alone: handing a slot to
+// the threads costs more than they gain.
+constexpr std::uint64_t kThreadedFrom = 2 * kChunk;
 constexpr char kMethod[] =
     "+[KdFileManager copyFileWithProgress:destinations:verificationType:delegate:object:object:]";
 
@@ -174,14 +195,72 @@ class SlotBuffers {
   std::vector<unsigned char*> free_;  // guarded by mu_
 };
 
-// One destination of a copy. Its writer thread alone touches it while the
-// copy runs; the caller's thread reads it after that thread has been joined.
+// Threads kept from one copy to the next to run the stages of the copies'
+// pipelines, so that copying many files does not start and end threads for
+// each. It starts a thread whenever no idle one can take a job, and keeps at
+// most kKept idle. Never destroyed (idle threads may outlive main); callable
+// from any thread.
+class StageThreads {
+ public:
+  using Job = std::function<void()>;
+  static StageThreads& shared() {
+    static StageThreads* threads = new StageThreads;
+    return *threads;
+  }
+  // Runs `job` on a thread of its own; false when no thread could be had.
+  bool run(Job job) {
+    {
+      std::lock_guard lock(mu_);
+      if (idle_ > jobs_.size()) {
+        jobs_.push_back(std::move(job));
+        wake_.notify_one();
+        return true;
+      }
+    }
+    try {
+      std::thread([this, first = std::move(job)]() mutable { work(std::move(first)); }).detach();
+    } catch (const std::system_error&) {
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  static constexpr std::size_t kKept = 8;
+
+  void work(Job job) {
+    for (;;) {
+      job();
+      job = nullptr;
+      std::unique_lock lock(mu_);
+      if (idle_ >= kKept) return;
+      ++idle_;
+      wake_.wait(lock, [&] { return !jobs_.empty(); });
+      --idle_;
+      job = std::move(jobs_.front());
+      jobs_.pop_front();
+    }
+  }
+
+  std::mutex mu_;
+  std::condition_variable wake_;  // a job was queued
+  std::deque<Job> jobs_;          // guarded by mu_
+  std::size_t idle_ = 0;          // threads waiting for a job; guarded by mu_
+};
+
+// One destination of a copy. Its stage alone touches it while the copy runs;
+// the caller's thread reads it after that stage has ended.
 struct Destination {
   std::string path;
   int folder = AT_FDCWD;  // the open folder that `name` is in; AT_FDCWD: `name` is the path
   std::string name;
   kd::UniqueFd fd;
-  std::unique_ptr<KdFileManager::CopyDigester> digest;
+  bool verifying = false;    // read back and compared with the source
+  bool differs = false;      // what was read back is not the source's bytes
+  std::uint64_t extent = 0;  // the bytes handed to it: the size the copy must have
+  // With `differs`, the digest of what the copy holds; absent when it
+  // cannot be read.
+  std::optional<std::string> copyDigest;
   SlotBuffers::Buffer readBack;
   int writeError = 0;                          // errno of the first failed write
   int flushError = 0;                          // errno of a failed flush or close
@@ -222,10 +301,11 @@ class Pipeline {
  public:
   Pipeline(int source, const SourceMetadata& metadata, std::vector<Destination>& destinations,
            std::vector<KdFileManager::CopyDigester*> sourceDigests,
-           std::shared_ptr<KdCancellation> cancellation)
+           const KdFileManager::CopyDigest& kind, std::shared_ptr<KdCancellation> cancellation)
       : source_(source),
         metadata_(metadata),
         destinations_(destinations),
+        kind_(kind),
         sourceDigests_(std::move(sourceDigests)),
         stages_(destinations.size() + sourceDigests_.size()),
         cancellation_(std::move(cancellation)),
@@ -243,7 +323,7 @@ class Pipeline {
       slot.records.resize(destinations_.size());
     }
     for (Destination& d : destinations_) {
-      if (!d.digest) continue;
+      if (!d.verifying) continue;
       d.readBack = SlotBuffers::shared().take();
       if (!d.readBack) return false;
     }
@@ -299,22 +379,36 @@ class Pipeline {
 
  private:
   void startThreads() {
-    try {
-      for (std::size_t stage = 0; stage < stages_; ++stage)
-        threads_.emplace_back([this, stage] { work(stage); });
-    } catch (const std::system_error&) {
+    for (std::size_t stage = 0; stage < stages_; ++stage) {
+      {
+        std::lock_guard lock(mu_);
+        ++running_;
+      }
+      const bool started = StageThreads::shared().run([this, stage] {
+        work(stage);
+        // Told under the lock: once it is released, the pipeline may go.
+        std::lock_guard lock(mu_);
+        --running_;
+        ended_cv_.notify_all();
+      });
+      if (started) continue;
+      {
+        std::lock_guard lock(mu_);
+        --running_;
+      }
       // Too few threads: run inline. The ones started end on the closed ring
       // and leave their destinations to the caller's thread.
       inlineAfterFailure_ = true;
       stopThreads();
+      return;
     }
   }
 
+  // Closes the ring and waits until every stage has ended.
   void stopThreads() {
     closeRing();
-    for (std::thread& t : threads_)
-      if (t.joinable()) t.join();
-    threads_.clear();
+    std::unique_lock lock(mu_);
+    ended_cv_.wait(lock, [&] { return running_ == 0; });
   }
 
   void closeRing() {
@@ -396,20 +490,35 @@ class Pipeline {
                                        at + static_cast<off_t>(c * kChunk), error);
       }
     }
-    if (!d.digest) return;
-    // The digest gets only what was read back, and of a short chunk no more
-    // than was written, so that a hole or a short file never verifies.
+    d.extent = std::max<std::uint64_t>(d.extent, slot.offset + slot.length);
+    if (!d.verifying) return;
+    if (const kd::copy::AfterWriteHook hook = afterWriteHook.load())
+      hook(d.fd.get(), slot.offset, slot.length);
+    // The file is read again and compared with the slot, which holds the
+    // source's bytes as read for this copy until every stage is done with
+    // it. A short write, a short read-back or a failed one differs.
     const std::size_t got =
         readFully(d.fd.get(), d.readBack.get(), slot.length, at, true, record.readBackError);
     if (d.readBackError == 0) d.readBackError = record.readBackError;
-    if (!shortWrite) {
-      d.digest->update(d.readBack.get(), got);
-      return;
+    if (shortWrite || got != slot.length ||
+        std::memcmp(d.readBack.get(), slot.data.get(), slot.length) != 0)
+      d.differs = true;
+  }
+
+  // With the whole source copied: a byte past the end differs too; and a copy
+  // that differs is digested as it now is, to tell what it holds.
+  void checkLength(Destination& d) {
+    if (!d.verifying) return;
+    if (!d.differs) {
+      unsigned char extra = 0;
+      int error = 0;
+      if (readFully(d.fd.get(), &extra, 1, static_cast<off_t>(d.extent), true, error) != 0 ||
+          error != 0)
+        d.differs = true;
     }
-    for (std::size_t c = 0; c * kChunk < slot.length; ++c) {
-      const std::size_t start = c * kChunk;
-      const std::size_t available = got > start ? std::min(kChunk, got - start) : 0;
-      d.digest->update(d.readBack.get() + start, std::min(available, record.written[c]));
+    if (d.differs && kind_.make) {
+      std::string ignored;
+      d.copyDigest = kd::copy::digestOfOpenFile(d.fd.get(), kind_, nullptr, ignored);
     }
   }
 
@@ -442,6 +551,7 @@ class Pipeline {
     if (!cancellation_->cancelled()) {
       if (complete_) applyMetadata(d);
       if (::fdatasync(d.fd.get()) != 0) d.flushError = errno;
+      if (complete_) checkLength(d);
       struct stat written {
       }, named{};
       if (::fstat(d.fd.get(), &written) == 0 &&
@@ -457,11 +567,11 @@ class Pipeline {
   const int source_;
   const SourceMetadata& metadata_;
   std::vector<Destination>& destinations_;
+  const KdFileManager::CopyDigest& kind_;  // the verifying kind, to digest a copy that differs
   const std::vector<KdFileManager::CopyDigester*> sourceDigests_;
   const std::size_t stages_;
   const std::shared_ptr<KdCancellation> cancellation_;
   std::array<Slot, kSlots> slots_;
-  std::vector<std::thread> threads_;
   // Set before the ring closes, read by the stages after: the lock on mu_
   // orders the two.
   bool inlineAfterFailure_ = false;
@@ -472,6 +582,8 @@ class Pipeline {
   std::mutex mu_;
   std::condition_variable published_cv_;  // a slot was published, or the ring closed
   std::condition_variable consumed_cv_;   // a stage finished a slot
+  std::condition_variable ended_cv_;      // a stage ended
+  std::size_t running_ = 0;               // stages running on threads; guarded by mu_
   std::uint64_t published_ = 0;           // guarded by mu_
   bool closed_ = false;                   // guarded by mu_
   std::vector<std::uint64_t> consumed_;   // per stage; guarded by mu_
@@ -560,7 +672,8 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
                                      const KdFileManager::CopyDigest& digest,
                                      const std::shared_ptr<const KdFileCopyDelegate>& delegate,
                                      bool keepPermissions,
-                                     const std::vector<KdFileManager::CopyDigest>& moreDigests);
+                                     const std::vector<KdFileManager::CopyDigest>& moreDigests,
+                                     const kd::copy::DirectProgress* direct);
 
 KdFileManager::CopyResult copy(const std::string& source,
                                const std::vector<std::string>& destinations,
@@ -626,7 +739,7 @@ KdFileManager::CopyResult copy(const std::string& source,
     d.fd = std::move(fd);
   }
   return copyOpened(result, source, std::move(sourceFd), sourceStat, open, digest, delegate,
-                    /*keepPermissions=*/false, {});
+                    /*keepPermissions=*/false, {}, nullptr);
 }
 
 // The copy from the open source to the open destinations.
@@ -636,7 +749,8 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
                                      const KdFileManager::CopyDigest& digest,
                                      const std::shared_ptr<const KdFileCopyDelegate>& delegate,
                                      bool keepPermissions,
-                                     const std::vector<KdFileManager::CopyDigest>& moreDigests) {
+                                     const std::vector<KdFileManager::CopyDigest>& moreDigests,
+                                     const kd::copy::DirectProgress* direct) {
   const auto cancellation = KdCancellation::make();
   KdCopySettings& settings = result.settings;
   ::posix_fadvise(sourceFd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
@@ -649,8 +763,7 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
   metadata.keepPermissions = keepPermissions;
 
   const bool verifying = static_cast<bool>(digest.make);
-  if (verifying)
-    for (Destination& d : open) d.digest = digest.make();
+  for (Destination& d : open) d.verifying = verifying;
   std::unique_ptr<KdFileManager::CopyDigester> sourceDigest;
   if (verifying) sourceDigest = digest.make();
   // The further kinds digest the source only, each as a stage of its own.
@@ -665,7 +778,8 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
   std::uint64_t total = 0, lastReported = 0;
   int readError = 0;
   {
-    Pipeline pipeline(sourceFd.get(), metadata, open, std::move(sourceDigests), cancellation);
+    Pipeline pipeline(sourceFd.get(), metadata, open, std::move(sourceDigests), digest,
+                      cancellation);
     if (!pipeline.allocate()) {
       KdLog::appendLogAndPrint("Error copying file %@ - out of memory", source);
       return result;
@@ -686,13 +800,15 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
         }
       }
       total += length;
+      if (direct && direct->stop && direct->stop->load()) cancellation->cancel();
       if (total - lastReported >= step) {
         lastReported = total;
+        if (direct && direct->bytes) direct->bytes(total);
         if (delegate) reportStep(delegate, settings, total, cancellation);
       }
       return !cancellation->cancelled();
     };
-    readError = pipeline.run(size > kSlotSize, account);
+    readError = pipeline.run(size >= kThreadedFrom, account);
   }
   sourceFd.reset();
 
@@ -730,6 +846,7 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
   }
   settings.failedDestinations = failed;
 
+  if (direct && direct->bytes) direct->bytes(total);
   if (delegate && delegate->fileCopyBytesWritten)
     guarded("fileCopyBytesWritten:settings:",
             [&] { delegate->fileCopyBytesWritten(total, settings); });
@@ -740,9 +857,10 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
     std::vector<std::string> texts;
     for (std::size_t i = 0; i < open.size(); ++i) {
       KdFileManager::CopyOutcome& outcome = result.destinations[i];
-      outcome.digest = open[i].digest->text();
+      // Bytes equal to the source's have the source's digest.
+      const bool matches = result.sourceDigest && !open[i].differs;
+      outcome.digest = open[i].differs ? open[i].copyDigest : result.sourceDigest;
       texts.push_back(outcome.digest.value_or(""));
-      const bool matches = result.sourceDigest && outcome.digest == result.sourceDigest;
       if (!matches && outcome.failure.empty()) {
         outcome.failure = open[i].readBackError != 0
                               ? "reading it back failed: " + errorText(open[i].readBackError)
@@ -803,7 +921,8 @@ KdFileManager::CopyResult copyToOpen(const std::string& source,
                                      const KdFileManager::CopyDigest& digest,
                                      std::shared_ptr<const KdFileCopyDelegate> delegate,
                                      bool keepPermissions,
-                                     const std::vector<KdFileManager::CopyDigest>& moreDigests) {
+                                     const std::vector<KdFileManager::CopyDigest>& moreDigests,
+                                     const kd::copy::DirectProgress* direct) {
   KdFileManager::CopyResult result;
   if (destinations.empty()) {
     console("Error: You must have at least one destination. Aborting copy process...");
@@ -842,7 +961,7 @@ KdFileManager::CopyResult copyToOpen(const std::string& source,
     d.fd = std::move(given.fd);
   }
   return copyOpened(result, source, std::move(sourceFd), sourceStat, open, digest, delegate,
-                    keepPermissions, moreDigests);
+                    keepPermissions, moreDigests, direct);
 }
 
 }  // namespace
@@ -853,7 +972,7 @@ KdFileManager::CopyResult KdFileManager::copyFileToOpenDestinations(
     const std::vector<CopyDigest>& moreDigests) {
   try {
     return copyToOpen(source, destinations, digest, std::move(delegate), keepPermissions,
-                      moreDigests);
+                      moreDigests, nullptr);
   } catch (const std::exception& e) {
     KdException::logException(e, kMethod);
   } catch (...) {
@@ -882,4 +1001,20 @@ bool KdFileManager::copyFileWithProgress(const std::string& source, const std::s
                                          std::any object, std::any object2) {
   return copyFileWithProgress(source, std::vector<std::string>{destination}, 0, std::move(delegate),
                               std::move(object), std::move(object2));
+}
+
+KdFileManager::CopyResult kd::copy::copyToOpenFiles(
+    const std::string& source, std::vector<KdFileManager::OpenDestination> destinations,
+    const KdFileManager::CopyDigest& digest,
+    const std::vector<KdFileManager::CopyDigest>& moreDigests, bool keepPermissions,
+    const DirectProgress& progress) {
+  try {
+    return copyToOpen(source, destinations, digest, nullptr, keepPermissions, moreDigests,
+                      &progress);
+  } catch (const std::exception& e) {
+    KdException::logException(e, kMethod);
+  } catch (...) {
+    KdException::logException("unknown", "an exception that is not a std::exception", kMethod);
+  }
+  return KdFileManager::CopyResult();
 }

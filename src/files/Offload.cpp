@@ -23,6 +23,7 @@
 #include "files/OffloadHistory.h"
 #include "files/OffloadInternal.h"
 #include "files/TransferReport.h"
+#include "files/copy/CopyEngine.h"
 #include "files/mhl/MhlDirectoryHash.h"
 #include "files/mhl/MhlHistory.h"
 #include "platform/Platform.h"
@@ -431,9 +432,9 @@ class Run {
     std::optional<std::string> sourceDigest;
     const std::uint64_t before = done_;
     if (!copyTo.empty()) {
-      const KdFileManager::CopyResult result = KdFileManager::copyFileToOpenDestinations(
-          source, std::move(opened), digest_, copyDelegate(before), /*keepPermissions=*/true,
-          otherDigests_);
+      const KdFileManager::CopyResult result =
+          copy::copyToOpenFiles(source, std::move(opened), digest_, otherDigests_,
+                                /*keepPermissions=*/true, copyProgress(before));
       if (!result.completed) {
         if (stopAsked()) {
           report_.error = "Stopped on request while copying " + source;
@@ -933,19 +934,14 @@ class Run {
     }
   }
 
-  std::shared_ptr<KdFileCopyDelegate> copyDelegate(std::uint64_t before) {
-    if (!progress_.bytes && !options_.stop) return nullptr;
-    auto delegate = std::make_shared<KdFileCopyDelegate>();
-    const OffloadProgress progress = progress_;
-    const std::uint64_t total = progressTotal_;
-    if (progress.bytes)
-      delegate->fileCopyBytesWritten = [progress, before, total](std::uint64_t bytes,
-                                                                 const KdCopySettings&) {
-        progress.bytes(before + bytes, total);
+  copy::DirectProgress copyProgress(std::uint64_t before) {
+    copy::DirectProgress direct;
+    direct.stop = options_.stop;
+    if (progress_.bytes)
+      direct.bytes = [this, before](std::uint64_t bytes) {
+        progress_.bytes(before + bytes, progressTotal_);
       };
-    if (const std::atomic<bool>* stop = options_.stop)
-      delegate->fileCopyShouldContinue = [stop](const KdCopySettings&) { return !stop->load(); };
-    return delegate;
+    return direct;
   }
 
   std::function<void(std::uint64_t)> readReporter(std::uint64_t before) {

@@ -5,10 +5,10 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
 #include "common/UniqueFd.h"
 #include "files/OffloadInternal.h"
+#include "files/copy/FileDigest.h"
 
 namespace kd::offload {
 
@@ -25,7 +25,6 @@ std::optional<std::string> digestOfFile(int folder, const std::string& path,
 std::optional<std::vector<std::string>> digestsOfFile(
     int folder, const std::string& path, const std::vector<KdFileManager::CopyDigest>& kinds,
     bool fromDevice, const std::function<void(std::uint64_t)>& read, std::string& error) {
-  constexpr std::size_t kBuffer = 1 << 20;
   // Opened without waiting, so that a named pipe put in a file's place
   // cannot hold the run; then made blocking for the reads.
   UniqueFd fd(retryOnEintr([&] {
@@ -52,40 +51,15 @@ std::optional<std::vector<std::string>> digestsOfFile(
     ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
   }
   ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
-  std::vector<std::unique_ptr<KdFileManager::CopyDigester>> digesters;
-  for (const KdFileManager::CopyDigest& kind : kinds) {
-    digesters.push_back(kind.make ? kind.make() : nullptr);
-    if (!digesters.back()) {
-      error = "the " + kind.name + " digest is not available";
-      return std::nullopt;
-    }
-  }
-  const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kBuffer]);
-  if (!buffer) {
-    error = "out of memory";
-    return std::nullopt;
-  }
-  for (;;) {
-    const ssize_t n = retryOnEintr([&] { return ::read(fd.get(), buffer.get(), kBuffer); });
-    if (n < 0) {
-      error = std::string("a read failed: ") + std::strerror(errno);
-      return std::nullopt;
-    }
-    if (n == 0) break;
-    for (const auto& digester : digesters)
-      digester->update(buffer.get(), static_cast<std::size_t>(n));
-    if (read) read(static_cast<std::uint64_t>(n));
-  }
+  std::optional<std::vector<std::string>> texts =
+      copy::digestsOfOpenFile(fd.get(), kinds,
+                              read ? std::function<bool(std::uint64_t)>([&](std::uint64_t n) {
+                                read(n);
+                                return true;
+                              })
+                                   : nullptr,
+                              error);
   if (fromDevice) ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
-  std::vector<std::string> texts;
-  for (const auto& digester : digesters) {
-    std::optional<std::string> text = digester->text();
-    if (!text) {
-      error = "the digest failed";
-      return std::nullopt;
-    }
-    texts.push_back(std::move(*text));
-  }
   return texts;
 }
 

@@ -29,6 +29,7 @@
 #include "files/FaultShim.h"
 #include "files/FilesFixture.h"
 #include "files/KdFileManager.h"
+#include "files/copy/CopyEngine.h"
 #include "log/KdLog.h"
 #include "support/ChildMode.h"
 
@@ -353,6 +354,80 @@ TEST_F(CopyFaults, FilesChangedByAnotherThreadMidCopy) {
       EXPECT_NE(KdFileManager::modificationDateForFile(b),
                 KdFileManager::modificationDateForFile(src));
     }
+  }
+}
+
+// What the hook does to the second destination's file, between a write and
+// its read-back; read by the hook on the destination's thread.
+struct Tamper {
+  ino_t file = 0;
+  enum { kFlip, kCut, kExtra } what = kFlip;
+  std::uint64_t at = 0;  // the byte changed, or the stretch after which it acts
+};
+Tamper tamper;
+
+void tamperWith(int fd, std::uint64_t offset, std::size_t length) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || st.st_ino != tamper.file) return;
+  if (tamper.what == Tamper::kFlip && tamper.at >= offset && tamper.at < offset + length) {
+    unsigned char c = 0;
+    if (::pread(fd, &c, 1, static_cast<off_t>(tamper.at)) == 1) c ^= 0x01;
+    if (::pwrite(fd, &c, 1, static_cast<off_t>(tamper.at)) != 1) ADD_FAILURE() << "no flip";
+  }
+  if (offset + length != tamper.at) return;  // the last stretch
+  if (tamper.what == Tamper::kCut && ::ftruncate(fd, static_cast<off_t>(tamper.at - 1)) != 0)
+    ADD_FAILURE() << "no cut";
+  if (tamper.what == Tamper::kExtra && ::pwrite(fd, "x", 1, static_cast<off_t>(tamper.at)) != 1)
+    ADD_FAILURE() << "no extra byte";
+}
+
+TEST_F(CopyFaults, ACopyChangedAfterItsWriteFailsWithItsOwnDigest) {
+  const std::string src = dir_ / "A001.mov", a = dir_ / "one/A001.mov", b = dir_ / "two/A001.mov";
+  const std::string contents = varied(3 * kMiB + 123);
+  struct Case {
+    const char* name;
+    decltype(Tamper::what) what;
+    std::uint64_t at;
+    std::string held;  // what the second copy holds after the copy
+  };
+  std::string flipped = contents;
+  flipped[kMiB + 5] = static_cast<char>(flipped[kMiB + 5] ^ 0x01);
+  const Case cases[] = {
+      {"one byte changed", Tamper::kFlip, kMiB + 5, flipped},
+      {"cut short by a byte", Tamper::kCut, contents.size(),
+       contents.substr(0, contents.size() - 1)},
+      {"a byte past the end", Tamper::kExtra, contents.size(), contents + "x"},
+  };
+  dir_.touch("A001.mov", contents);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    kd::test::removeTree(dir_ / "one");
+    kd::test::removeTree(dir_ / "two");
+    dir_.mkdir("two");
+    dir_.touch("two/A001.mov", "");
+    struct stat st {};
+    ASSERT_EQ(::stat(b.c_str(), &st), 0);
+    tamper = {st.st_ino, c.what, c.at};
+    auto heard = std::make_shared<Heard>();
+    kd::copy::setAfterWriteHookForTesting(&tamperWith);
+    const KdFileManager::CopyResult r = KdFileManager::copyFileWithOutcome(
+        src, {a, b}, *KdFileManager::copyDigestNamed("sha256"), Heard::delegate(heard));
+    kd::copy::setAfterWriteHookForTesting(nullptr);
+    kd::WorkQueue::shared().waitUntilIdle();
+    ASSERT_TRUE(r.completed);
+    ASSERT_EQ(r.destinations.size(), 2u);
+    EXPECT_TRUE(r.destinations[0].verified);
+    EXPECT_EQ(r.destinations[0].digest, r.sourceDigest);
+    ASSERT_EQ(readFile(b), c.held);
+    KdSHA256Context held;
+    held.update(c.held.data(), c.held.size());
+    EXPECT_TRUE(r.destinations[1].written);
+    EXPECT_FALSE(r.destinations[1].verified);
+    EXPECT_EQ(r.destinations[1].failure, "what was read back differs from the source");
+    EXPECT_EQ(r.destinations[1].digest, KdFileManager::sha256HashWithContext(held));
+    EXPECT_NE(r.destinations[1].digest, r.sourceDigest);
+    EXPECT_EQ(heard->told, Strings{b});
+    EXPECT_EQ(r.settings.failedDestinations, Strings{b});
   }
 }
 
