@@ -14,6 +14,8 @@
 // it stops and joins when destroyed. Threads: one consumer thread calls next().
 #pragma once
 
+#include "../KdExport.h"
+
 #include <sys/types.h>
 
 #include <condition_variable>
@@ -25,7 +27,7 @@
 
 namespace kd {
 
-class ReadAhead {
+class KD_EXPORT ReadAhead {
  public:
   // The size of one read.
   static constexpr std::size_t kReadSize = 65536;
