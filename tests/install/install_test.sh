@@ -357,11 +357,15 @@ package)
   done
   ! grep -q "libKd\|/include/" <<<"$ferrimo" || fail "ferrimo holds library files"
   # What the packages need, said in their control files.
+  # The library needs what it links; the programs need the library of their
+  # own build, and what the agent uses itself (libmount, libsystemd).
   for lib in libc6 libssl3 libarchive13 libblkid1 libmount1 libsystemd0 libpam0g; do
-    for deb in "${debs[0]}" "${debs[1]}"; do
-      depends=$(dpkg-deb -f "$deb" Depends)
-      [[ $depends == *"$lib"* ]] || fail "${deb##*/} does not depend on $lib: $depends"
-    done
+    depends=$(dpkg-deb -f "${debs[1]}" Depends)
+    [[ $depends == *"$lib"* ]] || fail "${debs[1]##*/} does not depend on $lib: $depends"
+  done
+  for lib in "libkd1 (= $version)" libc6 libmount1 libsystemd0; do
+    depends=$(dpkg-deb -f "${debs[0]}" Depends)
+    [[ $depends == *"$lib"* ]] || fail "${debs[0]##*/} does not depend on $lib: $depends"
   done
   [[ $(dpkg-deb -f "${debs[0]}" Recommends) == *"sudo | pkexec"* ]] ||
     fail "ferrimo does not recommend sudo or pkexec"
