@@ -75,3 +75,51 @@ function(kd_install_configured template output destination)
          "include([==[${PROJECT_SOURCE_DIR}/cmake/KdInstallConfigured.cmake]==])\n")
   install(CODE "${code}" COMPONENT ${K_COMPONENT})
 endfunction()
+
+# kd_install_program(TARGET): installs a program that links libKd.so.
+# Installed, it looks for the library relative to itself ($ORIGIN), so that a
+# private prefix works without LD_LIBRARY_PATH; under /usr, where the Debian
+# packages install and the library lies in the linker's own folder, it carries
+# no RPATH at all. In the build folder it looks in the build folder.
+#
+# The build folder's RPATH is set here rather than left to CMake: CMake ends
+# the RPATH it will edit at install time with empty entries (room for the
+# installed value), and the loader reads an empty entry as the working
+# folder, so that a program started in a card's folder would load libraries
+# from there. The build folder is named with "/." added until it is as long
+# as the installed value, which then takes its place.
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(KD_INSTALLED_RPATH "${CMAKE_INSTALL_LIBDIR}")
+elseif(IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}")
+  set(KD_INSTALLED_RPATH "")
+else()
+  file(RELATIVE_PATH KD_INSTALLED_RPATH "/prefix/${CMAKE_INSTALL_BINDIR}"
+       "/prefix/${CMAKE_INSTALL_LIBDIR}")
+  set(KD_INSTALLED_RPATH "$ORIGIN/${KD_INSTALLED_RPATH}")
+endif()
+set(KD_BUILD_RPATH "${PROJECT_BINARY_DIR}")
+string(LENGTH "${KD_INSTALLED_RPATH}" installed_length)
+string(LENGTH "${KD_BUILD_RPATH}" build_length)
+while(build_length LESS installed_length)
+  string(APPEND KD_BUILD_RPATH "/.")
+  math(EXPR build_length "${build_length} + 2")
+endwhile()
+function(kd_install_program target)
+  # libKd.so is built in the top of the build folder.
+  set_target_properties(${target} PROPERTIES BUILD_WITH_INSTALL_RPATH ON
+                                             INSTALL_RPATH "${KD_BUILD_RPATH}")
+  install(TARGETS ${target} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_BINDIR}")
+    set(folder "${CMAKE_INSTALL_BINDIR}")
+  else()
+    set(folder "\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}")
+  endif()
+  set(file "\$ENV{DESTDIR}${folder}/$<TARGET_FILE_NAME:${target}>")
+  install(CODE "
+    if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\" OR [==[${KD_INSTALLED_RPATH}]==] STREQUAL \"\")
+      file(RPATH_REMOVE FILE \"${file}\")
+    else()
+      file(RPATH_CHANGE FILE \"${file}\" OLD_RPATH [==[${KD_BUILD_RPATH}]==]
+           NEW_RPATH [==[${KD_INSTALLED_RPATH}]==])
+    endif()")
+endfunction()

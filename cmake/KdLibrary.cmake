@@ -50,25 +50,41 @@ install(TARGETS kd_shared EXPORT KdTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT ${KD_COMPONENT_DEV}
         RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${KD_COMPONENT_LIBRARY})
 
-# The public headers, with their folders: <kd/files/KdFileManager.h>. The
-# rest (platform implementations, the work queue, the offload's internals, test
-# hooks) stays private; a public header includes only public ones.
+# The public headers, with their folders: <kd/files/KdFileManager.h>. Besides
+# the classes of the subsystems, the card offload and folder verification with
+# their hash lists (files/Offload.h, FolderVerify.h, HashKinds.h, mhl/) and the small
+# utilities they and the programs use (dates, paths, UTF-8, the read-ahead
+# reader, the shared settings file). The rest (platform implementations, the
+# mount table, the work queue, the offload's internals and transfer reports,
+# test hooks) stays private; a public header includes only public ones.
 set(KD_PUBLIC_HEADERS
     KdExport.h
     auth/KdAuthorization.h
+    common/DateText.h
     common/FileOwner.h
+    common/Path.h
     common/PropertyList.h
+    common/ReadAhead.h
+    common/SettingsFile.h
+    common/ThreadAnnotations.h
     common/UniqueFd.h
+    common/Utf8.h
     crash/KdBugReporter.h
+    files/HashKinds.h
+    files/mhl/MhlHistory.h
+    files/mhl/MhlManifest.h
+    files/FolderVerify.h
     files/KdDelegates.h
     files/KdDigestContext.h
     files/KdFileManager.h
+    files/Offload.h
     helper/FerrimoVolumeChecker.h
     log/Format.h
     log/KdException.h
     log/KdLog.h
     paths/KdCmdUtils.h
     paths/KdLocalPaths.h
+    paths/UserFiles.h
     platform/Desktop.h
     platform/FileMetadata.h
     platform/Platform.h

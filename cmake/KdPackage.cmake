@@ -52,6 +52,17 @@ co-process that holds administrator rights for them.")
 # exfat-fuse on older kernels; gsettings tells the agent the desktop's autorun
 # setting; update-desktop-database registers applications.
 set(CPACK_DEBIAN_${comp}_PACKAGE_RECOMMENDS "sudo | pkexec, systemd")
+# The programs link libKd.so.1 of the same build. dpkg-shlibdeps finds it in
+# the library package's staging folder (beside this one) but reads no shlibs
+# from there, so the dependency is named here; the other libraries' come from
+# dpkg-shlibdeps.
+set(CPACK_DEBIAN_${comp}_PACKAGE_DEPENDS "libkd${PROJECT_VERSION_MAJOR} (= ${kd_deb_version})")
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  set(kd_staged_libdir "../${KD_COMPONENT_LIBRARY}${CMAKE_INSTALL_LIBDIR}")
+else()
+  set(kd_staged_libdir "../${KD_COMPONENT_LIBRARY}${CPACK_PACKAGING_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
+endif()
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${kd_staged_libdir}")
 set(CPACK_DEBIAN_${comp}_PACKAGE_SUGGESTS "exfat-fuse, libglib2.0-bin, desktop-file-utils")
 # The autostart entry lies in /etc: a configuration file the administrator may
 # change, which an upgrade must not overwrite.

@@ -2,6 +2,8 @@
 // always in UTC. Pure functions; callable from any thread.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -15,11 +17,11 @@ using DateSeconds = double;
 // The distant past (0001-01-01 00:00:00 UTC): earlier than any real date.
 constexpr DateSeconds kDistantPast = -62135596800.0;
 
-DateSeconds nowSeconds();
-DateSeconds toSeconds(std::chrono::system_clock::time_point t);
+KD_EXPORT DateSeconds nowSeconds();
+KD_EXPORT DateSeconds toSeconds(std::chrono::system_clock::time_point t);
 // Whole seconds and nanoseconds since 1970, "1700000000.000005000": the
 // exact text of a date, as stored in an attribute.
-std::string exactSecondsText(std::chrono::system_clock::time_point t);
+KD_EXPORT std::string exactSecondsText(std::chrono::system_clock::time_point t);
 
 // A date and time of the proleptic Gregorian calendar.
 struct CivilTime {
@@ -65,7 +67,7 @@ constexpr long long daysFromCivil(long long y, unsigned m, unsigned d) noexcept 
 }
 
 // "YYYY-MM-DD HH:MM:SS +0000" of the whole second at or before `t`.
-std::string dateDescription(DateSeconds t);
+KD_EXPORT std::string dateDescription(DateSeconds t);
 inline std::string dateDescription(std::chrono::system_clock::time_point t) {
   return dateDescription(toSeconds(t));
 }

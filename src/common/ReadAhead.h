@@ -14,6 +14,8 @@
 // it stops and joins when destroyed. Threads: one consumer thread calls next().
 #pragma once
 
+#include "../KdExport.h"
+
 #include <sys/types.h>
 
 #include <condition_variable>
@@ -23,11 +25,11 @@
 #include <thread>
 #include <vector>
 
-#include "common/ThreadAnnotations.h"
+#include "ThreadAnnotations.h"
 
 namespace kd {
 
-class ReadAhead {
+class KD_EXPORT ReadAhead {
  public:
   // The size of one read.
   static constexpr std::size_t kReadSize = 65536;

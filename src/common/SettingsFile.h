@@ -13,11 +13,13 @@
 // as two programs writing one file always do: the last rename wins.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <optional>
 #include <string>
 
-#include "common/FileOwner.h"
-#include "common/PropertyList.h"
+#include "FileOwner.h"
+#include "PropertyList.h"
 
 namespace kd {
 
@@ -33,13 +35,13 @@ struct Settings {
 // Reads the settings file at `path`; a damaged file is moved aside here. With
 // `followLinks` false (a root process reading a user's file) a link at the
 // path counts as unreadable.
-Settings loadSettings(const std::string& path, bool followLinks = true);
+KD_EXPORT Settings loadSettings(const std::string& path, bool followLinks = true);
 
 // Writes `settings` back to `path` in its form, atomically, with `owner`. A
 // dictionary the XML form cannot carry (text with control characters) is
 // written in the binary form instead of being refused. False, with the reason
 // in `error`, when the settings are not writable or the write failed.
-bool saveSettings(const Settings& settings, const std::string& path,
-                  const std::optional<FileOwner>& owner, std::string* error = nullptr);
+KD_EXPORT bool saveSettings(const Settings& settings, const std::string& path,
+                            const std::optional<FileOwner>& owner, std::string* error = nullptr);
 
 }  // namespace kd

@@ -4,6 +4,8 @@
 // generation of its own ("verified" or "failed" for each file read).
 #pragma once
 
+#include "../KdExport.h"
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -12,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "files/Offload.h"
+#include "Offload.h"
 
 namespace kd {
 
@@ -57,7 +59,7 @@ struct FolderVerifyReport {
 // Checks the folder against its history. Never changes a file of the folder;
 // writes only the new generation into its ascmhl folder (unless `mhl` is
 // false). Progress goes to `progress` as for an offload.
-FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
-                                const OffloadProgress& progress = {});
+KD_EXPORT FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
+                                          const OffloadProgress& progress = {});
 
 }  // namespace kd

@@ -6,6 +6,8 @@
 // A plain value: copy it freely; callable from any thread.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,7 +15,7 @@
 
 namespace kd {
 
-class HashKinds {
+class KD_EXPORT HashKinds {
  public:
   HashKinds() = default;
   // The list as written: names separated by commas, blanks around them

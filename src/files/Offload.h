@@ -9,6 +9,8 @@
 // function is not promised: they must be thread-safe.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -17,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "files/HashKinds.h"
+#include "HashKinds.h"
 
 namespace kd {
 
@@ -107,7 +109,7 @@ struct OffloadCardFile {
   std::vector<std::string> otherDigests = {};
 };
 
-struct OffloadReport {
+struct KD_EXPORT OffloadReport {
   std::string card;
   std::string name;
   HashKinds hash;
@@ -150,12 +152,13 @@ struct OffloadProgress {
 // repeated hash, a hash the hash list cannot hold, no destination, a bad
 // name); nothing when they are usable. `offloadCard` refuses the same with
 // `error` set.
-std::optional<std::string> offloadOptionsProblem(const OffloadOptions& options);
+KD_EXPORT std::optional<std::string> offloadOptionsProblem(const OffloadOptions& options);
 
-OffloadReport offloadCard(const OffloadOptions& options, const OffloadProgress& progress = {});
+KD_EXPORT OffloadReport offloadCard(const OffloadOptions& options,
+                                    const OffloadProgress& progress = {});
 
 // The name a file of the card has at a destination while it is being copied,
 // in the same folder: ".<name>.kdpart".
-std::string offloadPartName(const std::string& fileName);
+KD_EXPORT std::string offloadPartName(const std::string& fileName);
 
 }  // namespace kd

@@ -3,10 +3,12 @@
 // Stateless; callable from any thread.
 #pragma once
 
+#include "../KdExport.h"
+
 #include <optional>
 #include <string>
 
-#include "common/FileOwner.h"
+#include "../common/FileOwner.h"
 
 namespace kd {
 
@@ -15,12 +17,12 @@ namespace kd {
 // folder, then the user's name), with that user's primary group. None when the
 // path lies in no home, names an unknown user or one whose name would read as
 // an option ("-x").
-std::optional<FileOwner> ownerOfHomePath(const std::string& path);
+KD_EXPORT std::optional<FileOwner> ownerOfHomePath(const std::string& path);
 
 // The owner to give a file or folder that this process creates at `path`:
 // for a root process writing into a user's home, that user (so a root run
 // never leaves the user with files it cannot change); none otherwise, and the
 // file keeps the process's own identity.
-std::optional<FileOwner> ownerForUserPath(const std::string& path);
+KD_EXPORT std::optional<FileOwner> ownerForUserPath(const std::string& path);
 
 }  // namespace kd

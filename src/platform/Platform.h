@@ -118,7 +118,9 @@ class KD_EXPORT Platform {
   virtual BundleInfo mainBundle() = 0;
 
   // --- System log -------------------------------------------------------
-  // NSLog: one message to the system log (standard error plus journal or syslog).
+  // NSLog: one message to the system log (journal or syslog), and a copy on
+  // standard error unless the program turned that off
+  // (setSystemLogOnStandardError).
   virtual void systemLog(std::string_view message) = 0;
 
   // --- Crash reports ------------------------------------------------------
@@ -184,6 +186,12 @@ class KD_EXPORT ForwardingPlatform : public Platform {
 KD_EXPORT Platform& platform();
 // The build's own platform implementation (never destroyed).
 KD_EXPORT Platform& nativePlatform();
+// Whether `Platform::systemLog` also writes each message on standard error
+// (the default). A program that tells its user of every failure in its own
+// words turns it off, so that a failure is not told twice; the system log
+// still gets every message. Process-wide; callable from any thread.
+KD_EXPORT void setSystemLogOnStandardError(bool print);
+KD_EXPORT bool systemLogOnStandardError();
 // Installs a platform for tests; nullptr restores the native one. The caller
 // keeps ownership and must keep it alive while installed.
 KD_EXPORT void setPlatformForTesting(Platform* fake);

@@ -23,6 +23,10 @@ struct KD_EXPORT VolumeMount {
   std::string mountPoint;
   std::string fileSystemType;  // as the system names it ("ext4", "fuseblk")
   std::uint64_t device = 0;    // the device number; 0 for none
+  // Removable media (a card, a USB disk): mounted below the desktop's media
+  // folder, or from a removable block device. Where the system mounts what the
+  // user inserts; pseudo file systems never are.
+  bool removable = false;
   bool operator==(const VolumeMount&) const = default;
 };
 

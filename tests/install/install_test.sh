@@ -87,7 +87,10 @@ check_tree() {
   check_file "$p/include/kd/files/KdFileManager.h"
   check_file "$p/include/kd/KdExport.h"
   # Only <kd/...> headers: internal ones stay in the source tree.
-  for header in platform/linux files/OffloadInternal.h common/WorkQueue.h common/Path.h \
+  check_file "$p/include/kd/files/Offload.h"
+  check_file "$p/include/kd/files/mhl/MhlHistory.h"
+  check_file "$p/include/kd/files/mhl/MhlManifest.h"
+  for header in platform/linux files/OffloadInternal.h files/TransferReport.h common/WorkQueue.h \
     log/KdLogTesting.h helper/FerrimoHelper.h; do
     check_absent "$p/include/kd/$header"
   done
@@ -174,18 +177,21 @@ check_exports() {
   local lib=$1 symbols
   symbols=$(nm -D --defined-only -C "$lib" 2>&1) || { fail "nm -D $lib: $symbols"; return; }
   for name in "KdFileManager::copyFile(" "KdLog::sharedController(" "KdTaskEx::runTask(" \
-    "KdLocalPaths::isPathSystemDirectory(" "kd::platform()"; do
+    "KdLocalPaths::isPathSystemDirectory(" "kd::platform()" "kd::offloadCard(" \
+    "kd::verifyFolder(" "kd::MhlHistory::load(" "kd::ReadAhead::next(" "kd::loadSettings(" \
+    "kd::path::append(" "kd::dateDescription"; do
     grep -qF -- " $name" <<<"$symbols" || fail "$lib does not export $name"
   done
-  for name in "kd::WorkQueue::" "kd::LinuxPlatform::" "kd::utf8::" "kd::path::" \
-    "kd::ReadAhead::" "kd::parseMountTable(" "kd::SettingsFile" "kd::loadSettings("; do
+  for name in "kd::WorkQueue::" "kd::LinuxPlatform::" "kd::offload::" "kd::parseMountTable(" \
+    "kd::readMountTable(" "kd::isRemovableMedia(" "kd::transferReportHtml("; do
     ! grep -qF -- " $name" <<<"$symbols" || fail "$lib exports the internal $name"
   done
 }
 
-# How the installed programs link the library: those that use only its
-# interface link libKd.so.1 (as an application of its own does); the others
-# need internals (named in their CMakeLists.txt) and carry their own copy.
+# How the installed programs link the library: each links libKd.so.1 and
+# loads the one installed beside it, as an application of its own does.
+# kd-privileged, the co-process that runs as root, uses none of it (its
+# CMakeLists.txt says why): it links nothing of the library.
 check_programs() {
   local prefix=$1 libdir=$2 program want needed out
   while IFS='|' read -r program want; do
@@ -193,16 +199,23 @@ check_programs() {
     if [[ $want == shared ]]; then
       [[ $needed == *"[libKd.so.1]"* ]] || fail "$program does not link libKd.so.1"
       out=$(ldd "$program" 2>&1 | grep libKd)
-      [[ $out == *"=> $(realpath "$prefix/$libdir")/libKd.so.1 "* ]] || fail "$program loads: $out"
+      loaded=$(sed -n 's/.*=> \(.*\) (0x.*/\1/p' <<<"$out")
+      [[ -n $loaded && $(realpath "$loaded") == "$(realpath "$prefix/$libdir/libKd.so.1")" ]] ||
+        fail "$program loads: $out"
+      # Nothing but the library's folder, and never an empty entry (the
+      # working folder).
+      runpath=$(readelf -d "$program" | sed -n 's/.*(R\(UN\)\{0,1\}PATH).*\[\(.*\)\]$/\2/p')
+      [[ $program != "$prefix/bin/"* || -z $runpath || $runpath =~ ^\$ORIGIN/[^:]*$ ]] ||
+        fail "$program has the RPATH '$runpath'"
     else
       [[ -z $needed ]] || fail "$program links $needed"
     fi
   done <<TABLE
 $work/consumer/consumer|shared
-$prefix/bin/kd|static
-$prefix/bin/FerrimoHelper|static
-$prefix/bin/ferrimo-mount-agent|static
-$prefix/bin/kd-privileged|static
+$prefix/bin/kd|shared
+$prefix/bin/FerrimoHelper|shared
+$prefix/bin/ferrimo-mount-agent|shared
+$prefix/bin/kd-privileged|none
 TABLE
 }
 
@@ -323,6 +336,13 @@ package)
   for deb in "${debs[@]}"; do dpkg -x "$deb" "$unpacked" || fail "dpkg -x $deb"; done
   check_tree "$unpacked" /usr "$libdir" /usr/lib/systemd/user /etc/xdg/autostart \
     /usr/share/polkit-1/actions
+  # The packaged programs link libKd.so.1 from the system's library folder,
+  # without an RPATH.
+  for program in kd FerrimoHelper ferrimo-mount-agent; do
+    dynamic=$(readelf -d "$unpacked/usr/bin/$program" 2>&1)
+    [[ $dynamic == *"Shared library: [libKd.so.1]"* ]] || fail "packaged $program does not link libKd.so.1"
+    ! grep -q "RPATH\|RUNPATH" <<<"$dynamic" || fail "packaged $program has an RPATH"
+  done
   version=$(dpkg-deb -f "${debs[0]}" Version)
   out=$(LD_LIBRARY_PATH=$unpacked/usr/$libdir "$unpacked/usr/bin/kd" --version)
   [[ $out == "kd ${version%-*}" ]] || fail "kd --version from the package: $out"
@@ -338,11 +358,15 @@ package)
   done
   ! grep -q "libKd\|/include/" <<<"$ferrimo" || fail "ferrimo holds library files"
   # What the packages need, said in their control files.
+  # The library needs what it links; the programs need the library of their
+  # own build, and what the agent uses itself (libmount, libsystemd).
   for lib in libc6 libssl3 libarchive13 libblkid1 libmount1 libsystemd0 libpam0g; do
-    for deb in "${debs[0]}" "${debs[1]}"; do
-      depends=$(dpkg-deb -f "$deb" Depends)
-      [[ $depends == *"$lib"* ]] || fail "${deb##*/} does not depend on $lib: $depends"
-    done
+    depends=$(dpkg-deb -f "${debs[1]}" Depends)
+    [[ $depends == *"$lib"* ]] || fail "${debs[1]##*/} does not depend on $lib: $depends"
+  done
+  for lib in "libkd1 (= $version)" libc6 libmount1 libsystemd0; do
+    depends=$(dpkg-deb -f "${debs[0]}" Depends)
+    [[ $depends == *"$lib"* ]] || fail "${debs[0]##*/} does not depend on $lib: $depends"
   done
   [[ $(dpkg-deb -f "${debs[0]}" Recommends) == *"sudo | pkexec"* ]] ||
     fail "ferrimo does not recommend sudo or pkexec"

@@ -120,6 +120,10 @@ TEST(KdToolOutput, FailuresAreToldOnceInPlainWords) {
       {{"label", missing}, "", "kd label: " + missing + ": No such file or directory\n"},
       {{"xattr", missing}, "", "kd xattr: " + missing + ": No such file or directory\n"},
       {{"info", missing}, "", "kd info: " + missing + ": nothing is mounted there\n"},
+      // The library also puts its refusal in the system log; kd tells it once.
+      {{"mv", "--no-auth", "/proc/kd-none", dir / "moved"},
+       "",
+       "kd mv: /proc/kd-none to " + dir.path() + "/moved: a system folder is never changed\n"},
   };
   for (const Case& c : cases) {
     Result r = runKd(dir, c.args);

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "platform/Platform.h"
+#include "platform/Volumes.h"
 #include "support/TempDir.h"
 
 namespace fs = std::filesystem;
@@ -34,6 +35,12 @@ TEST(LinuxWorkspaceRoot, RemovableMediaAreMountsUnderMediaFolders) {
   EXPECT_TRUE(contains(media, runCard));
   EXPECT_FALSE(contains(media, elsewhere.path())) << "a tmpfs elsewhere is not removable";
   EXPECT_FALSE(contains(media, "/"));
+  // The volumes' mount table says the same of each mount (the agent reads it).
+  for (const kd::VolumeMount& m : kd::nativePlatform().volumes().mountTable()) {
+    if (m.mountPoint == card || m.mountPoint == runCard || m.mountPoint == elsewhere.path()) {
+      EXPECT_EQ(m.removable, m.mountPoint != elsewhere.path()) << m.mountPoint;
+    }
+  }
 
   umount(card.c_str());
   umount(runCard.c_str());

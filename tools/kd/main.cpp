@@ -4,6 +4,7 @@
 #include "Commands.h"
 #include "Output.h"
 #include "log/KdLog.h"
+#include "platform/Platform.h"
 
 namespace kd::tool {
 std::vector<CommandSetup>& commands() {
@@ -61,6 +62,10 @@ int main(int argc, char** argv) {
   // with nobody at the console where there is no user log at all) are no
   // failure of the command and would repeat the library's wording.
   KdLog::setPrintsOwnTroubles(false);
+  // Nor does the library's system-log line reach the user beside kd's own
+  // ("kd mv: PATH: reason" after "Unable to move path ..."): the system log
+  // still gets it.
+  kd::setSystemLogOnStandardError(false);
   const int status = runCommand(argc, argv);
   // Data that did not reach its reader makes the command fail, unless it has
   // already failed for a reason of its own.

@@ -17,11 +17,9 @@
 #include <tuple>
 #include <vector>
 
-#include "platform/linux/MountTable.h"
+#include "Mounts.h"
 
 namespace kd::agent {
-
-using kd::MountEntry;
 
 struct Options {
   std::string helperPath;  // the helper executable

@@ -8,7 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "files/mhl/MhlManifest.h"
+#include "../../KdExport.h"
+#include "MhlManifest.h"
 
 namespace kd {
 
@@ -16,7 +17,7 @@ namespace kd {
 //
 // Ownership: the object holds what it read, no descriptor between calls. Not
 // thread-safe; one owner. Nothing is written into a history that did not load.
-class MhlHistory {
+class KD_EXPORT MhlHistory {
  public:
   // The folder's name, and the chain file's name in it.
   static constexpr std::string_view kFolderName = "ascmhl";

@@ -11,6 +11,8 @@
 // touching the network.
 #pragma once
 
+#include "../../KdExport.h"
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -44,11 +46,11 @@ struct MhlCreator {
 };
 
 // The hash formats a manifest can hold: xxh64, xxh3, xxh128, md5, sha1, c4.
-bool isMhlHashFormat(std::string_view format);
+KD_EXPORT bool isMhlHashFormat(std::string_view format);
 
 // The C4 ID of `bytes`: "c4" and the SHA-512 digest as a base58 number of 88
 // digits.
-std::string mhlC4Id(std::string_view bytes);
+KD_EXPORT std::string mhlC4Id(std::string_view bytes);
 
 // A folder's hashes in one format: the content hash (of its files' and
 // folders' content hashes) and the structure hash (of their names with their
@@ -125,13 +127,15 @@ struct MhlGeneration {
 
 // The readers: true with what was read, or false with a reason. Stateless;
 // callable from any thread.
-bool parseMhlManifest(std::string_view bytes, MhlManifest& out, std::string& error);
-bool parseMhlChain(std::string_view bytes, std::vector<MhlChainEntry>& out, std::string& error);
+KD_EXPORT bool parseMhlManifest(std::string_view bytes, MhlManifest& out, std::string& error);
+KD_EXPORT bool parseMhlChain(std::string_view bytes, std::vector<MhlChainEntry>& out,
+                             std::string& error);
 // The writers: the whole file, or nullopt with a reason (text XML 1.0 cannot
 // carry, a path that is not relative, an unknown format or a malformed digest,
 // a file listed twice with one format).
-std::optional<std::string> writeMhlManifest(const MhlManifest& manifest, std::string& error);
-std::optional<std::string> writeMhlChain(const std::vector<MhlChainEntry>& chain,
-                                         std::string& error);
+KD_EXPORT std::optional<std::string> writeMhlManifest(const MhlManifest& manifest,
+                                                      std::string& error);
+KD_EXPORT std::optional<std::string> writeMhlChain(const std::vector<MhlChainEntry>& chain,
+                                                   std::string& error);
 
 }  // namespace kd

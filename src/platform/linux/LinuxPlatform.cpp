@@ -151,8 +151,9 @@ BundleInfo LinuxPlatform::mainBundle() {
 }
 
 void LinuxPlatform::systemLog(std::string_view message) {
-  // Standard error, like NSLog, and syslog (the journal picks it up where it
-  // runs; without a syslog daemon the message is dropped there).
+  // Standard error, like NSLog (unless the program tells its failures itself),
+  // and syslog (the journal picks it up where it runs; without a syslog daemon
+  // the message is dropped there).
   static std::once_flag opened;
   std::string name = mainBundle().name.value_or("Kd");
   static std::string ident;
@@ -161,8 +162,10 @@ void LinuxPlatform::systemLog(std::string_view message) {
     openlog(ident.c_str(), LOG_PID | LOG_NDELAY, LOG_USER);
   });
   std::string line(message);
-  std::fprintf(stderr, "%s[%d] %s\n", name.c_str(), static_cast<int>(getpid()), line.c_str());
-  std::fflush(stderr);
+  if (systemLogOnStandardError()) {
+    std::fprintf(stderr, "%s[%d] %s\n", name.c_str(), static_cast<int>(getpid()), line.c_str());
+    std::fflush(stderr);
+  }
   syslog(LOG_NOTICE, "%s", line.c_str());
 }
 

@@ -159,9 +159,11 @@ class LinuxVolumes final : public Volumes {
  public:
   std::vector<VolumeMount> mountTable() override {
     std::vector<VolumeMount> mounts;
-    for (auto& m : readMountTable())
-      mounts.push_back(
-          {m.id, std::move(m.target), std::move(m.fsType), static_cast<std::uint64_t>(m.device)});
+    for (auto& m : readMountTable()) {
+      const bool removable = isRemovableMedia(m);
+      mounts.push_back({m.id, std::move(m.target), std::move(m.fsType),
+                        static_cast<std::uint64_t>(m.device), removable});
+    }
     return mounts;
   }
 
