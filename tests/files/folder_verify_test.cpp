@@ -1,7 +1,7 @@
 // Checking a copy later against its hash list: what changed, went, came or
 // looks renamed is named, the outcome becomes a generation of its own, and
 // a folder without a usable history is refused.
-#include "files/FolderVerify.h"
+#include "files/offload/FolderVerify.h"
 
 #include <filesystem>
 #include <string>
@@ -10,8 +10,8 @@
 
 #include "FilesFixture.h"
 #include "OffloadSupport.h"
-#include "files/Offload.h"
 #include "files/mhl/MhlHistory.h"
+#include "files/offload/Offload.h"
 
 namespace kd::test {
 namespace {

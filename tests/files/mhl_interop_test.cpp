@@ -12,9 +12,9 @@
 
 #include "FilesFixture.h"
 #include "OffloadSupport.h"
-#include "files/FolderVerify.h"
-#include "files/Offload.h"
 #include "files/mhl/MhlHistory.h"
+#include "files/offload/FolderVerify.h"
+#include "files/offload/Offload.h"
 #include "support/Process.h"
 
 namespace kd::test {

@@ -2,7 +2,7 @@
 // the schemas accept and that grow by a generation per run, resuming, a
 // changed byte found by reading again, refusals that leave everything as it
 // was, and kd offload's summary and exit statuses.
-#include "files/Offload.h"
+#include "files/offload/Offload.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

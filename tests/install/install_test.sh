@@ -87,7 +87,7 @@ check_tree() {
   check_file "$p/include/kd/files/KdFileManager.h"
   check_file "$p/include/kd/KdExport.h"
   # Only <kd/...> headers: internal ones stay in the source tree.
-  for header in platform/linux files/OffloadInternal.h common/WorkQueue.h common/Path.h \
+  for header in platform/linux files/offload/OffloadInternal.h common/WorkQueue.h common/Path.h \
     log/KdLogTesting.h helper/FerrimoHelper.h; do
     check_absent "$p/include/kd/$header"
   done

@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "common/UniqueFd.h"
-#include "files/OffloadInternal.h"
 #include "files/copy/FileDigest.h"
+#include "files/offload/OffloadInternal.h"
 
 namespace kd::offload {
 

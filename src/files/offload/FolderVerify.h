@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "files/Offload.h"
+#include "files/offload/Offload.h"
 
 namespace kd {
 

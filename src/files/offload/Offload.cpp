@@ -2,7 +2,7 @@
 // the verified copy, each copy finished under a temporary name and given its
 // real name only once it verified, resumable from each destination's hash
 // list.
-#include "files/Offload.h"
+#include "files/offload/Offload.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -20,12 +20,12 @@
 #include "common/Folders.h"
 #include "common/UniqueFd.h"
 #include "files/FileOperations.h"
-#include "files/OffloadHistory.h"
-#include "files/OffloadInternal.h"
-#include "files/TransferReport.h"
 #include "files/copy/CopyEngine.h"
 #include "files/mhl/MhlDirectoryHash.h"
 #include "files/mhl/MhlHistory.h"
+#include "files/offload/OffloadHistory.h"
+#include "files/offload/OffloadInternal.h"
+#include "files/offload/TransferReport.h"
 #include "platform/Platform.h"
 
 namespace kd {

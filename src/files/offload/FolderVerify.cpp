@@ -1,5 +1,5 @@
 // Checking a folder against its ASC MHL history, without the card.
-#include "files/FolderVerify.h"
+#include "files/offload/FolderVerify.h"
 
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -15,10 +15,10 @@
 #include <set>
 
 #include "common/UniqueFd.h"
-#include "files/OffloadInternal.h"
-#include "files/TransferReport.h"
 #include "files/mhl/MhlDirectoryHash.h"
 #include "files/mhl/MhlHistory.h"
+#include "files/offload/OffloadInternal.h"
+#include "files/offload/TransferReport.h"
 
 namespace kd {
 namespace {
