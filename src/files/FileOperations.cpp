@@ -1,4 +1,5 @@
-// Removing, copying and moving trees without ever replacing anything.
+// The plain file operations under KdFileManager's: removing, copying and
+// moving trees without ever replacing anything, and the failure record.
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -13,10 +14,13 @@
 #include <cstring>
 #include <memory>
 
+#include "auth/KdAuthorization.h"
 #include "common/Path.h"
 #include "common/UniqueFd.h"
 #include "common/Utf8.h"
 #include "files/FileOperations.h"
+#include "log/Format.h"
+#include "log/KdLog.h"
 #include "paths/KdLocalPaths.h"
 #include "platform/FileMetadata.h"
 #include "platform/Platform.h"
@@ -24,6 +28,14 @@
 namespace kd::files {
 
 namespace {
+
+// The failure record of the current thread.
+struct Failure {
+  std::string reason;
+  bool needsRights = false;
+};
+thread_local Failure tFailure;
+thread_local std::vector<std::string> tAttributesNotKept;
 
 struct DirCloser {
   void operator()(DIR* d) const { closedir(d); }
@@ -190,6 +202,66 @@ locale_t utf8Locale() {
 }
 
 }  // namespace
+
+void clearFailure() {
+  tFailure = Failure{};
+  tAttributesNotKept.clear();
+}
+
+void noteAttributesNotKept(const std::string& item, const std::vector<std::string>& names) {
+  std::string note = item + ":";
+  for (std::size_t i = 0; i < names.size(); ++i) note += (i ? ", " : " ") + names[i];
+  tAttributesNotKept.push_back(std::move(note));
+}
+
+const std::vector<std::string>& attributesNotKept() {
+  return tAttributesNotKept;
+}
+
+const std::string& failureReason() {
+  return tFailure.reason;
+}
+
+bool failureNeedsRights() {
+  return tFailure.needsRights;
+}
+
+void recordFailure(int error) {
+  tFailure = Failure{std::strerror(error), isRightsError(error)};
+}
+
+void recordFailure(const std::string& reason, bool needsRights) {
+  tFailure = Failure{reason, needsRights};
+}
+
+bool isRightsError(int error) {
+  return error == EACCES || error == EPERM;
+}
+
+std::string withoutTrailingSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+bool refusesSystemPath(const std::string& path, const char* message) {
+  // The same rule as the privileged commands: a root process takes the
+  // ordinary way, and must not remove or move the system away either.
+  if (!KdLocalPaths::isPathSystemDirectory(path, true) && !KdAuthorization::isProtectedTarget(path))
+    return false;
+  kd::platform().systemLog(kd::format(message, path));
+  recordFailure("a system folder is never changed", false);
+  return true;
+}
+
+bool refusesFolderAlias(const std::string& path, const char* message) {
+  if (!namesFolderByAlias(path)) return false;
+  KdLog::appendLog(message, path);
+  recordFailure(
+      "a path ending in \".\" or \"..\" names a folder by another name; name the "
+      "folder itself",
+      false);
+  return true;
+}
 
 int removeTree(const std::string& path) {
   if (namesFolderByAlias(path)) return EINVAL;
