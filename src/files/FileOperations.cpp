@@ -22,6 +22,7 @@
 #include "log/Format.h"
 #include "log/KdLog.h"
 #include "paths/KdLocalPaths.h"
+#include "platform/FileIO.h"
 #include "platform/FileMetadata.h"
 #include "platform/Platform.h"
 
@@ -146,14 +147,13 @@ void keepAttributes(int from, int to, const char* name) {
 int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toName) {
   struct stat st {};
   if (::fstatat(fromFolder, fromName, &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
-  const struct timespec times[2] = {st.st_atim, st.st_mtim};
   if (S_ISLNK(st.st_mode)) {
     std::string target(static_cast<std::size_t>(st.st_size > 0 ? st.st_size : 4096) + 1, '\0');
     const ssize_t n = ::readlinkat(fromFolder, fromName, target.data(), target.size());
     if (n < 0) return errno;
     target.resize(static_cast<std::size_t>(n));
     if (::symlinkat(target.c_str(), toFolder, toName) != 0) return errno;
-    ::utimensat(toFolder, toName, times, AT_SYMLINK_NOFOLLOW);
+    fileio::setTimesAt(toFolder, toName, st.st_atim, st.st_mtim);
     if (::geteuid() == 0 &&
         ::fchownat(toFolder, toName, st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW)) {
     }
@@ -171,8 +171,8 @@ int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toNam
     keepAttributes(in.get(), out.get(), fromName);
     keepOwner(out.get(), st);
     if (::fchmod(out.get(), st.st_mode & 07777) != 0) return errno;
-    if (::futimens(out.get(), times) != 0) return errno;
-    if (::fsync(out.get()) != 0) return errno;
+    if (int err = fileio::setTimes(out.get(), st.st_atim, st.st_mtim)) return err;
+    if (int err = fileio::flushToDevice(out.get())) return err;
     const int fd = out.release();
     return ::close(fd) == 0 ? 0 : errno;
   }
@@ -189,8 +189,7 @@ int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toNam
     keepAttributes(in.get(), out.get(), fromName);
     keepOwner(out.get(), st);
     if (::fchmod(out.get(), st.st_mode & 07777) != 0) return errno;
-    if (::futimens(out.get(), times) != 0) return errno;
-    return 0;
+    return fileio::setTimes(out.get(), st.st_atim, st.st_mtim);
   }
   if (S_ISFIFO(st.st_mode)) return ::mkfifoat(toFolder, toName, st.st_mode & 07777) ? errno : 0;
   return ENOTSUP;  // devices and sockets are not copied
@@ -284,18 +283,12 @@ bool namesFolderByAlias(const std::string& path) {
 int setModificationTime(const std::string& path, const struct timespec& modified) {
   struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) return errno;
-  const struct timespec times[2] = {st.st_atim, modified};
-  return ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+  return fileio::setTimesAt(AT_FDCWD, path, st.st_atim, modified);
 }
 
 int renameNoReplace(const std::string& from, const std::string& to) {
-  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
-  if (errno != EINVAL && errno != ENOSYS) return errno;
-  // A file system that cannot refuse by itself: look first.
-  struct stat st {};
-  if (::lstat(to.c_str(), &st) == 0) return EEXIST;
-  if (::lstat(from.c_str(), &st) != 0) return errno;
-  return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+  // Where the file system cannot refuse by itself, it is looked at first.
+  return fileio::renameNoReplaceOrLook(AT_FDCWD, from, AT_FDCWD, to);
 }
 
 std::string temporarySibling(const std::string& path, std::string_view purpose) {

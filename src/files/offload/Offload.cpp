@@ -16,25 +16,10 @@
 #include "common/UniqueFd.h"
 #include "files/copy/CopyEngine.h"
 #include "files/offload/OffloadRun.h"
+#include "platform/FileIO.h"
 
 namespace kd {
 namespace offload {
-
-namespace {
-
-// Renames within an open folder without replacing: EEXIST when the name is
-// taken. A file system that cannot refuse by itself (exFAT through FUSE) is
-// looked at first.
-int renameNoReplaceAt(int folder, const std::string& from, const std::string& to) {
-  if (::renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
-  if (errno != EINVAL && errno != ENOSYS) return errno;
-  struct stat st {};
-  if (::fstatat(folder, to.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
-  if (::fstatat(folder, from.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
-  return ::renameat(folder, from.c_str(), folder, to.c_str()) == 0 ? 0 : errno;
-}
-
-}  // namespace
 
 Run::Run(const OffloadOptions& options, const OffloadProgress& progress)
     : options_(options),
@@ -272,7 +257,7 @@ void Run::finishCopies(std::size_t index, const std::vector<Part>& copyTo,
     if (failure.empty())
       if (std::optional<std::string> moved = t.intact()) failure = *moved + "; nothing was kept";
     if (failure.empty()) {
-      if (const int err = renameNoReplaceAt(folder, part, name)) {
+      if (const int err = fileio::renameNoReplaceOrLook(folder, part, folder, name)) {
         failure = "it verified, but cannot take its name (" + std::string(std::strerror(err)) +
                   "); it stays as " + copyTo[i].path;
         keepPart = true;

@@ -13,6 +13,7 @@
 #include "files/mhl/MhlDirectoryHash.h"
 #include "files/offload/OffloadRun.h"
 #include "files/offload/TransferReport.h"
+#include "platform/FileIO.h"
 
 namespace kd::offload {
 
@@ -247,8 +248,7 @@ void Run::finish() {
       // modification time sent alone.
       struct stat st {};
       if (::fstat(t.current(), &st) != 0) continue;
-      const struct timespec times[2] = {st.st_atim, folder->modified};
-      ::futimens(t.current(), times);
+      fileio::setTimes(t.current(), st.st_atim, folder->modified);
     }
     t.leaveTo(1);
   }

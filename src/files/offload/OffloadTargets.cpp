@@ -13,6 +13,7 @@
 
 #include "common/Folders.h"
 #include "files/offload/OffloadRun.h"
+#include "platform/FileIO.h"
 #include "platform/Platform.h"
 
 namespace kd::offload {
@@ -79,14 +80,15 @@ std::optional<std::size_t> Target::firstMoved() const {
 
 void Target::leaveTo(std::size_t size) {
   while (open.size() > size) {
-    if (open.back().changed) ::fsync(open.back().fd.get());
+    if (open.back().changed) fileio::flushFolderToDevice(open.back().fd.get());
     open.pop_back();
   }
 }
 
 void Target::flushFolders() {
   leaveTo(1);
-  if (open.front().changed && ::fsync(open.front().fd.get()) == 0) open.front().changed = false;
+  if (open.front().changed && fileio::flushFolderToDevice(open.front().fd.get()) == 0)
+    open.front().changed = false;
 }
 
 std::optional<std::string> Target::gone() const {
