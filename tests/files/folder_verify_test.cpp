@@ -105,7 +105,7 @@ TEST_F(FolderVerify, NamesEveryDifferenceAndRecordsWhatItRead) {
   EXPECT_EQ(last.process, "in-place");
   EXPECT_EQ(last.verified, 1u);
   EXPECT_EQ(last.failed, 1u);
-  EXPECT_EQ(history.latest("DCIM/100EOS5D/IMG_0001.CR2", "xxh64")->action, "failed");
+  EXPECT_EQ(history.latest("DCIM/100EOS5D/IMG_0001.CR2", "xxh64")->action, kd::MhlAction::Failed);
 
   // The failed record is not what the next check compares with: the file is
   // still changed.
@@ -162,7 +162,7 @@ TEST_F(FolderVerify, EveryRecordedKindIsCompared) {
     std::string error;
     ASSERT_TRUE(MhlHistory::load(folder, history, error)) << error;
     for (const char* kind : {"xxh64", "md5"})
-      EXPECT_EQ(history.latest(clip, kind)->action, "failed") << kind;
+      EXPECT_EQ(history.latest(clip, kind)->action, kd::MhlAction::Failed) << kind;
   }
 }
 

@@ -286,7 +286,7 @@ void Run::finishCopies(std::size_t index, const std::vector<Part>& copyTo,
     t.report.states[index] = OffloadFileState::Copied;
     if (options_.reverify) ++t.report.filesReverified;
     t.report.bytesCopied += result.bytesCopied;
-    record(t, index, result.bytesCopied, *result.sourceDigest, "original", now);
+    record(t, index, result.bytesCopied, *result.sourceDigest, MhlAction::Original, now);
   }
 }
 

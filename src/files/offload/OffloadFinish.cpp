@@ -48,7 +48,7 @@ void Run::confirmPresent(Target& t, std::size_t index, const std::string& source
   // the card's own, never checked at this destination: the copy is read.
   if (t.historyUsable && cardHistories_.empty())
     recorded = t.history.latest(file.path, options_.hash.verifying());
-  if (recorded && recorded->action == "failed") recorded.reset();  // a digest not to trust
+  if (recorded && recorded->action == MhlAction::Failed) recorded.reset();  // a digest not to trust
   if (recorded && recorded->size == file.size && !options_.reverify)
     found = recorded->digest;
   else
@@ -66,23 +66,24 @@ void Run::confirmPresent(Target& t, std::size_t index, const std::string& source
            sourceDigest, found);
     if (options_.reverify)
       t.entries.push_back({file.path, file.size, timeOf(file.modified), options_.hash.verifying(),
-                           *found, "failed", now});
+                           *found, MhlAction::Failed, now});
     return;
   }
   ++t.report.filesSkipped;
   t.report.states[index] = OffloadFileState::AlreadyThere;
   if (options_.reverify) {
     ++t.report.filesReverified;
-    record(t, index, file.size, sourceDigest, recorded ? "verified" : "original", now);
+    record(t, index, file.size, sourceDigest, recorded ? MhlAction::Verified : MhlAction::Original,
+           now);
   } else if (!recorded) {
-    record(t, index, file.size, sourceDigest, "original", now);
+    record(t, index, file.size, sourceDigest, MhlAction::Original, now);
   } else {
     recordOthers(t, index, file.size, now, /*onlyNew=*/true);
   }
 }
 
 void Run::record(Target& t, std::size_t index, std::uint64_t size, const std::string& digest,
-                 const char* action, std::chrono::system_clock::time_point now) {
+                 MhlAction action, std::chrono::system_clock::time_point now) {
   const CardFile& file = tree_.files[index];
   t.entries.push_back(
       {file.path, size, timeOf(file.modified), options_.hash.verifying(), digest, action, now});
@@ -98,10 +99,10 @@ void Run::recordOthers(Target& t, std::size_t index, std::uint64_t size,
     if (digests[k].empty()) continue;  // a digest that failed records nothing
     if (onlyNew && t.historyUsable) {
       const std::optional<MhlHash> known = t.history.latest(file.path, kinds[k]);
-      if (known && known->action != "failed" && known->digest == digests[k]) continue;
+      if (known && known->action != MhlAction::Failed && known->digest == digests[k]) continue;
     }
     t.entries.push_back(
-        {file.path, size, timeOf(file.modified), kinds[k], digests[k], "original", now});
+        {file.path, size, timeOf(file.modified), kinds[k], digests[k], MhlAction::Original, now});
   }
 }
 
@@ -157,8 +158,8 @@ void Run::checkAgainstCardHistory(std::size_t index, const std::string& source,
     std::vector<MhlHash> added;
     for (std::size_t e = entriesBefore[i]; e < t.entries.size(); ++e) {
       MhlHash& entry = t.entries[e];
-      if (entry.path != file.path || entry.action == "failed") continue;
-      entry.action = check.outcome == Outcome::Match ? "verified" : "failed";
+      if (entry.path != file.path || entry.action == MhlAction::Failed) continue;
+      entry.action = check.outcome == Outcome::Match ? MhlAction::Verified : MhlAction::Failed;
       if (check.outcome == Outcome::Match && check.kind != entry.format) {
         // Recorded already as a further kind of this run: now checked.
         const auto same = std::find_if(

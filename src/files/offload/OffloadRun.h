@@ -174,7 +174,7 @@ class Run {
   // `action`, and the card file's digest in each further kind, "original"
   // (hashed from the card in this run).
   void record(Target& t, std::size_t index, std::uint64_t size, const std::string& digest,
-              const char* action, std::chrono::system_clock::time_point now);
+              MhlAction action, std::chrono::system_clock::time_point now);
   // With `onlyNew`, a kind the hash list already holds as good, with the same
   // digest, is not written again.
   void recordOthers(Target& t, std::size_t index, std::uint64_t size,
