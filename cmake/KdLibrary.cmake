@@ -52,7 +52,7 @@ install(TARGETS kd_shared EXPORT KdTargets
 
 # The public headers, with their folders: <kd/files/KdFileManager.h>. Besides
 # the classes of the subsystems, the card offload and folder verification with
-# their hash lists (files/Offload.h, FolderVerify.h, HashKinds.h, mhl/) and the small
+# their hash lists (files/offload/, HashKinds.h, mhl/) and the small
 # utilities they and the programs use (dates, paths, UTF-8, the read-ahead
 # reader, the shared settings file). The rest (platform implementations, the
 # mount table, the work queue, the offload's internals and transfer reports,
@@ -73,11 +73,11 @@ set(KD_PUBLIC_HEADERS
     files/HashKinds.h
     files/mhl/MhlHistory.h
     files/mhl/MhlManifest.h
-    files/FolderVerify.h
+    files/offload/FolderVerify.h
     files/KdDelegates.h
     files/KdDigestContext.h
     files/KdFileManager.h
-    files/Offload.h
+    files/offload/Offload.h
     helper/FerrimoVolumeChecker.h
     log/Format.h
     log/KdException.h

@@ -76,6 +76,9 @@ bool refusesFolderAlias(const std::string& path, const char* message);
 void clearFailure();
 void recordFailure(int error);
 void recordFailure(const std::string& reason, bool needsRights = false);
+// The last failure recorded: what went wrong, and whether rights were missing.
+const std::string& failureReason();
+bool failureNeedsRights();
 // Extended attributes that a copy could not keep (its file system holds
 // none): noted per item on the current thread, cleared with the failure
 // record, each as "<item>: <name>, <name>".

@@ -27,6 +27,7 @@
 #include "files/FileOperations.h"
 #include "files/KdFileManager.h"
 #include "log/KdLog.h"
+#include "platform/FileIO.h"
 
 namespace {
 
@@ -247,8 +248,7 @@ class Extractor {
       kd::UniqueFd folder = open(it->parts, it->parts.size(), false);
       if (!folder) continue;
       ::fchmod(folder.get(), it->mode);
-      const struct timespec times[2] = {it->mtime, it->mtime};
-      ::futimens(folder.get(), times);
+      kd::fileio::setTimes(folder.get(), it->mtime, it->mtime);
     }
     return true;
   }
@@ -290,7 +290,6 @@ class Extractor {
     const struct timespec mtime = {archive_entry_mtime(entry), archive_entry_mtime_is_set(entry)
                                                                    ? archive_entry_mtime_nsec(entry)
                                                                    : static_cast<long>(UTIME_OMIT)};
-    const struct timespec times[2] = {mtime, mtime};
 
     if (const char* hard = archive_entry_hardlink(entry)) {
       std::optional<std::vector<std::string>> target = insideComponents(hard);
@@ -312,7 +311,7 @@ class Extractor {
         linked.resize(static_cast<std::size_t>(n));
         if (!targetStaysInside(linked, parts->size() - 1)) return outside(name);
         if (::symlinkat(linked.c_str(), parent.get(), leaf) != 0) return failed(name, nullptr);
-        ::utimensat(parent.get(), leaf, times, AT_SYMLINK_NOFOLLOW);
+        kd::fileio::setTimesAt(parent.get(), leaf, mtime, mtime);
         return true;
       }
       if (::linkat(targetParent.get(), targetLeaf, parent.get(), leaf, 0) != 0)
@@ -335,7 +334,7 @@ class Extractor {
         const char* target = utf8 ? utf8 : archive_entry_symlink(entry);
         if (!target || !targetStaysInside(target, parts->size() - 1)) return outside(name);
         if (::symlinkat(target, parent.get(), leaf) != 0) return failed(name, nullptr);
-        ::utimensat(parent.get(), leaf, times, AT_SYMLINK_NOFOLLOW);
+        kd::fileio::setTimesAt(parent.get(), leaf, mtime, mtime);
         return true;
       }
       case AE_IFREG: {
@@ -358,8 +357,10 @@ class Extractor {
             done += w;
           }
         }
-        if (::fchmod(file.get(), mode) != 0 || ::futimens(file.get(), times) != 0 ||
-            ::fsync(file.get()) != 0)
+        // The seam's calls answer the error number and leave it in errno.
+        if (::fchmod(file.get(), mode) != 0 ||
+            kd::fileio::setTimes(file.get(), mtime, mtime) != 0 ||
+            kd::fileio::flushToDevice(file.get()) != 0)
           return failed(name, nullptr);
         const int fd = file.release();
         if (::close(fd) != 0) return failed(name, nullptr);
@@ -425,7 +426,7 @@ bool KdFileManager::compressFile(const std::string& source, const std::string& t
       // Only a writer that finished has written the archive's directory.
       written = added && archive_write_close(writer.get()) == ARCHIVE_OK;
       if (added && !written) why = errorOf(writer.get());
-      written = written && ::fsync(out.get()) == 0;
+      written = written && kd::fileio::flushToDevice(out.get()) == 0;
     } else {
       why = writer ? errorOf(writer.get()) : std::strerror(ENOMEM);
     }

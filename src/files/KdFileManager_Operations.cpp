@@ -17,73 +17,6 @@
 #include "paths/KdLocalPaths.h"
 #include "platform/Platform.h"
 
-namespace kd::files {
-
-namespace {
-
-struct Failure {
-  std::string reason;
-  bool needsRights = false;
-};
-thread_local Failure tFailure;
-thread_local std::vector<std::string> tAttributesNotKept;
-
-}  // namespace
-
-void clearFailure() {
-  tFailure = Failure{};
-  tAttributesNotKept.clear();
-}
-
-void noteAttributesNotKept(const std::string& item, const std::vector<std::string>& names) {
-  std::string note = item + ":";
-  for (std::size_t i = 0; i < names.size(); ++i) note += (i ? ", " : " ") + names[i];
-  tAttributesNotKept.push_back(std::move(note));
-}
-
-const std::vector<std::string>& attributesNotKept() {
-  return tAttributesNotKept;
-}
-
-void recordFailure(int error) {
-  tFailure = Failure{std::strerror(error), isRightsError(error)};
-}
-
-void recordFailure(const std::string& reason, bool needsRights) {
-  tFailure = Failure{reason, needsRights};
-}
-
-bool isRightsError(int error) {
-  return error == EACCES || error == EPERM;
-}
-
-std::string withoutTrailingSlashes(std::string path) {
-  while (path.size() > 1 && path.back() == '/') path.pop_back();
-  return path;
-}
-
-bool refusesSystemPath(const std::string& path, const char* message) {
-  // The same rule as the privileged commands: a root process takes the
-  // ordinary way, and must not remove or move the system away either.
-  if (!KdLocalPaths::isPathSystemDirectory(path, true) && !KdAuthorization::isProtectedTarget(path))
-    return false;
-  kd::platform().systemLog(kd::format(message, path));
-  recordFailure("a system folder is never changed", false);
-  return true;
-}
-
-bool refusesFolderAlias(const std::string& path, const char* message) {
-  if (!namesFolderByAlias(path)) return false;
-  KdLog::appendLog(message, path);
-  recordFailure(
-      "a path ending in \".\" or \"..\" names a folder by another name; name the "
-      "folder itself",
-      false);
-  return true;
-}
-
-}  // namespace kd::files
-
 namespace {
 
 namespace files = kd::files;
@@ -105,7 +38,7 @@ bool fallsBack(bool shouldAuth, int error) {
 }  // namespace
 
 std::string KdFileManager::lastFailureReason() {
-  return files::tFailure.reason;
+  return files::failureReason();
 }
 
 std::vector<std::string> KdFileManager::lastAttributesNotKept() {
@@ -113,7 +46,7 @@ std::vector<std::string> KdFileManager::lastAttributesNotKept() {
 }
 
 bool KdFileManager::lastFailureNeedsRights() {
-  return files::tFailure.needsRights;
+  return files::failureNeedsRights();
 }
 
 bool KdFileManager::removeFile(const std::string& givenPath, bool shouldAuth) {

@@ -29,7 +29,7 @@
 #include "common/WorkQueue.h"
 #include "files/FilesFixture.h"
 #include "files/KdFileManager.h"
-#include "files/Offload.h"
+#include "files/offload/Offload.h"
 #include "platform/FileMetadata.h"
 #include "platform/Platform.h"
 

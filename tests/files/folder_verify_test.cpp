@@ -1,7 +1,7 @@
 // Checking a copy later against its hash list: what changed, went, came or
 // looks renamed is named, the outcome becomes a generation of its own, and
 // a folder without a usable history is refused.
-#include "files/FolderVerify.h"
+#include "files/offload/FolderVerify.h"
 
 #include <filesystem>
 #include <string>
@@ -10,8 +10,8 @@
 
 #include "FilesFixture.h"
 #include "OffloadSupport.h"
-#include "files/Offload.h"
 #include "files/mhl/MhlHistory.h"
+#include "files/offload/Offload.h"
 
 namespace kd::test {
 namespace {
@@ -105,7 +105,7 @@ TEST_F(FolderVerify, NamesEveryDifferenceAndRecordsWhatItRead) {
   EXPECT_EQ(last.process, "in-place");
   EXPECT_EQ(last.verified, 1u);
   EXPECT_EQ(last.failed, 1u);
-  EXPECT_EQ(history.latest("DCIM/100EOS5D/IMG_0001.CR2", "xxh64")->action, "failed");
+  EXPECT_EQ(history.latest("DCIM/100EOS5D/IMG_0001.CR2", "xxh64")->action, kd::MhlAction::Failed);
 
   // The failed record is not what the next check compares with: the file is
   // still changed.
@@ -162,7 +162,7 @@ TEST_F(FolderVerify, EveryRecordedKindIsCompared) {
     std::string error;
     ASSERT_TRUE(MhlHistory::load(folder, history, error)) << error;
     for (const char* kind : {"xxh64", "md5"})
-      EXPECT_EQ(history.latest(clip, kind)->action, "failed") << kind;
+      EXPECT_EQ(history.latest(clip, kind)->action, kd::MhlAction::Failed) << kind;
   }
 }
 

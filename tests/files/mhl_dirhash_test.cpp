@@ -109,7 +109,7 @@ TEST_F(MhlDirectoryHashes, EqualTheReferenceToolsForEveryFormat) {
       std::vector<MhlHash> digests;
       for (const auto& [path, bytes] : files)
         digests.push_back({path, bytes.size(), std::nullopt, format, digestOf(format, bytes),
-                           "original", std::nullopt});
+                           kd::MhlAction::Original, std::nullopt});
       const kd::MhlDirectoryHashes ours = mhlDirectoryHashes(digests, folders, format);
       Hashes computed;
       ASSERT_EQ(ours.root.size(), 1u);
@@ -132,10 +132,11 @@ TEST_F(MhlDirectoryHashes, EqualTheReferenceToolsForEveryFormat) {
 TEST_F(MhlDirectoryHashes, NoneAboveAFileOfUnknownContent) {
   const std::string d = std::string(16, '0');
   const std::vector<MhlHash> files = {
-      {"A/B/known", 1, std::nullopt, "xxh64", d, "original", std::nullopt},
-      {"A/B/failed", 1, std::nullopt, "xxh64", "", "", std::nullopt},
-      {"A/C/md5only", 1, std::nullopt, "md5", std::string(32, '0'), "original", std::nullopt},
-      {"D/known", 1, std::nullopt, "xxh64", d, "original", std::nullopt},
+      {"A/B/known", 1, std::nullopt, "xxh64", d, kd::MhlAction::Original, std::nullopt},
+      {"A/B/failed", 1, std::nullopt, "xxh64", "", kd::MhlAction::None, std::nullopt},
+      {"A/C/md5only", 1, std::nullopt, "md5", std::string(32, '0'), kd::MhlAction::Original,
+       std::nullopt},
+      {"D/known", 1, std::nullopt, "xxh64", d, kd::MhlAction::Original, std::nullopt},
   };
   const kd::MhlDirectoryHashes hashes = mhlDirectoryHashes(files, {{"E", std::nullopt}}, "xxh64");
   std::vector<std::string> folders;
@@ -149,14 +150,15 @@ TEST_F(MhlDirectoryHashes, NoneAboveAFileOfUnknownContent) {
 TEST_F(MhlDirectoryHashes, OfAGenerationComeFromItsEntriesAndTheHistory) {
   const std::string tracked = dir_.mkdir("CARD");
   const std::string d = std::string(16, '1');
-  auto hash = [&](std::string path, std::string action) {
+  auto hash = [&](std::string path, kd::MhlAction action) {
     return MhlHash{std::move(path), 1, std::nullopt, "xxh64", d, std::move(action), std::nullopt};
   };
   MhlHistory history;
   std::string error;
   ASSERT_TRUE(MhlHistory::load(tracked, history, error)) << error;
-  ASSERT_TRUE(history.addGeneration({std::chrono::system_clock::now(), "h", "kd", "1"}, "CARD", {},
-                                    {hash("A/x", "original"), hash("A/y", "failed")}, error))
+  ASSERT_TRUE(history.addGeneration(
+      {std::chrono::system_clock::now(), "h", "kd", "1"}, "CARD", {},
+      {hash("A/x", kd::MhlAction::Original), hash("A/y", kd::MhlAction::Failed)}, error))
       << error;
   const std::vector<std::string> paths = {"A/x", "A/y", "B/z"};
   struct Case {
@@ -165,9 +167,11 @@ TEST_F(MhlDirectoryHashes, OfAGenerationComeFromItsEntriesAndTheHistory) {
     std::vector<std::string> hashed;  // folders with hashes; "" the root
   };
   const std::vector<Case> cases = {
-      {"recorded as failed, not found again", {hash("B/z", "original")}, {"B"}},
-      {"found again", {hash("A/y", "verified"), hash("B/z", "original")}, {"A", "B", ""}},
-      {"not found at all", {hash("A/y", "verified")}, {"A"}},
+      {"recorded as failed, not found again", {hash("B/z", kd::MhlAction::Original)}, {"B"}},
+      {"found again",
+       {hash("A/y", kd::MhlAction::Verified), hash("B/z", kd::MhlAction::Original)},
+       {"A", "B", ""}},
+      {"not found at all", {hash("A/y", kd::MhlAction::Verified)}, {"A"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -185,8 +189,8 @@ TEST_F(MhlDirectoryHashes, AreWrittenValidAndReadBack) {
   manifest.creator = {std::chrono::system_clock::time_point(std::chrono::seconds(1700000000)), "h",
                       "kd", "1"};
   manifest.process = "transfer";
-  manifest.hashes = {
-      {"A/x", 1, std::nullopt, "xxh64", std::string(16, 'a'), "original", std::nullopt}};
+  manifest.hashes = {{"A/x", 1, std::nullopt, "xxh64", std::string(16, 'a'),
+                      kd::MhlAction::Original, std::nullopt}};
   manifest.directoryHashes.root = {
       {"md5", std::string(32, 'b'), std::string(32, 'c')},
       {"c4", mhlC4Id("r"), mhlC4Id("s")}};  // written in the schema's order: c4 first

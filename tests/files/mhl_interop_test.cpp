@@ -12,9 +12,9 @@
 
 #include "FilesFixture.h"
 #include "OffloadSupport.h"
-#include "files/FolderVerify.h"
-#include "files/Offload.h"
 #include "files/mhl/MhlHistory.h"
+#include "files/offload/FolderVerify.h"
+#include "files/offload/Offload.h"
 #include "support/Process.h"
 
 namespace kd::test {
@@ -93,7 +93,7 @@ TEST_F(MhlInterop, HistoriesPassBetweenKdAndTheReferenceTool) {
   std::string error;
   ASSERT_TRUE(MhlHistory::load(theirs + "/EOS_DIGITAL", history, error)) << error;
   EXPECT_EQ(history.generations(), 2);
-  EXPECT_EQ(history.latest("DCIM/100EOS5D/EMPTY.TXT", "xxh64")->action, "verified");
+  EXPECT_EQ(history.latest("DCIM/100EOS5D/EMPTY.TXT", "xxh64")->action, kd::MhlAction::Verified);
   EXPECT_EQ(reference({"debug", "verify", theirs + "/EOS_DIGITAL"}), 0) << said();
   EXPECT_EQ(reference({"debug", "verify", "-dh", theirs + "/EOS_DIGITAL"}), 0) << said();
   EXPECT_EQ(historyProblems(theirs + "/EOS_DIGITAL/ascmhl"), "");
@@ -224,7 +224,7 @@ TEST_F(MhlInterop, OffloadContinuesTheCardsOwnHistory) {
       for (const std::string kind : {"md5", "xxh64"}) {
         if (row.hash.find(kind) == std::string::npos) continue;
         ASSERT_TRUE(history.latest(clip, kind)) << clip << " " << kind;
-        EXPECT_EQ(history.latest(clip, kind)->action, "verified") << kind;
+        EXPECT_EQ(history.latest(clip, kind)->action, kd::MhlAction::Verified) << kind;
       }
       EXPECT_EQ(historyProblems(folder + "/ascmhl"), "");
       FolderVerifyOptions check;

@@ -34,8 +34,9 @@ TEST(AscMhlRoot, GenerationsOnExfatAndATakenNameIsKept) {
   if (!card.ok()) GTEST_SKIP() << card.error();
   const std::string tracked = card.point() + "/CARD";
   std::filesystem::create_directory(tracked);
-  const MhlHash hash{"Clips/A.mov",      5,          at(1700000000), "xxh64",
-                     "0ea03b369a463d9d", "original", at(1700000100)};
+  const MhlHash hash{
+      "Clips/A.mov", 5, at(1700000000), "xxh64", "0ea03b369a463d9d", kd::MhlAction::Original,
+      at(1700000100)};
   std::string error;
   for (long long day = 0; day < 2; ++day) {
     MhlHistory history;

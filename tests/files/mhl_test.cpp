@@ -43,8 +43,9 @@ MhlCreator creator(long long seconds) {
 
 MhlHash hashOf(std::string path, std::uint64_t size, std::string format, std::string digest,
                long long when = 1700000000) {
-  return MhlHash{std::move(path),   size,       at(when - 3600), std::move(format),
-                 std::move(digest), "original", at(when)};
+  return MhlHash{
+      std::move(path),         size,    at(when - 3600), std::move(format), std::move(digest),
+      kd::MhlAction::Original, at(when)};
 }
 
 void put(const std::string& path, const std::string& text) {
@@ -406,8 +407,9 @@ TEST(AscMhl, TheStandardsExamplesRead) {
   EXPECT_EQ(manifest.process, "in-place");
   EXPECT_EQ(manifest.ignorePatterns, (std::vector<std::string>{".DS_Store", "ascmhl", "ascmhl/"}));
   ASSERT_EQ(manifest.hashes.size(), 3u);  // the directory hash is not a file's
-  EXPECT_EQ(manifest.hashes[2], (MhlHash{"Sidecar.txt", 58, at(1579093200), "xxh64",
-                                         "3ab5a4166b9bde44", "verified", at(1579271400)}));
+  EXPECT_EQ(manifest.hashes[2],
+            (MhlHash{"Sidecar.txt", 58, at(1579093200), "xxh64", "3ab5a4166b9bde44",
+                     kd::MhlAction::Verified, at(1579271400)}));
   EXPECT_EQ(
       manifest.directoryHashes.root,
       (std::vector<kd::MhlDirectoryDigest>{{"xxh64", "8d02114c32e28cbe", "f557f8ca8e5a88ef"}}));

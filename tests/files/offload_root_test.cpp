@@ -10,7 +10,7 @@
 #include "FilesFixture.h"
 #include "OffloadSupport.h"
 #include "ScopedMount.h"
-#include "files/Offload.h"
+#include "files/offload/Offload.h"
 
 namespace kd::test {
 namespace {

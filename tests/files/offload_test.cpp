@@ -2,7 +2,7 @@
 // the schemas accept and that grow by a generation per run, resuming, a
 // changed byte found by reading again, refusals that leave everything as it
 // was, and kd offload's summary and exit statuses.
-#include "files/Offload.h"
+#include "files/offload/Offload.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -108,7 +108,8 @@ TEST_F(Offload, RepeatedRunsSkipWhatIsThereAndAddAGeneration) {
     std::string error;
     ASSERT_TRUE(MhlHistory::load(d.folder, history, error)) << error;
     EXPECT_EQ(history.generations(), 2);
-    EXPECT_EQ(history.latest("DCIM/100EOS5D/IMG_0003.CR2", "xxh64")->action, "original");
+    EXPECT_EQ(history.latest("DCIM/100EOS5D/IMG_0003.CR2", "xxh64")->action,
+              kd::MhlAction::Original);
     ASSERT_TRUE(d.manifest);
     EXPECT_NE(d.manifest->find("/ascmhl/0002_EOS_DIGITAL_"), std::string::npos);
   }
@@ -122,7 +123,8 @@ TEST_F(Offload, RepeatedRunsSkipWhatIsThereAndAddAGeneration) {
     std::string error;
     ASSERT_TRUE(MhlHistory::load(d.folder, history, error)) << error;
     EXPECT_EQ(history.generations(), 3);
-    EXPECT_EQ(history.latest("DCIM/100EOS5D/MVI_0002.MOV", "xxh64")->action, "verified");
+    EXPECT_EQ(history.latest("DCIM/100EOS5D/MVI_0002.MOV", "xxh64")->action,
+              kd::MhlAction::Verified);
   }
 }
 

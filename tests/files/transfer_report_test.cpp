@@ -1,7 +1,7 @@
 // The transfer report: every file with its state at the destination, hostile
 // names from a card shown as text (never markup, never a spreadsheet formula,
 // never bytes that are no UTF-8), and a page an HTML parser reads cleanly.
-#include "files/TransferReport.h"
+#include "files/offload/TransferReport.h"
 
 #include <cstdio>
 #include <string>

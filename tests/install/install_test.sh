@@ -87,10 +87,10 @@ check_tree() {
   check_file "$p/include/kd/files/KdFileManager.h"
   check_file "$p/include/kd/KdExport.h"
   # Only <kd/...> headers: internal ones stay in the source tree.
-  check_file "$p/include/kd/files/Offload.h"
+  check_file "$p/include/kd/files/offload/Offload.h"
   check_file "$p/include/kd/files/mhl/MhlHistory.h"
   check_file "$p/include/kd/files/mhl/MhlManifest.h"
-  for header in platform/linux files/OffloadInternal.h files/TransferReport.h common/WorkQueue.h \
+  for header in platform/linux files/offload/OffloadInternal.h files/offload/TransferReport.h common/WorkQueue.h \
     log/KdLogTesting.h helper/FerrimoHelper.h; do
     check_absent "$p/include/kd/$header"
   done

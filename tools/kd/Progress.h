@@ -18,7 +18,7 @@
 #include "common/ThreadAnnotations.h"
 #include "log/KdLog.h"
 
-#include "files/Offload.h"
+#include "files/offload/Offload.h"
 
 namespace kd::tool {
 

@@ -17,7 +17,7 @@
 #include "Progress.h"
 #include "Rights.h"
 #include "files/KdFileManager.h"
-#include "files/Offload.h"
+#include "files/offload/Offload.h"
 #include "helper/FerrimoVolumeChecker.h"
 #include "log/KdLog.h"
 

@@ -12,9 +12,9 @@
 #include "Output.h"
 #include "Progress.h"
 #include "Rights.h"
-#include "files/FolderVerify.h"
 #include "files/KdFileManager.h"
 #include "files/mhl/MhlHistory.h"
+#include "files/offload/FolderVerify.h"
 #include "log/KdLog.h"
 
 namespace {

@@ -217,7 +217,7 @@ MhlDirectoryHashes mhlGenerationDirectoryHashes(const std::vector<std::string>& 
     if (const auto it = found.find(path); it != found.end()) {
       file.digest = it->second->digest;
     } else if (std::optional<MhlHash> recorded = history.latest(path, format);
-               recorded && recorded->action != "failed") {
+               recorded && recorded->action != MhlAction::Failed) {
       file.digest = recorded->digest;
     }
     files.push_back(std::move(file));

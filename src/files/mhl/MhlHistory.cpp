@@ -172,11 +172,11 @@ void MhlHistory::index(const MhlChainEntry& entry, const MhlManifest& manifest) 
   std::set<std::string_view> paths;
   for (const MhlHash& h : manifest.hashes) {
     latest_.insert_or_assign(hashKey(h.format, h.path), h);
-    if (h.action != "failed") good_.insert_or_assign(hashKey(h.format, h.path), h);
+    if (h.action != MhlAction::Failed) good_.insert_or_assign(hashKey(h.format, h.path), h);
     paths.insert(h.path);
-    ++(h.action == "failed"     ? generation.failed
-       : h.action == "verified" ? generation.verified
-                                : generation.original);
+    ++(h.action == MhlAction::Failed     ? generation.failed
+       : h.action == MhlAction::Verified ? generation.verified
+                                         : generation.original);
   }
   generation.files = paths.size();
   generationList_.push_back(std::move(generation));

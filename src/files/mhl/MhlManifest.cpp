@@ -360,9 +360,9 @@ class ManifestReader {
       MhlHash entry = file;
       entry.format = std::string(name);
       if (const xml::PullReader::Attribute* action = x_.attribute("action")) {
-        entry.action = action->value;
-        if (entry.action != "original" && entry.action != "verified" && entry.action != "failed")
-          return fail("an unknown action \"" + shown(entry.action) + "\"");
+        const std::optional<MhlAction> named = mhlActionNamed(action->value);
+        if (!named) return fail("an unknown action \"" + shown(action->value) + "\"");
+        entry.action = *named;
       }
       if (const xml::PullReader::Attribute* date = x_.attribute("hashdate")) {
         entry.hashDate = parseDateTime(date->value);
@@ -527,6 +527,26 @@ std::optional<std::string> appendReferences(std::string& out,
 
 }  // namespace
 
+std::string_view mhlActionText(MhlAction action) {
+  switch (action) {
+    case MhlAction::Original:
+      return "original";
+    case MhlAction::Verified:
+      return "verified";
+    case MhlAction::Failed:
+      return "failed";
+    case MhlAction::None:
+      break;
+  }
+  return "";
+}
+
+std::optional<MhlAction> mhlActionNamed(std::string_view text) {
+  for (MhlAction action : {MhlAction::Original, MhlAction::Verified, MhlAction::Failed})
+    if (text == mhlActionText(action)) return action;
+  return std::nullopt;
+}
+
 bool isMhlHashFormat(std::string_view format) {
   return formatRank(format) >= 0;
 }
@@ -634,13 +654,11 @@ std::optional<std::string> writeMhlManifest(const MhlManifest& m, std::string& e
       auto digest = normalDigest(h->format, h->digest);
       if (!digest)
         return refuse("a malformed " + h->format + " digest for \"" + shown(h->path) + "\"");
-      if (!h->action.empty() && h->action != "original" && h->action != "verified" &&
-          h->action != "failed")
-        return refuse("an unknown action \"" + shown(h->action) + "\"");
       if (!seen.insert(hashKey(h->format, h->path)).second)
         return refuse("\"" + shown(h->path) + "\" given twice with " + h->format);
       out += "      <" + h->format;
-      if (!h->action.empty()) out += " action=\"" + h->action + "\"";
+      if (h->action != MhlAction::None)
+        out += " action=\"" + std::string(mhlActionText(h->action)) + "\"";
       if (h->hashDate) out += " hashdate=\"" + formatDateTime(*h->hashDate) + "\"";
       out += ">" + *digest + "</" + h->format + ">\n";
     }

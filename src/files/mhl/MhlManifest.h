@@ -22,6 +22,16 @@
 
 namespace kd {
 
+// What a generation did with a file's hash, its "action": hashed for the
+// first time ("original"), found again and equal ("verified"), or found
+// different or unreadable ("failed"). None: the manifest gave no action.
+enum class MhlAction { None, Original, Verified, Failed };
+
+// The action's text in a manifest ("" for None), and the action a text
+// names (nothing when it names none): the one place the two meet.
+std::string_view mhlActionText(MhlAction action);
+std::optional<MhlAction> mhlActionNamed(std::string_view text);
+
 // One file's hash as recorded in a generation.
 struct MhlHash {
   std::string path;  // relative to the tracked folder, '/'-separated, as written in <path>
@@ -31,7 +41,7 @@ struct MhlHash {
   std::optional<std::chrono::system_clock::time_point> modified;  // lastmodificationdate
   std::string format;  // "xxh64", "xxh3", "xxh128", "md5", "sha1", "c4"
   std::string digest;  // lowercase hex (c4: its own "c4..." text)
-  std::string action;  // "original", "verified" or "failed"
+  MhlAction action = MhlAction::None;
   std::optional<std::chrono::system_clock::time_point> hashDate;  // may be left out too
 
   bool operator==(const MhlHash&) const = default;

@@ -1,5 +1,5 @@
 // Checking a folder against its ASC MHL history, without the card.
-#include "files/FolderVerify.h"
+#include "files/offload/FolderVerify.h"
 
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -15,10 +15,10 @@
 #include <set>
 
 #include "common/UniqueFd.h"
-#include "files/OffloadInternal.h"
-#include "files/TransferReport.h"
 #include "files/mhl/MhlDirectoryHash.h"
 #include "files/mhl/MhlHistory.h"
+#include "files/offload/OffloadInternal.h"
+#include "files/offload/TransferReport.h"
 
 namespace kd {
 namespace {
@@ -244,7 +244,8 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
       if ((*found)[k] != records[k].digest) differs = k;
     const std::optional<std::uint64_t> size = records.front().size;
     const bool resized = size && *size != f->size;
-    const char* action = differs < records.size() || resized ? "failed" : "verified";
+    const MhlAction action =
+        differs < records.size() || resized ? MhlAction::Failed : MhlAction::Verified;
     for (std::size_t k = 0; k < records.size(); ++k)
       entries.push_back(
           {f->path, f->size, timeOf(f->modified), records[k].format, (*found)[k], action, now});
@@ -267,7 +268,8 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
   // file that could not be read known by none.
   std::vector<MhlHash> digested = entries;
   for (const auto& [path, digest] : newDigests)
-    digested.push_back({path, std::nullopt, std::nullopt, report.hash, digest, "", std::nullopt});
+    digested.push_back(
+        {path, std::nullopt, std::nullopt, report.hash, digest, MhlAction::None, std::nullopt});
   for (const offload::CardFile* f : files) {
     MhlHash present;
     present.path = f->path;

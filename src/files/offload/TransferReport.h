@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "files/Offload.h"
+#include "files/offload/Offload.h"
 
 namespace kd {
 

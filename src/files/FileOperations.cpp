@@ -1,4 +1,5 @@
-// Removing, copying and moving trees without ever replacing anything.
+// The plain file operations under KdFileManager's: removing, copying and
+// moving trees without ever replacing anything, and the failure record.
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -13,17 +14,29 @@
 #include <cstring>
 #include <memory>
 
+#include "auth/KdAuthorization.h"
 #include "common/Path.h"
 #include "common/UniqueFd.h"
 #include "common/Utf8.h"
 #include "files/FileOperations.h"
+#include "log/Format.h"
+#include "log/KdLog.h"
 #include "paths/KdLocalPaths.h"
+#include "platform/FileIO.h"
 #include "platform/FileMetadata.h"
 #include "platform/Platform.h"
 
 namespace kd::files {
 
 namespace {
+
+// The failure record of the current thread.
+struct Failure {
+  std::string reason;
+  bool needsRights = false;
+};
+thread_local Failure tFailure;
+thread_local std::vector<std::string> tAttributesNotKept;
 
 struct DirCloser {
   void operator()(DIR* d) const { closedir(d); }
@@ -134,14 +147,13 @@ void keepAttributes(int from, int to, const char* name) {
 int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toName) {
   struct stat st {};
   if (::fstatat(fromFolder, fromName, &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
-  const struct timespec times[2] = {st.st_atim, st.st_mtim};
   if (S_ISLNK(st.st_mode)) {
     std::string target(static_cast<std::size_t>(st.st_size > 0 ? st.st_size : 4096) + 1, '\0');
     const ssize_t n = ::readlinkat(fromFolder, fromName, target.data(), target.size());
     if (n < 0) return errno;
     target.resize(static_cast<std::size_t>(n));
     if (::symlinkat(target.c_str(), toFolder, toName) != 0) return errno;
-    ::utimensat(toFolder, toName, times, AT_SYMLINK_NOFOLLOW);
+    fileio::setTimesAt(toFolder, toName, st.st_atim, st.st_mtim);
     if (::geteuid() == 0 &&
         ::fchownat(toFolder, toName, st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW)) {
     }
@@ -159,8 +171,8 @@ int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toNam
     keepAttributes(in.get(), out.get(), fromName);
     keepOwner(out.get(), st);
     if (::fchmod(out.get(), st.st_mode & 07777) != 0) return errno;
-    if (::futimens(out.get(), times) != 0) return errno;
-    if (::fsync(out.get()) != 0) return errno;
+    if (int err = fileio::setTimes(out.get(), st.st_atim, st.st_mtim)) return err;
+    if (int err = fileio::flushToDevice(out.get())) return err;
     const int fd = out.release();
     return ::close(fd) == 0 ? 0 : errno;
   }
@@ -177,8 +189,7 @@ int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toNam
     keepAttributes(in.get(), out.get(), fromName);
     keepOwner(out.get(), st);
     if (::fchmod(out.get(), st.st_mode & 07777) != 0) return errno;
-    if (::futimens(out.get(), times) != 0) return errno;
-    return 0;
+    return fileio::setTimes(out.get(), st.st_atim, st.st_mtim);
   }
   if (S_ISFIFO(st.st_mode)) return ::mkfifoat(toFolder, toName, st.st_mode & 07777) ? errno : 0;
   return ENOTSUP;  // devices and sockets are not copied
@@ -190,6 +201,66 @@ locale_t utf8Locale() {
 }
 
 }  // namespace
+
+void clearFailure() {
+  tFailure = Failure{};
+  tAttributesNotKept.clear();
+}
+
+void noteAttributesNotKept(const std::string& item, const std::vector<std::string>& names) {
+  std::string note = item + ":";
+  for (std::size_t i = 0; i < names.size(); ++i) note += (i ? ", " : " ") + names[i];
+  tAttributesNotKept.push_back(std::move(note));
+}
+
+const std::vector<std::string>& attributesNotKept() {
+  return tAttributesNotKept;
+}
+
+const std::string& failureReason() {
+  return tFailure.reason;
+}
+
+bool failureNeedsRights() {
+  return tFailure.needsRights;
+}
+
+void recordFailure(int error) {
+  tFailure = Failure{std::strerror(error), isRightsError(error)};
+}
+
+void recordFailure(const std::string& reason, bool needsRights) {
+  tFailure = Failure{reason, needsRights};
+}
+
+bool isRightsError(int error) {
+  return error == EACCES || error == EPERM;
+}
+
+std::string withoutTrailingSlashes(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+bool refusesSystemPath(const std::string& path, const char* message) {
+  // The same rule as the privileged commands: a root process takes the
+  // ordinary way, and must not remove or move the system away either.
+  if (!KdLocalPaths::isPathSystemDirectory(path, true) && !KdAuthorization::isProtectedTarget(path))
+    return false;
+  kd::platform().systemLog(kd::format(message, path));
+  recordFailure("a system folder is never changed", false);
+  return true;
+}
+
+bool refusesFolderAlias(const std::string& path, const char* message) {
+  if (!namesFolderByAlias(path)) return false;
+  KdLog::appendLog(message, path);
+  recordFailure(
+      "a path ending in \".\" or \"..\" names a folder by another name; name the "
+      "folder itself",
+      false);
+  return true;
+}
 
 int removeTree(const std::string& path) {
   if (namesFolderByAlias(path)) return EINVAL;
@@ -212,18 +283,12 @@ bool namesFolderByAlias(const std::string& path) {
 int setModificationTime(const std::string& path, const struct timespec& modified) {
   struct stat st {};
   if (::lstat(path.c_str(), &st) != 0) return errno;
-  const struct timespec times[2] = {st.st_atim, modified};
-  return ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
+  return fileio::setTimesAt(AT_FDCWD, path, st.st_atim, modified);
 }
 
 int renameNoReplace(const std::string& from, const std::string& to) {
-  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
-  if (errno != EINVAL && errno != ENOSYS) return errno;
-  // A file system that cannot refuse by itself: look first.
-  struct stat st {};
-  if (::lstat(to.c_str(), &st) == 0) return EEXIST;
-  if (::lstat(from.c_str(), &st) != 0) return errno;
-  return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
+  // Where the file system cannot refuse by itself, it is looked at first.
+  return fileio::renameNoReplaceOrLook(AT_FDCWD, from, AT_FDCWD, to);
 }
 
 std::string temporarySibling(const std::string& path, std::string_view purpose) {

@@ -9,7 +9,7 @@
 // function is not promised: they must be thread-safe.
 #pragma once
 
-#include "../KdExport.h"
+#include "../../KdExport.h"
 
 #include <atomic>
 #include <chrono>
@@ -19,7 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "HashKinds.h"
+#include "../HashKinds.h"
 
 namespace kd {
 

@@ -1,6 +1,6 @@
 // The card's own hash lists in an offload: checked against, copied byte for
 // byte into every destination, and continued there.
-#include "files/OffloadHistory.h"
+#include "files/offload/OffloadHistory.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "files/KdFileManager.h"
-#include "files/Offload.h"
+#include "files/offload/Offload.h"
 
 namespace kd::offload {
 

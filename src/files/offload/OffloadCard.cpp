@@ -13,7 +13,7 @@
 #include <string_view>
 
 #include "common/UniqueFd.h"
-#include "files/OffloadInternal.h"
+#include "files/offload/OffloadInternal.h"
 
 namespace kd::offload {
 namespace {

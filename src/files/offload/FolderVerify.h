@@ -4,7 +4,7 @@
 // generation of its own ("verified" or "failed" for each file read).
 #pragma once
 
-#include "../KdExport.h"
+#include "../../KdExport.h"
 
 #include <atomic>
 #include <chrono>

@@ -1,5 +1,5 @@
 // The transfer report of an offload as HTML and CSV.
-#include "files/TransferReport.h"
+#include "files/offload/TransferReport.h"
 
 #include <ctime>
 #include <map>

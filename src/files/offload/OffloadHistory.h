@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "files/KdFileManager.h"
-#include "files/OffloadInternal.h"
 #include "files/mhl/MhlDirectoryHash.h"
 #include "files/mhl/MhlHistory.h"
+#include "files/offload/OffloadInternal.h"
 
 namespace kd::offload {
 

@@ -7,8 +7,9 @@
 #include <cstring>
 
 #include "common/UniqueFd.h"
-#include "files/OffloadInternal.h"
 #include "files/copy/FileDigest.h"
+#include "files/offload/OffloadInternal.h"
+#include "platform/FileIO.h"
 
 namespace kd::offload {
 
@@ -44,11 +45,12 @@ std::optional<std::vector<std::string>> digestsOfFile(
   if (fromDevice) {
     // Dirty pages cannot be dropped: write them out first. A file system
     // without the flush (read-only ones) has nothing dirty to write.
-    if (::fdatasync(fd.get()) != 0 && errno != EINVAL && errno != EROFS) {
-      error = std::string("flushing to the device failed: ") + std::strerror(errno);
+    const int flushed = fileio::flushToDevice(fd.get());
+    if (flushed != 0 && flushed != EINVAL && flushed != EROFS) {
+      error = std::string("flushing to the device failed: ") + std::strerror(flushed);
       return std::nullopt;
     }
-    ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
+    fileio::dropCachedPages(fd.get());
   }
   ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
   std::optional<std::vector<std::string>> texts =
@@ -59,7 +61,7 @@ std::optional<std::vector<std::string>> digestsOfFile(
                               })
                                    : nullptr,
                               error);
-  if (fromDevice) ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED);
+  if (fromDevice) fileio::dropCachedPages(fd.get());
   return texts;
 }
 
