@@ -348,9 +348,8 @@ void Controller::finish(const kd::OffloadReport& report) {
     dr.folder = QString::fromStdString(d.folder);
     dr.verified = d.good() && report.error.empty();
     if (dr.verified)
-      dr.summary = QStringLiteral("all verified: %1 copied, %2 already there")
-                       .arg(d.filesCopied)
-                       .arg(d.filesSkipped);
+      dr.summary =
+          QStringLiteral("%1 copied, %2 already there").arg(d.filesCopied).arg(d.filesSkipped);
     else if (!d.lost.empty())
       dr.summary = QStringLiteral("FAILED: %1").arg(QString::fromStdString(d.lost));
     else if (!d.failures.empty())

@@ -68,6 +68,7 @@ Window::Window(Controller& controller, QWidget* parent) : QWidget(parent), contr
   auto* destLayout = new QVBoxLayout(destBox);
   destinations_ = new QListWidget;
   destinations_->setMinimumHeight(70);
+  destinations_->setMaximumHeight(130);
   auto* destButtons = new QHBoxLayout;
   addDestination_ = new QPushButton(QStringLiteral("Add…"));
   removeDestination_ = new QPushButton(QStringLiteral("Remove"));

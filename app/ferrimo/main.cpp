@@ -7,8 +7,10 @@
 #include <QCommandLineParser>
 #include <QTimer>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <string_view>
 
 #include "DesktopServices.h"
 #include "FerrimoController.h"
@@ -16,10 +18,9 @@
 #include "log/KdLog.h"
 
 int main(int argc, char** argv) {
-  QApplication app(argc, argv);
-  QApplication::setApplicationName(QStringLiteral("Ferrimo"));
-  QApplication::setApplicationVersion(QStringLiteral(KD_VERSION));
-  QApplication::setDesktopFileName(QStringLiteral("ferrimo"));
+  QCoreApplication::setApplicationName(QStringLiteral("Ferrimo"));
+  QCoreApplication::setApplicationVersion(QStringLiteral(KD_VERSION));
+  QGuiApplication::setDesktopFileName(QStringLiteral("ferrimo"));
 
   QCommandLineParser parser;
   // "-ferrimoVolume" is one word after one dash, as the helper passes it.
@@ -51,6 +52,16 @@ int main(int argc, char** argv) {
       QStringLiteral("screenshot"),
       QStringLiteral("Save a picture of the window at the end to FILE."), QStringLiteral("FILE"));
   parser.addOptions({volume, autoOffload, hash, reverify, sourceVerify, quit, screenshot});
+  // --help and --version answer without a display.
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view a = argv[i];
+    if (a == "--help" || a == "-h" || a == "--version" || a == "-v") {
+      QCoreApplication core(argc, argv);
+      parser.process(core);
+      return 0;
+    }
+  }
+  QApplication app(argc, argv);
   parser.process(app);
 
   KdLog::createNewLog("Ferrimo");
@@ -82,6 +93,7 @@ int main(int argc, char** argv) {
     if (parser.isSet(screenshot)) {
       // Let the window lay out its result before the picture is taken.
       QTimer::singleShot(300, &window, [&] {
+        window.resize(window.width(), std::max(window.height(), window.sizeHint().height()));
         if (!window.grab().save(parser.value(screenshot)))
           std::fprintf(stderr, "Ferrimo: cannot save the picture to %s\n",
                        qPrintable(parser.value(screenshot)));
