@@ -1,7 +1,8 @@
 # Debian packages, split as Debian splits a library and its programs:
 #   libkd1     the shared library (multiarch library folder)
 #   libkd-dev  its headers, CMake package and pkg-config file
-#   ferrimo    FerrimoHelper, ferrimo-mount-agent, kd and kd-privileged, with
+#   ferrimo    the Ferrimo window (when built), FerrimoHelper,
+#              ferrimo-mount-agent, kd and kd-privileged, with
 #              the service files, manual pages, completions and documentation
 # Build them from a tree configured for /usr (see README):
 #   cpack -G DEB --config build/default/CPackConfig.cmake
@@ -40,9 +41,11 @@ string(TOUPPER ${KD_COMPONENT_PROGRAMS} comp)
 set(CPACK_DEBIAN_${comp}_PACKAGE_NAME ferrimo)
 set(CPACK_DEBIAN_${comp}_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_${comp}_DESCRIPTION
-    "start the offload application Ferrimo for camera cards
+    "offload camera cards to several drives, verified
+Ferrimo is the window that offloads a camera card to several destinations
+at once, verifies every copy and writes hash lists and transfer reports.
 FerrimoHelper recognises a camera card by its folder layout when it is
-mounted and starts the offload application Ferrimo for it. The per-user
+mounted and starts Ferrimo for it. The per-user
 agent ferrimo-mount-agent runs it at login and for every new removable
 volume. kd offers the Kd library's operations on the command line (card
 detection, verified copies and offloads, hashes); kd-privileged is the
@@ -50,8 +53,9 @@ co-process that holds administrator rights for them.")
 # The administrator-rights session starts kd-privileged through sudo or
 # pkexec; the agent runs under the systemd user manager; exFAT cards need
 # exfat-fuse on older kernels; gsettings tells the agent the desktop's autorun
-# setting; update-desktop-database registers applications.
-set(CPACK_DEBIAN_${comp}_PACKAGE_RECOMMENDS "sudo | pkexec, systemd")
+# setting; update-desktop-database registers applications; udisks2 ejects a
+# card from the Ferrimo window.
+set(CPACK_DEBIAN_${comp}_PACKAGE_RECOMMENDS "sudo | pkexec, systemd, udisks2")
 # The programs link libKd.so.1 of the same build. dpkg-shlibdeps finds it in
 # the library package's staging folder (beside this one) but reads no shlibs
 # from there, so the dependency is named here; the other libraries' come from

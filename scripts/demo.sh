@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Demo: builds everything, shows how camera cards are recognised, then the
-# whole path on a sample card: the helper finds it on its mount and starts a
-# stand-in Ferrimo that offloads it with kd offload to two folders, verified.
+# whole path on a sample card: the helper finds it on its mount and starts
+# Ferrimo, which offloads it to two folders, verified. Where a display is
+# there ($DISPLAY, or Xvfb started here) that is the real Ferrimo window,
+# started in its scripting mode, and a picture of the finished window goes to
+# docs/images/ferrimo-offload.png; elsewhere a stand-in runs kd offload.
 #
 # Usage: scripts/demo.sh [VOLUME...]
 #   Without arguments, sample cards are made in a temporary folder (removed at
@@ -25,6 +28,7 @@ kd=build/default/tools/kd
 
 workdir=$(mktemp -d "${TMPDIR:-/tmp}/ferrimo-demo.XXXXXX")
 cleanup() {
+  [ -n "${xvfb_pid:-}" ] && kill "$xvfb_pid" 2>/dev/null
   [ -n "${card_mount:-}" ] && umount -l "$card_mount" 2>/dev/null && rmdir "$card_mount" 2>/dev/null
   [ -n "${demo_user:-}" ] && userdel "$demo_user" 2>/dev/null && rmdir "/media/$demo_user" 2>/dev/null
   rm -rf "$workdir"
@@ -116,30 +120,58 @@ EOF
 
 (($# > 0)) && exit 0
 
-# The helper itself, as the system runs it on a mount. Its application folder
-# holds a stand-in Ferrimo that records how it was started and offloads the
-# card as the application would: kd offload to two folders (a RAID and a
-# shuttle drive), every copy read back from the device, the summary and the
-# progress lines kept in files beside the copies.
+# The helper itself, as the system runs it on a mount, in an application
+# folder whose Contents/MacOS/Ferrimo starts the real Ferrimo window when a
+# display is there: with --auto-offload to two folders (a RAID and a shuttle
+# drive), every copy read back from the device and the card read twice,
+# quitting when done and saving a picture of the finished window. Without a
+# display it is a stand-in that runs kd offload the same way.
 helper=build/default/src/FerrimoHelper
+ferrimo=build/default/Ferrimo.app/Contents/MacOS/Ferrimo
 app="$workdir/Ferrimo.app"
 offload="$workdir/offload"
 raid="$offload/RAID"
 shuttle="$offload/SHUTTLE"
+shot="$offload/ferrimo-offload.png"
 mkdir -p "$app/Contents/MacOS" "$raid" "$shuttle"
-{
-  cat <<'STANDIN'
+
+display=${DISPLAY:-}
+if [ -x "$ferrimo" ] && [ -z "$display" ] && command -v Xvfb >/dev/null; then
+  exec {xvfb_fd}<> <(:)
+  Xvfb -displayfd "$xvfb_fd" -screen 0 1024x900x24 -nolisten tcp >/dev/null 2>&1 &
+  xvfb_pid=$!
+  read -r -t 10 -u "$xvfb_fd" number && display=":$number"
+fi
+if [ -x "$ferrimo" ] && [ -n "$display" ]; then
+  use_window=true
+  {
+    cat <<'LAUNCHER'
+#!/bin/bash
+# Starts the real Ferrimo for the demo (written by scripts/demo.sh): the
+# helper's arguments, then the scripting options.
+(IFS=$'\t'; printf '%s\n' "$*") >>"${0%/*}/launches.log"
+LAUNCHER
+    printf '%q "$@" --auto-offload %q --auto-offload %q --reverify --source-verify --quit-when-done --screenshot %q >%q 2>&1\n' \
+      "$PWD/$ferrimo" "$raid" "$shuttle" "$shot" "$offload/progress.txt"
+    # shellcheck disable=SC2016
+    printf 'echo $? >%q && mv %q %q\n' "$offload/status.new" "$offload/status.new" "$offload/status"
+  } >"$app/Contents/MacOS/Ferrimo"
+else
+  use_window=false
+  {
+    cat <<'STANDIN'
 #!/bin/bash
 # A stand-in for Ferrimo, written by scripts/demo.sh.
 (IFS=$'\t'; printf '%s\n' "$*") >>"${0%/*}/launches.log"
 [ "$1" = -ferrimoVolume ] || exit 2
 STANDIN
-  # shellcheck disable=SC2016 # $2 and $? are the stand-in's
-  printf '%q offload "$2" %q %q --reverify --source-verify >%q 2>%q\n' "$PWD/$kd" "$raid" "$shuttle" \
-    "$offload/summary.txt" "$offload/progress.txt"
-  # shellcheck disable=SC2016
-  printf 'echo $? >%q && mv %q %q\n' "$offload/status.new" "$offload/status.new" "$offload/status"
-} >"$app/Contents/MacOS/Ferrimo"
+    # shellcheck disable=SC2016 # $2 and $? are the stand-in's
+    printf '%q offload "$2" %q %q --reverify --source-verify >%q 2>%q\n' "$PWD/$kd" "$raid" "$shuttle" \
+      "$offload/summary.txt" "$offload/progress.txt"
+    # shellcheck disable=SC2016
+    printf 'echo $? >%q && mv %q %q\n' "$offload/status.new" "$offload/status.new" "$offload/status"
+  } >"$app/Contents/MacOS/Ferrimo"
+fi
 chmod 755 "$app/Contents/MacOS/Ferrimo"
 chmod 777 "$app/Contents/MacOS"
 home="$workdir/home"
@@ -161,12 +193,14 @@ if [ "$(id -u)" -eq 0 ] && command -v useradd >/dev/null && command -v setpriv >
   touch "$card_mount"
   (cd "$card_mount" && find . -type f -printf '    %-46P %9s bytes  %TY-%Tm-%Td %TH:%TM\n' | sort -k1,1)
   run_helper() {
-    (cd "$app" && env -i HOME="$home" USER="$demo_user" PATH=/usr/bin:/bin \
+    (cd "$app" && env -i HOME="$home" USER="$demo_user" PATH=/usr/bin:/bin DISPLAY="$display" \
       setpriv --reuid="$demo_user" --regid="$demo_user" --clear-groups -- "$OLDPWD/$helper" "$@")
   }
 else
   say "Not root: no card can be mounted, so the helper finds no removable volume"
-  run_helper() { (cd "$app" && env -i HOME="$home" PATH=/usr/bin:/bin "$OLDPWD/$helper" "$@"); }
+  run_helper() {
+    (cd "$app" && env -i HOME="$home" PATH=/usr/bin:/bin DISPLAY="$display" "$OLDPWD/$helper" "$@")
+  }
 fi
 
 say "Running FerrimoHelper in $app (it waits 2 seconds for the volume to settle)"
@@ -177,29 +211,56 @@ sleep 0.3
 say "The helper's log ($home/.local/state/Quillfen/FerrimoHelper.1.log)"
 sed 's/^/    /' "$home/.local/state/Quillfen/FerrimoHelper.1.log"
 
+if $use_window; then
+  say "Ferrimo: the real window (display $display${xvfb_pid:+, Xvfb started by the demo})"
+else
+  say "Ferrimo: a stand-in running kd offload (no display: neither \$DISPLAY nor Xvfb)"
+fi
 say "How Ferrimo was started"
 if [ -s "$app/Contents/MacOS/launches.log" ]; then
   sed 's/^/    Contents\/MacOS\/Ferrimo /; s/\t/ /g' "$app/Contents/MacOS/launches.log"
   card=$card_mount
-  say "The stand-in Ferrimo runs: kd offload $card $raid $shuttle --reverify --source-verify"
+  if $use_window; then
+    say "Ferrimo offloads $card to $raid and $shuttle (--reverify --source-verify) and quits when done"
+  else
+    say "The stand-in Ferrimo runs: kd offload $card $raid $shuttle --reverify --source-verify"
+  fi
   for ((i = 0; i < 600; i++)); do
     [ -e "$offload/status" ] && break
     sleep 0.1
   done
-  [ -e "$offload/status" ] || { echo "kd offload did not end within a minute" >&2; exit 1; }
+  [ -e "$offload/status" ] || { echo "Ferrimo did not end within a minute" >&2; exit 1; }
   status=$(cat "$offload/status")
 else
   echo "    (not started)"
   card="$workdir/PHOTO_CARD"
-  say "Offloading the sample card directly: kd offload $card $raid $shuttle --reverify --source-verify"
   status=0
-  "$kd" offload "$card" "$raid" "$shuttle" --reverify --source-verify >"$offload/summary.txt" \
-    2>"$offload/progress.txt" || status=$?
+  if $use_window; then
+    say "Offloading the sample card in the Ferrimo window directly"
+    DISPLAY="$display" "$ferrimo" -ferrimoVolume "$card" --auto-offload "$raid" --auto-offload "$shuttle" \
+      --reverify --source-verify --quit-when-done --screenshot "$shot" >"$offload/progress.txt" 2>&1 ||
+      status=$?
+  else
+    say "Offloading the sample card directly: kd offload $card $raid $shuttle --reverify --source-verify"
+    "$kd" offload "$card" "$raid" "$shuttle" --reverify --source-verify >"$offload/summary.txt" \
+      2>"$offload/progress.txt" || status=$?
+  fi
 fi
-sed 's/^/    /' "$offload/summary.txt"
+if $use_window; then
+  log="$home/.local/state/Quillfen/Ferrimo.1.log"
+  say "Ferrimo's log ($log)"
+  [ -f "$log" ] && grep -v ' - \(Version\|Path\|System\|Running in\)' "$log" | sed 's/^/    /'
+  if [ -s "$shot" ]; then
+    mkdir -p docs/images
+    cp "$shot" docs/images/ferrimo-offload.png
+    echo "    The finished window: docs/images/ferrimo-offload.png"
+  fi
+else
+  sed 's/^/    /' "$offload/summary.txt"
+fi
 echo "exit status: $status"
 if [ "$status" != 0 ]; then
-  echo "kd offload's messages:" >&2
+  echo "Ferrimo's messages:" >&2
   sed 's/^/    /' "$offload/progress.txt" >&2
   exit 1
 fi

@@ -9,7 +9,9 @@
 # Debian's checks of the packages; zsh: the zsh completion's test. The python3-*
 # packages run the ASC MHL reference tool of the hash-list interop tests.
 # clang, clang-format-14 and libclang-rt-14-dev: the format check and the fuzz
-# pass (libFuzzer, and the libraries' lock checks).
+# pass (libFuzzer, and the libraries' lock checks). qt6-base-dev: the Ferrimo
+# window (Qt 6 Widgets, D-Bus, QTest); xvfb and fonts-dejavu-core: the demo's
+# display for the window and its picture.
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config
           libplist-dev libssl-dev libarchive-dev libmount-dev libblkid-dev libcli11-dev libsystemd-dev
@@ -18,7 +20,8 @@ packages=(build-essential cmake ninja-build pkg-config
           systemd desktop-file-utils man-db file dpkg-dev
           dbus-daemon python3-dbus python3-gi libglib2.0-bin gvfs unzip
           python3-click python3-lxml python3-packaging python3-pathspec python3-requests
-          python3-xxhash python3-dateutil clang clang-format-14 libclang-rt-14-dev)
+          python3-xxhash python3-dateutil clang clang-format-14 libclang-rt-14-dev
+          qt6-base-dev xvfb fonts-dejavu-core)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -4,8 +4,8 @@
 # Usage: scripts/test.sh [preset]   one pass: default (the default), sanitize,
 #                                   tsan, fuzz or format
 #        scripts/test.sh --all      every pass CI runs (also when CI=true):
-#   0. format:   clang-format-14 finds nothing to change in src, tools, tests
-#                and bench;
+#   0. format:   clang-format-14 finds nothing to change in src, tools, tests,
+#                bench and app;
 #   1. default:  the whole build and every test;
 #   2. fuzz:     each libFuzzer target for KD_FUZZ_SECONDS (30) from its seeds,
 #                when clang is installed; the libraries build with clang's
@@ -51,8 +51,8 @@ run_default() {
 }
 
 run_format() {
-  pass "format: clang-format-14 over src tools tests bench"
-  find src tools tests bench -path tests/third_party -prune -o \( -name '*.h' -o -name '*.cpp' \) \
+  pass "format: clang-format-14 over src tools tests bench app"
+  find src tools tests bench app -path tests/third_party -prune -o \( -name '*.h' -o -name '*.cpp' \) \
     -print0 | xargs -0 clang-format-14 --dry-run -Werror
 }
 

@@ -98,3 +98,18 @@ std::int64_t FerrimoVolumeChecker::verifyVolumeType(const std::string& volumePat
     return kUnknownLayout;
   }
 }
+
+std::string FerrimoVolumeChecker::layoutDescription(std::int64_t code) {
+  static const char* const kLayouts[] = {"CONTENTS/LASTCLIP.TXT",
+                                         "an .RDM folder at the top",
+                                         "MEDIAPRO.XML at the top",
+                                         "BPAV at the top",
+                                         "AVCHD",
+                                         "DCIM with a 100EOS folder",
+                                         "a folder named like the card with its _BIN.bin",
+                                         "CONTENTS/CLIPS*/*/*.MXF",
+                                         "hs_param.bin",
+                                         "a DJI_ card with ????_????_????????_* folders"};
+  if (code < 0 || code > 9) return "no known camera layout (code -1)";
+  return std::string(kLayouts[code]) + " (code " + std::to_string(code) + ")";
+}

@@ -23,4 +23,9 @@ class KD_EXPORT FerrimoVolumeChecker {
   // code order. Folders that cannot be read count as empty; never fails
   // otherwise.
   static std::int64_t verifyVolumeType(const std::string& volumePath);
+
+  // How a layout code is recognised, in words for a transfer report or a
+  // window ("DCIM with a 100EOS folder (code 5)"); -1 and codes outside the
+  // vocabulary give "no known camera layout (code -1)".
+  static std::string layoutDescription(std::int64_t code);
 };

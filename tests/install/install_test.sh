@@ -6,6 +6,7 @@
 # Exits 0 when every check holds; prints each failed check.
 set -uo pipefail
 mode=$1 source=$2 build=$3
+ferrimo_built=OFF
 work=$(mktemp -d "${TMPDIR:-/tmp}/kd-install-test.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 failures=0
@@ -98,6 +99,21 @@ check_tree() {
   for page in kd FerrimoHelper ferrimo-mount-agent kd-privileged; do
     check_file "$p/share/man/man1/$page.1.gz"
   done
+  # The offload window, where the mount agent finds it without settings, with
+  # its launcher, desktop entry, icon and manual page.
+  if [[ $ferrimo_built == ON ]]; then
+    [[ -x $p/libexec/ferrimo/Ferrimo.app/Contents/MacOS/Ferrimo ]] ||
+      fail "missing $p/libexec/ferrimo/Ferrimo.app/Contents/MacOS/Ferrimo"
+    [[ $(readlink "$p/bin/ferrimo") == ../libexec/ferrimo/Ferrimo.app/Contents/MacOS/Ferrimo ]] ||
+      fail "$p/bin/ferrimo is not the link to Ferrimo: $(readlink "$p/bin/ferrimo")"
+    check_file "$p/share/applications/ferrimo.desktop"
+    check_file "$p/share/icons/hicolor/scalable/apps/ferrimo.svg"
+    check_file "$p/share/man/man1/ferrimo.1.gz"
+    if command -v desktop-file-validate >/dev/null; then
+      out=$(desktop-file-validate "$p/share/applications/ferrimo.desktop" 2>&1) ||
+        fail "desktop-file-validate ferrimo.desktop: $out"
+    fi
+  fi
   check_file "$p/share/bash-completion/completions/kd"
   if [[ $prefix == /usr ]]; then
     check_file "$p/share/zsh/vendor-completions/_kd"
@@ -222,6 +238,7 @@ TABLE
 case $mode in
 prefix)
   libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$build/CMakeCache.txt")
+  ferrimo_built=$(sed -n 's/^KD_BUILD_FERRIMO:BOOL=//p' "$build/CMakeCache.txt")
   # 1. A private prefix: everything below it, the autostart entry and the
   #    polkit action included.
   prefix=$work/opt/ferrimo
@@ -317,6 +334,7 @@ package)
     -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_SYSCONFDIR=/etc \
     -DCMAKE_INSTALL_LOCALSTATEDIR=/var 2>&1) || { echo "$out"; exit 1; }
   out=$(cmake --build "$tree" -j "$(nproc)" 2>&1) || { echo "$out"; exit 1; }
+  ferrimo_built=$(sed -n 's/^KD_BUILD_FERRIMO:BOOL=//p' "$tree/CMakeCache.txt")
   root=$work/root
   out=$(DESTDIR=$root cmake --install "$tree" 2>&1) || fail "install DESTDIR: $out"
   check_tree "$root" /usr "$libdir" /usr/lib/systemd/user /etc/xdg/autostart \
@@ -368,6 +386,12 @@ package)
     depends=$(dpkg-deb -f "${debs[0]}" Depends)
     [[ $depends == *"$lib"* ]] || fail "${debs[0]##*/} does not depend on $lib: $depends"
   done
+  if [[ $ferrimo_built == ON ]]; then
+    [[ $(dpkg-deb -f "${debs[0]}" Depends) == *libqt6widgets6* ]] ||
+      fail "ferrimo does not depend on Qt: $(dpkg-deb -f "${debs[0]}" Depends)"
+    grep -qx /usr/libexec/ferrimo/Ferrimo.app/Contents/MacOS/Ferrimo <<<"$ferrimo" ||
+      fail "the ferrimo package lacks Ferrimo"
+  fi
   [[ $(dpkg-deb -f "${debs[0]}" Recommends) == *"sudo | pkexec"* ]] ||
     fail "ferrimo does not recommend sudo or pkexec"
   [[ $(dpkg-deb -f "${debs[2]}" Depends) == *"libkd1 (= $version)"* ]] ||

@@ -28,21 +28,9 @@ using kd::tool::size;
 
 // How the helper's detection names a card's layout, for the transfer report.
 std::string layoutOf(const std::string& card) {
-  static const char* const kLayouts[] = {"CONTENTS/LASTCLIP.TXT",
-                                         "an .RDM folder at the top",
-                                         "MEDIAPRO.XML at the top",
-                                         "BPAV at the top",
-                                         "AVCHD",
-                                         "DCIM with a 100EOS folder",
-                                         "a folder named like the card with its _BIN.bin",
-                                         "CONTENTS/CLIPS*/*/*.MXF",
-                                         "hs_param.bin",
-                                         "a DJI_ card with ????_????_????????_* folders"};
   char resolved[PATH_MAX];
   const std::string path = ::realpath(card.c_str(), resolved) ? resolved : card;
-  const auto code = FerrimoVolumeChecker::verifyVolumeType(path);
-  if (code < 0 || code > 9) return "no known camera layout (code -1)";
-  return std::string(kLayouts[code]) + " (code " + std::to_string(code) + ")";
+  return FerrimoVolumeChecker::layoutDescription(FerrimoVolumeChecker::verifyVolumeType(path));
 }
 
 double rateOf(const kd::OffloadReport& r) {

@@ -29,6 +29,10 @@ std::string defaultHelper() {
   return kd::path::append(kd::path::deletingLastComponent(buf), "FerrimoHelper");
 }
 
+// $FERRIMO_APP_DIR; else the user's own application folder when it holds
+// Ferrimo; else the one installed with the agent (<libexecdir>/ferrimo/
+// Ferrimo.app, found from the agent's own folder) when it is there; else the
+// user's folder, which the start-up warning then names.
 std::string defaultAppDir() {
   if (const char* d = std::getenv("FERRIMO_APP_DIR"); d && *d) return d;
   std::string data;
@@ -38,7 +42,21 @@ std::string defaultAppDir() {
     data = kd::path::append(h, ".local/share");
   else
     data = "/tmp";
-  return kd::path::append(data, "ferrimo/Ferrimo.app");
+  const std::string user = kd::path::append(data, "ferrimo/Ferrimo.app");
+  if (::access((user + "/Contents/MacOS/Ferrimo").c_str(), X_OK) == 0) return user;
+#ifdef KD_FERRIMO_APP_FROM_BINDIR
+  char buf[PATH_MAX];
+  const ssize_t n = ::readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n > 0) {
+    buf[n] = '\0';
+    const std::string relative = KD_FERRIMO_APP_FROM_BINDIR;
+    const std::string installed =
+        relative.front() == '/' ? relative
+                                : kd::path::append(kd::path::deletingLastComponent(buf), relative);
+    if (::access((installed + "/Contents/MacOS/Ferrimo").c_str(), X_OK) == 0) return installed;
+  }
+#endif
+  return user;
 }
 // The lock lives in the user's runtime folder. Without one, in a folder of the
 // user's own below /tmp: a lock file at a name anyone can predict in /tmp
@@ -88,9 +106,11 @@ int main(int argc, char** argv) {
   app.add_option("--helper", options.helperPath, "The helper executable")
       ->capture_default_str()
       ->check(CLI::ExistingFile);
-  app.add_option("--app-dir", options.appDir,
-                 "The Ferrimo application folder (holds Contents/MacOS/Ferrimo); "
-                 "default $FERRIMO_APP_DIR or $XDG_DATA_HOME/ferrimo/Ferrimo.app")
+  app.add_option(
+         "--app-dir", options.appDir,
+         "The Ferrimo application folder (holds Contents/MacOS/Ferrimo); "
+         "default $FERRIMO_APP_DIR, else $XDG_DATA_HOME/ferrimo/Ferrimo.app when it holds Ferrimo, "
+         "else the one installed beside the agent")
       ->capture_default_str();
   app.add_option("--lock", lockPath,
                  "Lock file that keeps one agent per user (the service and the autostart "
