@@ -11,7 +11,6 @@
 #include "common/Path.h"
 #include "common/SettingsFile.h"
 #include "files/KdFileManager.h"
-#include "files/offload/OffloadInternal.h"
 #include "helper/FerrimoVolumeChecker.h"
 #include "log/KdLog.h"
 #include "paths/KdLocalPaths.h"
@@ -147,10 +146,10 @@ void Controller::showCard(const QString& path) {
   card_.layout = QString::fromStdString(FerrimoVolumeChecker::layoutDescription(card_.layoutCode));
   // What the offload will copy, counted as the offload counts it (the
   // system's files and the card's hash lists left out).
-  const kd::offload::CardTree tree = kd::offload::readCard(path.toStdString(), false);
-  card_.files = tree.files.size();
-  card_.bytes = tree.bytes;
-  card_.problem = QString::fromStdString(tree.error);
+  const kd::OffloadCardContents contents = kd::offloadCardContents(path.toStdString());
+  card_.files = contents.files;
+  card_.bytes = contents.bytes;
+  card_.problem = QString::fromStdString(contents.error);
   log(QStringLiteral("Card: %1, %2, %3 files (%4)")
           .arg(path, card_.layout)
           .arg(card_.files)

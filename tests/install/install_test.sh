@@ -209,8 +209,11 @@ check_exports() {
 # kd-privileged, the co-process that runs as root, uses none of it (its
 # CMakeLists.txt says why): it links nothing of the library.
 check_programs() {
-  local prefix=$1 libdir=$2 program want needed out
+  local prefix=$1 libdir=$2 program want needed out ferrimo_row=""
+  local ferrimo=$prefix/libexec/ferrimo/Ferrimo.app/Contents/MacOS/Ferrimo
+  [[ ! -e $ferrimo ]] || ferrimo_row="$ferrimo|shared"
   while IFS='|' read -r program want; do
+    [[ -n $program ]] || continue
     needed=$(readelf -d "$program" 2>&1 | grep -o 'Shared library: \[libKd[^]]*\]')
     if [[ $want == shared ]]; then
       [[ $needed == *"[libKd.so.1]"* ]] || fail "$program does not link libKd.so.1"
@@ -221,7 +224,7 @@ check_programs() {
       # Nothing but the library's folder, and never an empty entry (the
       # working folder).
       runpath=$(readelf -d "$program" | sed -n 's/.*(R\(UN\)\{0,1\}PATH).*\[\(.*\)\]$/\2/p')
-      [[ $program != "$prefix/bin/"* || -z $runpath || $runpath =~ ^\$ORIGIN/[^:]*$ ]] ||
+      [[ $program != "$prefix/"* || -z $runpath || $runpath =~ ^\$ORIGIN/[^:]*$ ]] ||
         fail "$program has the RPATH '$runpath'"
     else
       [[ -z $needed ]] || fail "$program links $needed"
@@ -232,6 +235,7 @@ $prefix/bin/kd|shared
 $prefix/bin/FerrimoHelper|shared
 $prefix/bin/ferrimo-mount-agent|shared
 $prefix/bin/kd-privileged|none
+$ferrimo_row
 TABLE
 }
 
@@ -356,8 +360,10 @@ package)
     /usr/share/polkit-1/actions
   # The packaged programs link libKd.so.1 from the system's library folder,
   # without an RPATH.
-  for program in kd FerrimoHelper ferrimo-mount-agent; do
-    dynamic=$(readelf -d "$unpacked/usr/bin/$program" 2>&1)
+  for program in bin/kd bin/FerrimoHelper bin/ferrimo-mount-agent \
+    libexec/ferrimo/Ferrimo.app/Contents/MacOS/Ferrimo; do
+    [[ $program != libexec/* || -e $unpacked/usr/$program ]] || continue
+    dynamic=$(readelf -d "$unpacked/usr/$program" 2>&1)
     [[ $dynamic == *"Shared library: [libKd.so.1]"* ]] || fail "packaged $program does not link libKd.so.1"
     ! grep -q "RPATH\|RUNPATH" <<<"$dynamic" || fail "packaged $program has an RPATH"
   done

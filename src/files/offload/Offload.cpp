@@ -332,6 +332,11 @@ std::optional<std::string> offloadOptionsProblem(const OffloadOptions& options) 
   return std::nullopt;
 }
 
+OffloadCardContents offloadCardContents(const std::string& card) {
+  const offload::CardTree tree = offload::readCard(card, /*skipHistory=*/true);
+  return {tree.files.size(), tree.bytes, tree.error};
+}
+
 std::string offloadPartName(const std::string& fileName) {
   // A name's length is limited (255 bytes on most file systems).
   constexpr std::size_t kRoom = 255 - std::char_traits<char>::length("..kdpart");

@@ -161,4 +161,14 @@ KD_EXPORT OffloadReport offloadCard(const OffloadOptions& options,
 // in the same folder: ".<name>.kdpart".
 KD_EXPORT std::string offloadPartName(const std::string& fileName);
 
+// What an offload of a card copies, counted as the offload counts it: what
+// systems keep on a card and the card's own hash lists (ascmhl) left out.
+struct OffloadCardContents {
+  std::uint64_t files = 0;
+  std::uint64_t bytes = 0;
+  std::string error;  // set when the card cannot be read
+};
+// Reads the card's folders (nothing is opened for reading, nothing changes).
+KD_EXPORT OffloadCardContents offloadCardContents(const std::string& card);
+
 }  // namespace kd
