@@ -24,11 +24,11 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
-#include <mutex>
 #include <new>
 #include <system_error>
 #include <thread>
 
+#include "common/ThreadAnnotations.h"
 #include "files/copy/FileDigest.h"
 #include "platform/Platform.h"
 
@@ -109,7 +109,7 @@ class SlotBuffers {
   // A buffer of kSlotSize bytes; empty when there is no memory.
   Buffer take() {
     {
-      std::lock_guard lock(mu_);
+      kd::MutexLock lock(mu_);
       if (!free_.empty()) {
         unsigned char* buffer = free_.back();
         free_.pop_back();
@@ -124,7 +124,7 @@ class SlotBuffers {
 
   void give(unsigned char* buffer) {
     {
-      std::lock_guard lock(mu_);
+      kd::MutexLock lock(mu_);
       if (free_.size() < kKept) {
         free_.push_back(buffer);
         return;
@@ -133,8 +133,8 @@ class SlotBuffers {
     delete[] buffer;
   }
 
-  std::mutex mu_;
-  std::vector<unsigned char*> free_;  // guarded by mu_
+  kd::Mutex mu_;
+  std::vector<unsigned char*> free_ KD_GUARDED_BY(mu_);
 };
 
 // Threads kept from one copy to the next to run the stages of the copies'
@@ -152,7 +152,7 @@ class StageThreads {
   // Runs `job` on a thread of its own; false when no thread could be had.
   bool run(Job job) {
     {
-      std::lock_guard lock(mu_);
+      kd::MutexLock lock(mu_);
       if (idle_ > jobs_.size()) {
         jobs_.push_back(std::move(job));
         wake_.notify_one();
@@ -174,20 +174,20 @@ class StageThreads {
     for (;;) {
       job();
       job = nullptr;
-      std::unique_lock lock(mu_);
+      kd::MutexLock lock(mu_);
       if (idle_ >= kKept) return;
       ++idle_;
-      wake_.wait(lock, [&] { return !jobs_.empty(); });
+      while (jobs_.empty()) lock.wait(wake_);
       --idle_;
       job = std::move(jobs_.front());
       jobs_.pop_front();
     }
   }
 
-  std::mutex mu_;
+  kd::Mutex mu_;
   std::condition_variable wake_;  // a job was queued
-  std::deque<Job> jobs_;          // guarded by mu_
-  std::size_t idle_ = 0;          // threads waiting for a job; guarded by mu_
+  std::deque<Job> jobs_ KD_GUARDED_BY(mu_);
+  std::size_t idle_ KD_GUARDED_BY(mu_) = 0;  // threads waiting for a job
 };
 
 // One destination of a copy. Its stage alone touches it while the copy runs;
@@ -297,7 +297,7 @@ class Pipeline {
       if (slot.length < kSlotSize) break;
     }
     {
-      std::lock_guard lock(mu_);
+      kd::MutexLock lock(mu_);
       complete_ = readError == 0 && !stopAccounting &&
                   read >= static_cast<std::uint64_t>(metadata_.st.st_size);
     }
@@ -314,19 +314,19 @@ class Pipeline {
   void startThreads() {
     for (std::size_t stage = 0; stage < stages_; ++stage) {
       {
-        std::lock_guard lock(mu_);
+        kd::MutexLock lock(mu_);
         ++running_;
       }
       const bool started = StageThreads::shared().run([this, stage] {
         work(stage);
         // Told under the lock: once it is released, the pipeline may go.
-        std::lock_guard lock(mu_);
+        kd::MutexLock lock(mu_);
         --running_;
         ended_cv_.notify_all();
       });
       if (started) continue;
       {
-        std::lock_guard lock(mu_);
+        kd::MutexLock lock(mu_);
         --running_;
       }
       // Too few threads: run inline. The ones started end on the closed ring
@@ -340,13 +340,13 @@ class Pipeline {
   // Closes the ring and waits until every stage has ended.
   void stopThreads() {
     closeRing();
-    std::unique_lock lock(mu_);
-    ended_cv_.wait(lock, [&] { return running_ == 0; });
+    kd::MutexLock lock(mu_);
+    while (running_ != 0) lock.wait(ended_cv_);
   }
 
   void closeRing() {
     {
-      std::lock_guard lock(mu_);
+      kd::MutexLock lock(mu_);
       closed_ = true;
     }
     published_cv_.notify_all();
@@ -355,13 +355,13 @@ class Pipeline {
   void publish(std::uint64_t seq, bool threaded) {
     if (!threaded || inlineAfterFailure_) {
       for (std::size_t stage = 0; stage < stages_; ++stage) process(stage, slots_[seq % kSlots]);
-      std::lock_guard lock(mu_);
+      kd::MutexLock lock(mu_);
       for (std::uint64_t& c : consumed_) c = seq + 1;
       published_ = seq + 1;
       return;
     }
     {
-      std::lock_guard lock(mu_);
+      kd::MutexLock lock(mu_);
       published_ = seq + 1;
     }
     published_cv_.notify_all();
@@ -369,23 +369,26 @@ class Pipeline {
 
   // Waits until every stage has finished `count` slots.
   void waitConsumed(std::uint64_t count) {
-    std::unique_lock lock(mu_);
-    consumed_cv_.wait(lock, [&] {
-      return std::all_of(consumed_.begin(), consumed_.end(),
-                         [&](std::uint64_t c) { return c >= count; });
-    });
+    kd::MutexLock lock(mu_);
+    while (!allConsumed(count)) lock.wait(consumed_cv_);
+  }
+
+  bool allConsumed(std::uint64_t count) const KD_REQUIRES(mu_) {
+    for (const std::uint64_t c : consumed_)
+      if (c < count) return false;
+    return true;
   }
 
   void work(std::size_t stage) {
     for (std::uint64_t seq = 0;; ++seq) {
       {
-        std::unique_lock lock(mu_);
-        published_cv_.wait(lock, [&] { return published_ > seq || closed_; });
+        kd::MutexLock lock(mu_);
+        while (published_ <= seq && !closed_) lock.wait(published_cv_);
         if (published_ <= seq) break;
       }
       process(stage, slots_[seq % kSlots]);
       {
-        std::lock_guard lock(mu_);
+        kd::MutexLock lock(mu_);
         consumed_[stage] = seq + 1;
       }
       consumed_cv_.notify_all();
@@ -512,14 +515,14 @@ class Pipeline {
   // before the ring closes, read after, like inlineAfterFailure_.
   bool complete_ = false;
 
-  std::mutex mu_;
-  std::condition_variable published_cv_;  // a slot was published, or the ring closed
-  std::condition_variable consumed_cv_;   // a stage finished a slot
-  std::condition_variable ended_cv_;      // a stage ended
-  std::size_t running_ = 0;               // stages running on threads; guarded by mu_
-  std::uint64_t published_ = 0;           // guarded by mu_
-  bool closed_ = false;                   // guarded by mu_
-  std::vector<std::uint64_t> consumed_;   // per stage; guarded by mu_
+  kd::Mutex mu_;
+  std::condition_variable published_cv_;        // a slot was published, or the ring closed
+  std::condition_variable consumed_cv_;         // a stage finished a slot
+  std::condition_variable ended_cv_;            // a stage ended
+  std::size_t running_ KD_GUARDED_BY(mu_) = 0;  // stages running on threads
+  std::uint64_t published_ KD_GUARDED_BY(mu_) = 0;
+  bool closed_ KD_GUARDED_BY(mu_) = false;
+  std::vector<std::uint64_t> consumed_ KD_GUARDED_BY(mu_);  // per stage
 };
 
 }  // namespace
