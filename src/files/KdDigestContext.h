@@ -1,7 +1,7 @@
-// Running message digests (MD5, SHA-1, SHA-256, SHA-512) for the hashes and the
-// verified copy: a context starts initialised, is fed with update(), and is
-// turned into digest text by KdFileManager's md5HashWithContext and its kin,
-// which finalise a copy so that the context stays usable.
+// Running message digests (MD5, SHA-1, SHA-256, SHA-512) for the hashes: a
+// thin face of the library's one digest type. A context starts initialised, is fed with update(),
+// and is turned into digest text by KdFileManager's md5HashWithContext and its kin, which finalise
+// a copy so that the context stays usable.
 //
 // Ownership: a context owns its digest state; copying duplicates that state,
 // moving hands it over. Not thread-safe: one thread at a time per context.
@@ -16,7 +16,9 @@
 #include <optional>
 #include <string>
 
-struct evp_md_ctx_st;
+namespace kd {
+class Digest;
+}
 
 enum class KdDigestKind { MD5, SHA1, SHA256, SHA512 };
 
@@ -51,7 +53,7 @@ class KD_EXPORT KdDigestContext {
 
   KdDigestKind kind() const { return kind_; }
   // False once the state could not be made, copied or fed (or was moved away).
-  bool ok() const { return ok_; }
+  bool ok() const;
   // Feeds `length` bytes; false (and the context failed) when that fails.
   bool update(const void* data, std::size_t length);
 
@@ -65,8 +67,7 @@ class KD_EXPORT KdDigestContext {
 
  private:
   KdDigestKind kind_;
-  evp_md_ctx_st* ctx_ = nullptr;
-  bool ok_ = false;
+  kd::Digest* digest_ = nullptr;  // owned; null once failed or moved away
 };
 
 // A context of one kind, so that a context of the wrong kind cannot be handed

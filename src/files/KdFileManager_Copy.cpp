@@ -1,44 +1,21 @@
-// The verified copy of KdFileManager: one source to several destinations in
-// one pass, with read-back verification, progress and cancellation.
-//
-// The caller's thread reads the source into a ring of slots; each
-// destination has a thread that writes every slot, reads it back from the
-// file and compares what it read with the slot, and one more thread digests
-// the source. A slot is used again only when every one of them is done with
-// it, so each read-back is compared with the source's bytes as they were read
-// for this copy; and it is then accounted, on the caller's thread, in 64 KiB
-// chunks: the messages of its short writes and failed read-backs, the running
-// total and the progress steps, all in the order a chunk-by-chunk copy would
-// give. A copy's digest equals the source's exactly when its bytes do, so a
-// copy is digested only when it differs, to tell what it holds. The threads
-// are kept from one copy to the next. Tiny files are copied without threads,
-// each slot handed to every stage in turn.
+// The verified copy of KdFileManager: the operations that open the source
+// and the destinations, check them, print the copy's messages and drive the
+// delegate around the engine (files/copy/CopyEngine.h), which copies.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <atomic>
 #include <cerrno>
-#include <climits>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <exception>
-#include <mutex>
-#include <new>
-#include <system_error>
-#include <thread>
 
 #include "common/Path.h"
 #include "common/UniqueFd.h"
 #include "common/WorkQueue.h"
-#include "files/FileOperations.h"
 #include "files/KdFileManager.h"
 #include "files/copy/CopyEngine.h"
-#include "files/copy/FileDigest.h"
 #include "log/Format.h"
 #include "log/KdException.h"
 #include "log/KdLog.h"
@@ -47,25 +24,7 @@
 
 namespace {
 
-std::atomic<kd::copy::AfterWriteHook> afterWriteHook{nullptr};
-
-}  // namespace
-
-void kd::copy::setAfterWriteHookForTesting(AfterWriteHook hook) {
-  afterWriteHook = hook;
-}
-
-namespace {
-
-// The unit of accounting: progress, totals and messages go by chunks of this.
-constexpr std::size_t kChunk = 65536;
-constexpr std::size_t kChunksPerSlot = 8;
-constexpr std::size_t kSlotSize = kChunk * kChunksPerSlot;  // 512 KiB
-constexpr std::size_t kSlots = 8;                           // a ring of 4 MiB
-constexpr std::uint64_t kMinProgressStep = 20971520;        // 20 MiB
-// Up to this size a copy runs on the caller's thread alone: handing a slot to
-// the threads costs more than they gain.
-constexpr std::uint64_t kThreadedFrom = 2 * kChunk;
+constexpr std::uint64_t kMinProgressStep = 20971520;  // 20 MiB
 constexpr char kMethod[] =
     "+[KdFileManager copyFileWithProgress:destinations:verificationType:delegate:object:object:]";
 
@@ -84,45 +43,6 @@ void guarded(const char* method, F&& f) {
   } catch (...) {
     KdException::logException("unknown", "an exception that is not a std::exception", method);
   }
-}
-
-// Reads until `length` bytes or the end; the bytes read, and errno of a
-// failure in `error`.
-std::size_t readFully(int fd, unsigned char* into, std::size_t length, off_t at, bool positioned,
-                      int& error) {
-  std::size_t done = 0;
-  error = 0;
-  while (done < length) {
-    const ssize_t n = kd::retryOnEintr([&] {
-      return positioned ? ::pread(fd, into + done, length - done, at + static_cast<off_t>(done))
-                        : ::read(fd, into + done, length - done);
-    });
-    if (n < 0) {
-      error = errno;
-      break;
-    }
-    if (n == 0) break;
-    done += static_cast<std::size_t>(n);
-  }
-  return done;
-}
-
-// Writes `length` bytes at `at`, going on after partial writes; the bytes
-// written, and errno of a failure in `error`.
-std::size_t writeFully(int fd, const unsigned char* from, std::size_t length, off_t at,
-                       int& error) {
-  std::size_t done = 0;
-  error = 0;
-  while (done < length) {
-    const ssize_t n = kd::retryOnEintr(
-        [&] { return ::pwrite(fd, from + done, length - done, at + static_cast<off_t>(done)); });
-    if (n <= 0) {
-      error = n < 0 ? errno : ENOSPC;
-      break;
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  return done;
 }
 
 std::string errorText(int error) {
@@ -148,446 +68,6 @@ std::string resolvedDestination(const std::string& path) {
   std::free(real);
   return resolved;
 }
-
-// Buffers of one slot's size kept from one copy to the next, so that copying
-// many files does not map, fault in and unmap fresh memory for each. Holds at
-// most kKept buffers (the ring and the read-backs of a few destinations);
-// more are freed. Thread-safe.
-class SlotBuffers {
- public:
-  struct Return {
-    void operator()(unsigned char* buffer) const { SlotBuffers::shared().give(buffer); }
-  };
-  using Buffer = std::unique_ptr<unsigned char[], Return>;
-
-  static SlotBuffers& shared() {
-    static SlotBuffers* buffers = new SlotBuffers;  // never destroyed: copies may outlive main
-    return *buffers;
-  }
-  // A buffer of kSlotSize bytes; empty when there is no memory.
-  Buffer take() {
-    {
-      std::lock_guard lock(mu_);
-      if (!free_.empty()) {
-        unsigned char* buffer = free_.back();
-        free_.pop_back();
-        return Buffer(buffer);
-      }
-    }
-    return Buffer(new (std::nothrow) unsigned char[kSlotSize]);
-  }
-
- private:
-  static constexpr std::size_t kKept = 24;
-
-  void give(unsigned char* buffer) {
-    {
-      std::lock_guard lock(mu_);
-      if (free_.size() < kKept) {
-        free_.push_back(buffer);
-        return;
-      }
-    }
-    delete[] buffer;
-  }
-
-  std::mutex mu_;
-  std::vector<unsigned char*> free_;  // guarded by mu_
-};
-
-// Threads kept from one copy to the next to run the stages of the copies'
-// pipelines, so that copying many files does not start and end threads for
-// each. It starts a thread whenever no idle one can take a job, and keeps at
-// most kKept idle. Never destroyed (idle threads may outlive main); callable
-// from any thread.
-class StageThreads {
- public:
-  using Job = std::function<void()>;
-  static StageThreads& shared() {
-    static StageThreads* threads = new StageThreads;
-    return *threads;
-  }
-  // Runs `job` on a thread of its own; false when no thread could be had.
-  bool run(Job job) {
-    {
-      std::lock_guard lock(mu_);
-      if (idle_ > jobs_.size()) {
-        jobs_.push_back(std::move(job));
-        wake_.notify_one();
-        return true;
-      }
-    }
-    try {
-      std::thread([this, first = std::move(job)]() mutable { work(std::move(first)); }).detach();
-    } catch (const std::system_error&) {
-      return false;
-    }
-    return true;
-  }
-
- private:
-  static constexpr std::size_t kKept = 8;
-
-  void work(Job job) {
-    for (;;) {
-      job();
-      job = nullptr;
-      std::unique_lock lock(mu_);
-      if (idle_ >= kKept) return;
-      ++idle_;
-      wake_.wait(lock, [&] { return !jobs_.empty(); });
-      --idle_;
-      job = std::move(jobs_.front());
-      jobs_.pop_front();
-    }
-  }
-
-  std::mutex mu_;
-  std::condition_variable wake_;  // a job was queued
-  std::deque<Job> jobs_;          // guarded by mu_
-  std::size_t idle_ = 0;          // threads waiting for a job; guarded by mu_
-};
-
-// One destination of a copy. Its stage alone touches it while the copy runs;
-// the caller's thread reads it after that stage has ended.
-struct Destination {
-  std::string path;
-  int folder = AT_FDCWD;  // the open folder that `name` is in; AT_FDCWD: `name` is the path
-  std::string name;
-  kd::UniqueFd fd;
-  bool verifying = false;    // read back and compared with the source
-  bool differs = false;      // what was read back is not the source's bytes
-  std::uint64_t extent = 0;  // the bytes handed to it: the size the copy must have
-  // With `differs`, the digest of what the copy holds; absent when it
-  // cannot be read.
-  std::optional<std::string> copyDigest;
-  SlotBuffers::Buffer readBack;
-  int writeError = 0;                          // errno of the first failed write
-  int flushError = 0;                          // errno of a failed flush or close
-  bool gone = false;                           // its name no longer leads to the file written
-  int readBackError = 0;                       // errno of the first failed read-back
-  std::vector<std::string> attributesNotKept;  // the source's attributes it could not take
-  std::string metadataError;                   // why a date could not be set
-};
-
-// What goes on every destination once the whole source was copied: read only
-// while the copy runs.
-struct SourceMetadata {
-  int fd = -1;  // the source itself, for its extended attributes
-  struct stat st {};
-  std::optional<kd::FileDate> creationDate;
-  bool keepPermissions = false;
-};
-
-// What one destination did with one slot, read when the slot is accounted.
-struct SlotRecord {
-  std::array<std::size_t, kChunksPerSlot> written{};  // bytes of each chunk written
-  int readBackError = 0;                              // errno of a failed read-back
-};
-
-// One slot of the ring: the producer fills it, every stage reads it, and the
-// caller's thread accounts it once all stages are done.
-struct Slot {
-  SlotBuffers::Buffer data;
-  std::size_t length = 0;
-  std::uint64_t offset = 0;
-  std::vector<SlotRecord> records;  // one per destination
-};
-
-// One copy's pipeline. Owned by the copying call; its threads are joined
-// before it goes. Stages 0 to n-1 are the destinations, the stages after
-// them the source's digests (none without verification or further kinds).
-class Pipeline {
- public:
-  Pipeline(int source, const SourceMetadata& metadata, std::vector<Destination>& destinations,
-           std::vector<KdFileManager::CopyDigester*> sourceDigests,
-           const KdFileManager::CopyDigest& kind, std::shared_ptr<KdCancellation> cancellation)
-      : source_(source),
-        metadata_(metadata),
-        destinations_(destinations),
-        kind_(kind),
-        sourceDigests_(std::move(sourceDigests)),
-        stages_(destinations.size() + sourceDigests_.size()),
-        cancellation_(std::move(cancellation)),
-        consumed_(stages_, 0) {}
-  ~Pipeline() { stopThreads(); }
-  Pipeline(const Pipeline&) = delete;
-  Pipeline& operator=(const Pipeline&) = delete;
-
-  // False when the memory could not be had.
-  bool allocate() {
-    for (std::size_t i = 0; i < kSlots; ++i) {
-      Slot& slot = slots_[i];
-      slot.data = SlotBuffers::shared().take();
-      if (!slot.data) return false;
-      slot.records.resize(destinations_.size());
-    }
-    for (Destination& d : destinations_) {
-      if (!d.verifying) continue;
-      d.readBack = SlotBuffers::shared().take();
-      if (!d.readBack) return false;
-    }
-    return true;
-  }
-
-  // Accounts one chunk: called on the caller's thread, in order, for every
-  // chunk every stage has finished with. False stops the copy.
-  using Account = std::function<bool(const Slot& slot, std::size_t chunk)>;
-
-  // Runs the copy to the end of the source, a read error or cancellation.
-  // Returns errno of a read error, 0 otherwise.
-  int run(bool threaded, const Account& account) {
-    if (threaded) startThreads();
-    std::uint64_t seq = 0, accounted = 0, read = 0;
-    int readError = 0;
-    bool stopAccounting = false;
-    auto accountUpTo = [&](std::uint64_t upTo) {
-      for (; accounted < upTo; ++accounted) {
-        waitConsumed(accounted + 1);
-        const Slot& slot = slots_[accounted % kSlots];
-        const std::size_t chunks = (slot.length + kChunk - 1) / kChunk;
-        for (std::size_t c = 0; c < chunks && !stopAccounting; ++c)
-          if (!account(slot, c)) stopAccounting = true;
-      }
-    };
-    for (;;) {
-      if (cancellation_->cancelled() || stopAccounting) break;
-      if (seq >= kSlots) accountUpTo(seq - kSlots + 1);
-      if (cancellation_->cancelled() || stopAccounting) break;
-      Slot& slot = slots_[seq % kSlots];
-      slot.offset = seq * kSlotSize;
-      slot.length = readFully(source_, slot.data.get(), kSlotSize, 0, false, readError);
-      if (slot.length == 0) break;
-      read += slot.length;
-      publish(seq, threaded);
-      ++seq;
-      if (slot.length < kSlotSize) break;
-    }
-    {
-      std::lock_guard lock(mu_);
-      complete_ = readError == 0 && !stopAccounting &&
-                  read >= static_cast<std::uint64_t>(metadata_.st.st_size);
-    }
-    closeRing();
-    accountUpTo(seq);
-    stopThreads();
-    if (!threaded || inlineAfterFailure_) {
-      for (std::size_t d = 0; d < destinations_.size(); ++d) finishDestination(d);
-    }
-    return readError;
-  }
-
- private:
-  void startThreads() {
-    for (std::size_t stage = 0; stage < stages_; ++stage) {
-      {
-        std::lock_guard lock(mu_);
-        ++running_;
-      }
-      const bool started = StageThreads::shared().run([this, stage] {
-        work(stage);
-        // Told under the lock: once it is released, the pipeline may go.
-        std::lock_guard lock(mu_);
-        --running_;
-        ended_cv_.notify_all();
-      });
-      if (started) continue;
-      {
-        std::lock_guard lock(mu_);
-        --running_;
-      }
-      // Too few threads: run inline. The ones started end on the closed ring
-      // and leave their destinations to the caller's thread.
-      inlineAfterFailure_ = true;
-      stopThreads();
-      return;
-    }
-  }
-
-  // Closes the ring and waits until every stage has ended.
-  void stopThreads() {
-    closeRing();
-    std::unique_lock lock(mu_);
-    ended_cv_.wait(lock, [&] { return running_ == 0; });
-  }
-
-  void closeRing() {
-    {
-      std::lock_guard lock(mu_);
-      closed_ = true;
-    }
-    published_cv_.notify_all();
-  }
-
-  void publish(std::uint64_t seq, bool threaded) {
-    if (!threaded || inlineAfterFailure_) {
-      for (std::size_t stage = 0; stage < stages_; ++stage) process(stage, slots_[seq % kSlots]);
-      std::lock_guard lock(mu_);
-      for (std::uint64_t& c : consumed_) c = seq + 1;
-      published_ = seq + 1;
-      return;
-    }
-    {
-      std::lock_guard lock(mu_);
-      published_ = seq + 1;
-    }
-    published_cv_.notify_all();
-  }
-
-  // Waits until every stage has finished `count` slots.
-  void waitConsumed(std::uint64_t count) {
-    std::unique_lock lock(mu_);
-    consumed_cv_.wait(lock, [&] {
-      return std::all_of(consumed_.begin(), consumed_.end(),
-                         [&](std::uint64_t c) { return c >= count; });
-    });
-  }
-
-  void work(std::size_t stage) {
-    for (std::uint64_t seq = 0;; ++seq) {
-      {
-        std::unique_lock lock(mu_);
-        published_cv_.wait(lock, [&] { return published_ > seq || closed_; });
-        if (published_ <= seq) break;
-      }
-      process(stage, slots_[seq % kSlots]);
-      {
-        std::lock_guard lock(mu_);
-        consumed_[stage] = seq + 1;
-      }
-      consumed_cv_.notify_all();
-    }
-    if (stage < destinations_.size() && !inlineAfterFailure_) finishDestination(stage);
-  }
-
-  void process(std::size_t stage, Slot& slot) {
-    if (stage >= destinations_.size()) {
-      sourceDigests_[stage - destinations_.size()]->update(slot.data.get(), slot.length);
-      return;
-    }
-    Destination& d = destinations_[stage];
-    SlotRecord& record = slot.records[stage];
-    record = SlotRecord();
-    // A stop answer holds back every later write.
-    if (cancellation_->cancelled()) return;
-    const off_t at = static_cast<off_t>(slot.offset);
-    int error = 0;
-    std::size_t written = writeFully(d.fd.get(), slot.data.get(), slot.length, at, error);
-    bool shortWrite = written < slot.length;
-    if (!shortWrite) {
-      for (std::size_t c = 0; c * kChunk < slot.length; ++c)
-        record.written[c] = std::min(kChunk, slot.length - c * kChunk);
-    } else {
-      if (d.writeError == 0) d.writeError = error;
-      // Chunks before the failure are whole; the failing one is short; each
-      // later chunk is tried on its own, as the chunk-by-chunk copy would.
-      const std::size_t failed = written / kChunk;
-      for (std::size_t c = 0; c < failed; ++c) record.written[c] = kChunk;
-      record.written[failed] = written - failed * kChunk;
-      for (std::size_t c = failed + 1; c * kChunk < slot.length; ++c) {
-        const std::size_t length = std::min(kChunk, slot.length - c * kChunk);
-        record.written[c] = writeFully(d.fd.get(), slot.data.get() + c * kChunk, length,
-                                       at + static_cast<off_t>(c * kChunk), error);
-      }
-    }
-    d.extent = std::max<std::uint64_t>(d.extent, slot.offset + slot.length);
-    if (!d.verifying) return;
-    if (const kd::copy::AfterWriteHook hook = afterWriteHook.load())
-      hook(d.fd.get(), slot.offset, slot.length);
-    // The file is read again and compared with the slot, which holds the
-    // source's bytes as read for this copy until every stage is done with
-    // it. A short write, a short read-back or a failed one differs.
-    const std::size_t got =
-        readFully(d.fd.get(), d.readBack.get(), slot.length, at, true, record.readBackError);
-    if (d.readBackError == 0) d.readBackError = record.readBackError;
-    if (shortWrite || got != slot.length ||
-        std::memcmp(d.readBack.get(), slot.data.get(), slot.length) != 0)
-      d.differs = true;
-  }
-
-  // With the whole source copied: a byte past the end differs too; and a copy
-  // that differs is digested as it now is, to tell what it holds.
-  void checkLength(Destination& d) {
-    if (!d.verifying) return;
-    if (!d.differs) {
-      unsigned char extra = 0;
-      int error = 0;
-      if (readFully(d.fd.get(), &extra, 1, static_cast<off_t>(d.extent), true, error) != 0 ||
-          error != 0)
-        d.differs = true;
-    }
-    if (d.differs && kind_.make) {
-      std::string ignored;
-      d.copyDigest = kd::copy::digestOfOpenFile(d.fd.get(), kind_, nullptr, ignored);
-    }
-  }
-
-  // Puts the source's attributes, dates and (when asked) permission bits on
-  // the open destination; through the descriptor, so that only the file
-  // written gets them, whatever its name leads to by now.
-  void applyMetadata(Destination& d) {
-    kd::FileMetadata& files = kd::platform().fileMetadata();
-    d.attributesNotKept = files.copyExtendedAttributes(metadata_.fd, d.fd.get());
-    if (metadata_.creationDate)
-      files.setCreationDateOf(d.fd.get(), *metadata_.creationDate, &d.metadataError);
-    // A file system without permission bits (exFAT, FAT) keeps its own.
-    if (metadata_.keepPermissions) ::fchmod(d.fd.get(), metadata_.st.st_mode & 0777);
-    // The modification date with the file's own access time beside it:
-    // exFAT through FUSE drops a modification date sent alone.
-    struct stat own {};
-    if (::fstat(d.fd.get(), &own) != 0) own.st_atim.tv_nsec = UTIME_OMIT;
-    const struct timespec times[2] = {own.st_atim, metadata_.st.st_mtim};
-    if (::futimens(d.fd.get(), times) != 0) d.metadataError = errorText(errno);
-  }
-
-  // With the whole source copied, puts its metadata on the destination; then
-  // flushes the destination to its device and closes it, unless the copy
-  // was stopped (then it is only closed). A destination whose name no longer
-  // leads to the file written (removed or replaced meanwhile) has failed: what
-  // was written is no longer where it was asked for.
-  void finishDestination(std::size_t index) {
-    Destination& d = destinations_[index];
-    if (!d.fd) return;
-    if (!cancellation_->cancelled()) {
-      if (complete_) applyMetadata(d);
-      if (::fdatasync(d.fd.get()) != 0) d.flushError = errno;
-      if (complete_) checkLength(d);
-      struct stat written {
-      }, named{};
-      if (::fstat(d.fd.get(), &written) == 0 &&
-          (::fstatat(d.folder, d.name.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
-           !sameFile(written, named))) {
-        d.gone = true;
-        if (d.flushError == 0) d.flushError = ENOENT;
-      }
-    }
-    if (::close(d.fd.release()) != 0 && d.flushError == 0) d.flushError = errno;
-  }
-
-  const int source_;
-  const SourceMetadata& metadata_;
-  std::vector<Destination>& destinations_;
-  const KdFileManager::CopyDigest& kind_;  // the verifying kind, to digest a copy that differs
-  const std::vector<KdFileManager::CopyDigester*> sourceDigests_;
-  const std::size_t stages_;
-  const std::shared_ptr<KdCancellation> cancellation_;
-  std::array<Slot, kSlots> slots_;
-  // Set before the ring closes, read by the stages after: the lock on mu_
-  // orders the two.
-  bool inlineAfterFailure_ = false;
-  // Whether the whole source was read without a failure or a stop: set
-  // before the ring closes, read after, like inlineAfterFailure_.
-  bool complete_ = false;
-
-  std::mutex mu_;
-  std::condition_variable published_cv_;  // a slot was published, or the ring closed
-  std::condition_variable consumed_cv_;   // a stage finished a slot
-  std::condition_variable ended_cv_;      // a stage ended
-  std::size_t running_ = 0;               // stages running on threads; guarded by mu_
-  std::uint64_t published_ = 0;           // guarded by mu_
-  bool closed_ = false;                   // guarded by mu_
-  std::vector<std::uint64_t> consumed_;   // per stage; guarded by mu_
-};
 
 // Sends the progress step and the question, each on the work queue with its
 // own snapshot of the settings, without waiting for either.
@@ -616,7 +96,7 @@ void reportStep(const std::shared_ptr<const KdFileCopyDelegate>& delegate,
 // Opens a destination for writing, truncated, refusing anything that is not
 // a regular file of its own: a link, a folder, a device, the source.
 kd::UniqueFd openDestination(const std::string& path, const struct stat& source,
-                             const std::vector<Destination>& opened) {
+                             const std::vector<kd::copy::Target>& opened) {
   struct stat st {};
   if (path.find('\0') != std::string::npos) return kd::UniqueFd();
   if (::lstat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) return kd::UniqueFd();
@@ -624,7 +104,7 @@ kd::UniqueFd openDestination(const std::string& path, const struct stat& source,
       [&] { return ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666); }));
   if (!fd || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || sameFile(st, source))
     return kd::UniqueFd();
-  for (const Destination& d : opened) {
+  for (const kd::copy::Target& d : opened) {
     struct stat other {};
     if (::fstat(d.fd.get(), &other) == 0 && sameFile(st, other)) return kd::UniqueFd();
   }
@@ -668,7 +148,7 @@ kd::UniqueFd openSource(const std::string& source, struct stat& st) {
 
 KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const std::string& source,
                                      kd::UniqueFd sourceFd, const struct stat& sourceStat,
-                                     std::vector<Destination>& open,
+                                     std::vector<kd::copy::Target> open,
                                      const KdFileManager::CopyDigest& digest,
                                      const std::shared_ptr<const KdFileCopyDelegate>& delegate,
                                      bool keepPermissions,
@@ -725,7 +205,7 @@ KdFileManager::CopyResult copy(const std::string& source,
     return result;
   }
 
-  std::vector<Destination> open;
+  std::vector<kd::copy::Target> open;
   open.reserve(destinations.size());
   for (const std::string& path : destinations) {
     kd::UniqueFd fd = openDestination(path, sourceStat, open);
@@ -733,19 +213,20 @@ KdFileManager::CopyResult copy(const std::string& source,
       console("Error: Unable to open destination file %@. Aborting copy process...", path);
       return result;
     }
-    Destination& d = open.emplace_back();
+    kd::copy::Target& d = open.emplace_back();
     d.path = path;
     d.name = path;
     d.fd = std::move(fd);
   }
-  return copyOpened(result, source, std::move(sourceFd), sourceStat, open, digest, delegate,
-                    /*keepPermissions=*/false, {}, nullptr);
+  return copyOpened(result, source, std::move(sourceFd), sourceStat, std::move(open), digest,
+                    delegate, /*keepPermissions=*/false, {}, nullptr);
 }
 
-// The copy from the open source to the open destinations.
+// The copy from the open source to the open destinations: the engine copies;
+// this tells the messages, the progress and the delegate.
 KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const std::string& source,
                                      kd::UniqueFd sourceFd, const struct stat& sourceStat,
-                                     std::vector<Destination>& open,
+                                     std::vector<kd::copy::Target> open,
                                      const KdFileManager::CopyDigest& digest,
                                      const std::shared_ptr<const KdFileCopyDelegate>& delegate,
                                      bool keepPermissions,
@@ -753,96 +234,78 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
                                      const kd::copy::DirectProgress* direct) {
   const auto cancellation = KdCancellation::make();
   KdCopySettings& settings = result.settings;
-  ::posix_fadvise(sourceFd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
   const std::uint64_t size = static_cast<std::uint64_t>(sourceStat.st_size);
   const std::uint64_t step = std::max(size / 1000, kMinProgressStep);
-  SourceMetadata metadata;
-  metadata.fd = sourceFd.get();
-  metadata.st = sourceStat;
-  metadata.creationDate = kd::platform().fileMetadata().creationDate(source);
-  metadata.keepPermissions = keepPermissions;
-
+  kd::copy::Source from;
+  from.fd = sourceFd.get();
+  from.st = sourceStat;
+  from.creationDate = kd::platform().fileMetadata().creationDate(source);
+  from.keepPermissions = keepPermissions;
+  std::vector<std::string> paths;
+  for (const kd::copy::Target& t : open) paths.push_back(t.path);
   const bool verifying = static_cast<bool>(digest.make);
-  for (Destination& d : open) d.verifying = verifying;
-  std::unique_ptr<KdFileManager::CopyDigester> sourceDigest;
-  if (verifying) sourceDigest = digest.make();
-  // The further kinds digest the source only, each as a stage of its own.
-  std::vector<std::unique_ptr<KdFileManager::CopyDigester>> moreSourceDigests;
-  std::vector<KdFileManager::CopyDigester*> sourceDigests;
-  if (sourceDigest) sourceDigests.push_back(sourceDigest.get());
-  for (const KdFileManager::CopyDigest& more : moreDigests) {
-    moreSourceDigests.push_back(more.make ? more.make() : nullptr);
-    if (moreSourceDigests.back()) sourceDigests.push_back(moreSourceDigests.back().get());
-  }
 
-  std::uint64_t total = 0, lastReported = 0;
-  int readError = 0;
-  {
-    Pipeline pipeline(sourceFd.get(), metadata, open, std::move(sourceDigests), digest,
-                      cancellation);
-    if (!pipeline.allocate()) {
-      KdLog::appendLogAndPrint("Error copying file %@ - out of memory", source);
-      return result;
+  std::uint64_t lastReported = 0;
+  auto onChunk = [&](const kd::copy::Chunk& chunk) {
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+      const kd::copy::Chunk::PerTarget& t = chunk.targets[i];
+      if (t.written < chunk.length) console("Error writing file %@: %i", paths[i], 1);
+      if (verifying && t.readBackError != 0) {
+        console("Error: unable to seek within file %@", paths[i]);
+        console("cur pos: %llu", chunk.total - chunk.length);
+        console("read size: %zu", chunk.length);
+        console("errno: %i", t.readBackError);
+        console("err: %i", 1);
+      }
     }
-    auto account = [&](const Slot& slot, std::size_t chunk) {
-      // After a stop answer the writers skip what is left: nothing more to tell.
-      if (cancellation->cancelled()) return false;
-      const std::size_t length = std::min(kChunk, slot.length - chunk * kChunk);
-      for (std::size_t i = 0; i < open.size(); ++i) {
-        const SlotRecord& r = slot.records[i];
-        if (r.written[chunk] < length) console("Error writing file %@: %i", open[i].path, 1);
-        if (verifying && r.readBackError != 0) {
-          console("Error: unable to seek within file %@", open[i].path);
-          console("cur pos: %llu", total);
-          console("read size: %zu", length);
-          console("errno: %i", r.readBackError);
-          console("err: %i", 1);
-        }
-      }
-      total += length;
-      if (direct && direct->stop && direct->stop->load()) cancellation->cancel();
-      if (total - lastReported >= step) {
-        lastReported = total;
-        if (direct && direct->bytes) direct->bytes(total);
-        if (delegate) reportStep(delegate, settings, total, cancellation);
-      }
-      return !cancellation->cancelled();
-    };
-    readError = pipeline.run(size >= kThreadedFrom, account);
-  }
+    if (direct && direct->stop && direct->stop->load()) cancellation->cancel();
+    if (chunk.total - lastReported >= step) {
+      lastReported = chunk.total;
+      if (direct && direct->bytes) direct->bytes(chunk.total);
+      if (delegate) reportStep(delegate, settings, chunk.total, cancellation);
+    }
+    return !cancellation->cancelled();
+  };
+  kd::copy::Outcome copied =
+      kd::copy::copyDescriptors(from, std::move(open), digest, moreDigests, cancellation, onChunk);
   sourceFd.reset();
 
-  if (readError != 0) {
+  if (copied.outOfMemory) {
+    KdLog::appendLogAndPrint("Error copying file %@ - out of memory", source);
+    return result;
+  }
+  if (copied.readError != 0) {
     KdLog::appendLogAndPrint("Error reading file %@ - aborting...", source);
     return result;
   }
   if (cancellation->cancelled()) return result;
+  const std::uint64_t total = copied.bytes;
   if (total < size) {
     console("Error: copied file size does not match original source %@", source);
     return result;
   }
   result.completed = true;
   result.bytesCopied = total;
-  for (const auto& more : moreSourceDigests)
-    result.moreSourceDigests.push_back(more ? more->text() : std::nullopt);
+  result.moreSourceDigests = std::move(copied.moreSourceDigests);
 
   std::vector<std::string> failed;
-  for (const Destination& d : open) {
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    const kd::copy::TargetOutcome& d = copied.targets[i];
     KdFileManager::CopyOutcome& outcome = result.destinations.emplace_back();
-    outcome.path = d.path;
-    outcome.written = d.writeError == 0 && d.flushError == 0;
-    outcome.error = d.writeError != 0 ? d.writeError : d.flushError;
+    outcome.path = paths[i];
+    outcome.written = d.written;
+    outcome.error = d.error;
     if (d.writeError != 0) {
       outcome.failure = "a write failed: " + errorText(d.writeError);
     } else if (d.gone) {
       outcome.failure = "the file was removed or replaced while it was written";
-      console("Error writing file %@: %i", d.path, d.flushError);
+      console("Error writing file %@: %i", paths[i], d.flushError);
     } else if (d.flushError != 0) {
       outcome.failure = "flushing to the device or closing failed: " + errorText(d.flushError);
-      console("Error writing file %@: %i", d.path, d.flushError);
+      console("Error writing file %@: %i", paths[i], d.flushError);
     }
     outcome.verified = outcome.written;
-    if (!outcome.written) failed.push_back(d.path);
+    if (!outcome.written) failed.push_back(paths[i]);
   }
   settings.failedDestinations = failed;
 
@@ -852,21 +315,20 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
             [&] { delegate->fileCopyBytesWritten(total, settings); });
 
   if (verifying) {
-    result.sourceDigest = sourceDigest->text();
+    result.sourceDigest = copied.sourceDigest;
     settings.sourceChecksum = result.sourceDigest;
     std::vector<std::string> texts;
-    for (std::size_t i = 0; i < open.size(); ++i) {
+    for (std::size_t i = 0; i < paths.size(); ++i) {
       KdFileManager::CopyOutcome& outcome = result.destinations[i];
-      // Bytes equal to the source's have the source's digest.
-      const bool matches = result.sourceDigest && !open[i].differs;
-      outcome.digest = open[i].differs ? open[i].copyDigest : result.sourceDigest;
+      const kd::copy::TargetOutcome& d = copied.targets[i];
+      outcome.digest = d.digest;
       texts.push_back(outcome.digest.value_or(""));
-      if (!matches && outcome.failure.empty()) {
-        outcome.failure = open[i].readBackError != 0
-                              ? "reading it back failed: " + errorText(open[i].readBackError)
+      if (!d.verified && outcome.failure.empty()) {
+        outcome.failure = d.readBackError != 0
+                              ? "reading it back failed: " + errorText(d.readBackError)
                               : "what was read back differs from the source";
       }
-      outcome.verified = outcome.written && matches;
+      outcome.verified = d.verified;
       if (outcome.verified) continue;
       if (std::find(failed.begin(), failed.end(), outcome.path) == failed.end())
         failed.push_back(outcome.path);
@@ -883,13 +345,13 @@ KdFileManager::CopyResult copyOpened(KdFileManager::CopyResult& result, const st
   // The metadata went on each destination as it was finished. An error stays
   // once it happened and is told again for every later destination.
   std::optional<std::string> metadataError;
-  for (std::size_t i = 0; i < open.size(); ++i) {
-    const Destination& d = open[i];
-    result.destinations[i].attributesNotKept = d.attributesNotKept;
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    kd::copy::TargetOutcome& d = copied.targets[i];
+    result.destinations[i].attributesNotKept = std::move(d.attributesNotKept);
     // Whatever now has the name of a destination that went is not ours.
     if (d.gone) continue;
     if (!d.metadataError.empty()) metadataError = d.metadataError;
-    if (metadataError) console("Error setting metadata for file %@ - %@", d.path, *metadataError);
+    if (metadataError) console("Error setting metadata for file %@ - %@", paths[i], *metadataError);
   }
 
   if (delegate && delegate->fileCopyFinished)
@@ -940,13 +402,13 @@ KdFileManager::CopyResult copyToOpen(const std::string& source,
     console("Error: Unable to read source file %@. Aborting copy process...", source);
     return result;
   }
-  std::vector<Destination> open;
+  std::vector<kd::copy::Target> open;
   open.reserve(destinations.size());
   for (KdFileManager::OpenDestination& given : destinations) {
     struct stat st {};
     bool usable = given.fd && ::fstat(given.fd.get(), &st) == 0 && S_ISREG(st.st_mode) &&
                   !sameFile(st, sourceStat);
-    for (const Destination& d : open) {
+    for (const kd::copy::Target& d : open) {
       struct stat other {};
       if (usable && ::fstat(d.fd.get(), &other) == 0 && sameFile(st, other)) usable = false;
     }
@@ -954,14 +416,14 @@ KdFileManager::CopyResult copyToOpen(const std::string& source,
       console("Error: Unable to open destination file %@. Aborting copy process...", given.path);
       return result;
     }
-    Destination& d = open.emplace_back();
+    kd::copy::Target& d = open.emplace_back();
     d.path = given.path;
     d.folder = given.folder;
     d.name = given.name;
     d.fd = std::move(given.fd);
   }
-  return copyOpened(result, source, std::move(sourceFd), sourceStat, open, digest, delegate,
-                    keepPermissions, moreDigests, direct);
+  return copyOpened(result, source, std::move(sourceFd), sourceStat, std::move(open), digest,
+                    delegate, keepPermissions, moreDigests, direct);
 }
 
 }  // namespace

@@ -9,10 +9,10 @@
 #include <exception>
 #include <memory>
 
-#include "common/ReadAhead.h"
 #include "common/UniqueFd.h"
 #include "common/WorkQueue.h"
 #include "files/KdFileManager.h"
+#include "files/copy/FileDigest.h"
 #include "log/KdException.h"
 #include "log/KdLog.h"
 #include "platform/Platform.h"
@@ -56,51 +56,51 @@ kd::UniqueFd openForReading(const std::string& path) {
   return kd::UniqueFd(kd::retryOnEintr([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
 }
 
-template <class Context>
 std::optional<std::string> hashFile(const std::string& path,
                                     const std::shared_ptr<const KdChecksumDelegate>& delegate,
-                                    std::optional<std::string> (*text)(Context)) {
+                                    const char* kind) {
   const kd::UniqueFd fd = openForReading(path);
   if (!fd) {
     kd::platform().systemLog(kd::format(
         "Error: Unable to open destination file %@. Aborting hash verification...", path));
     return std::nullopt;
   }
-  Context context;
-  kd::ReadAhead reader(fd.get());
-  if (!reader.ok() || !context.ok()) {
-    KdLog::appendLogAndPrint("Error reading file %@ - out of memory", path);
-    return std::nullopt;
-  }
   const bool asks = delegate != nullptr && delegate->respondsToChecksumShouldContinue();
   const std::shared_ptr<KdCancellation> cancellation = asks ? KdCancellation::make() : nullptr;
   std::uint64_t total = 0;
-  for (;;) {
-    // read() tells the end (0) from a failure (-1) itself, so a read that
-    // returns nothing is always the end; a failure, EAGAIN included, ends the
-    // hash rather than trying again.
-    const kd::ReadAhead::Read chunk = reader.next();
-    if (chunk.length == 0) break;
-    if (chunk.length < 0 || !context.update(chunk.data, static_cast<std::size_t>(chunk.length))) {
+  auto read = [&](std::uint64_t length) {
+    total += length;
+    if (!asks) return true;
+    if (total % kQuestionInterval == 0) askToContinue(delegate, path, cancellation);
+    return !cancellation->cancelled();
+  };
+  // read() tells the end (0) from a failure (-1) itself, so a read that
+  // returns nothing is always the end; a failure, EAGAIN included, ends the
+  // hash rather than trying again.
+  kd::copy::DigestFailure failure;
+  std::optional<std::vector<std::string>> digests = kd::copy::digestsOfFile(
+      fd.get(), kd::copy::Reading::Ahead, {*KdFileManager::copyDigestNamed(kind)}, read, failure);
+  if (digests) return std::move(digests->front());
+  switch (failure.what) {
+    case kd::copy::DigestFailure::What::Unavailable:
+    case kd::copy::DigestFailure::What::NoMemory:
+      KdLog::appendLogAndPrint("Error reading file %@ - out of memory", path);
+      break;
+    case kd::copy::DigestFailure::What::Read:
       KdLog::appendLogAndPrint("Error reading file %@ - aborting...", path);
-      return std::nullopt;
-    }
-    total += static_cast<std::uint64_t>(chunk.length);
-    if (asks) {
-      if (total % kQuestionInterval == 0) askToContinue(delegate, path, cancellation);
-      if (cancellation->cancelled()) return std::nullopt;
-    }
+      break;
+    case kd::copy::DigestFailure::What::Stopped:
+    case kd::copy::DigestFailure::What::Final:
+      break;
   }
-  return text(std::move(context));
+  return std::nullopt;
 }
 
-template <class Context>
 std::optional<std::string> guardedHashFile(
     const char* method, const std::string& path,
-    const std::shared_ptr<const KdChecksumDelegate>& delegate,
-    std::optional<std::string> (*text)(Context)) {
+    const std::shared_ptr<const KdChecksumDelegate>& delegate, const char* kind) {
   try {
-    return hashFile<Context>(path, delegate, text);
+    return hashFile(path, delegate, kind);
   } catch (const std::exception& e) {
     KdException::logException(e, method);
   } catch (...) {
@@ -126,16 +126,13 @@ std::optional<std::string> KdFileManager::sha512HashWithContext(KdSHA512Context 
 
 std::optional<std::string> KdFileManager::md5HashForFile(
     const std::string& path, std::shared_ptr<const KdChecksumDelegate> delegate) {
-  return guardedHashFile("+[KdFileManager md5HashForFile:delegate:]", path, delegate,
-                         &KdFileManager::md5HashWithContext);
+  return guardedHashFile("+[KdFileManager md5HashForFile:delegate:]", path, delegate, "md5");
 }
 std::optional<std::string> KdFileManager::sha1HashForFile(
     const std::string& path, std::shared_ptr<const KdChecksumDelegate> delegate) {
-  return guardedHashFile("+[KdFileManager sha1HashForFile:delegate:]", path, delegate,
-                         &KdFileManager::sha1HashWithContext);
+  return guardedHashFile("+[KdFileManager sha1HashForFile:delegate:]", path, delegate, "sha1");
 }
 std::optional<std::string> KdFileManager::sha512HashForFile(
     const std::string& path, std::shared_ptr<const KdChecksumDelegate> delegate) {
-  return guardedHashFile("+[KdFileManager sha512HashForFile:delegate:]", path, delegate,
-                         &KdFileManager::sha512HashWithContext);
+  return guardedHashFile("+[KdFileManager sha512HashForFile:delegate:]", path, delegate, "sha512");
 }

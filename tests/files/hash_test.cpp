@@ -22,6 +22,7 @@
 #include "common/UniqueFd.h"
 #include "common/WorkQueue.h"
 #include "files/KdFileManager.h"
+#include "files/copy/Digest.h"
 #include "log/KdLog.h"
 #include "support/FakeMacPlatform.h"
 #include "support/Process.h"
@@ -124,6 +125,45 @@ TEST(DigestText, KnownAnswersFromACopyOfTheContext) {
   const KdSHA256Context copy = context;
   context.update("d", 1);
   EXPECT_EQ(KdFileManager::sha256HashWithContext(copy), cases[5].digest);
+}
+
+// Every kind of the one digest type: a copy taken midway goes on on its own,
+// and telling the digest leaves it usable; the xxHash kinds' known answers.
+TEST(Digest, CopiesGoOnOnTheirOwnInEveryKind) {
+  const struct {
+    const char* name;
+    const char* empty;  // the digest of nothing, where known here
+  } kinds[] = {{"md5", "d41d8cd98f00b204e9800998ecf8427e"},
+               {"sha1", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
+               {"sha256", nullptr},
+               {"sha512", nullptr},
+               {"xxh64", "ef46db3751d8e999"},
+               {"xxh3", "2d06800538d394c2"},
+               {"xxh128", "99aa06d3014798d86001c324468d497f"}};
+  for (const auto& k : kinds) {
+    SCOPED_TRACE(k.name);
+    const std::optional<kd::Digest::Kind> kind = kd::Digest::kindNamed(k.name);
+    ASSERT_TRUE(kind);
+    if (k.empty) {
+      EXPECT_EQ(kd::Digest(*kind).text(), k.empty);
+    }
+    kd::Digest whole(*kind);
+    whole.update("abcd", 4);
+    kd::Digest fed(*kind);
+    fed.update("ab", 2);
+    kd::Digest copy = fed;
+    const std::optional<std::string> half = fed.text();
+    EXPECT_EQ(fed.text(), half);
+    fed.update("cd", 2);
+    copy.update("cd", 2);
+    ASSERT_TRUE(whole.text());
+    EXPECT_EQ(whole.text()->size(), 2 * kd::Digest::length(*kind));
+    EXPECT_EQ(fed.text(), whole.text());
+    EXPECT_EQ(copy.text(), whole.text());
+    EXPECT_NE(half, whole.text());
+  }
+  EXPECT_FALSE(kd::Digest::kindNamed("none"));
+  EXPECT_FALSE(kd::Digest::kindNamed("crc32"));
 }
 
 TEST(HashForFile, KnownAnswersAndEveryReadOfAnySize) {

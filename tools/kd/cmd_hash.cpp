@@ -18,10 +18,10 @@
 #include <vector>
 
 #include "Commands.h"
-#include "common/ReadAhead.h"
 #include "common/UniqueFd.h"
 #include "files/HashKinds.h"
 #include "files/KdFileManager.h"
+#include "files/copy/FileDigest.h"
 #include "log/KdLog.h"
 #include "paths/KdLocalPaths.h"
 
@@ -106,44 +106,39 @@ std::optional<std::vector<std::string>> digestsOfFile(const std::vector<const Ki
     std::fprintf(stderr, "kd hash: %s: %s\n", path.c_str(), std::strerror(EISDIR));
     return std::nullopt;
   }
-  std::vector<std::unique_ptr<KdFileManager::CopyDigester>> digesters;
-  for (const Kind* kind : kinds) {
-    const std::optional<KdFileManager::CopyDigest> digest =
-        KdFileManager::copyDigestNamed(kind->name);
-    digesters.push_back(digest && digest->make ? digest->make() : nullptr);
-    if (!digesters.back()) {
-      std::fprintf(stderr, "kd hash: %s: the %s digest is not available\n", path.c_str(),
-                   kind->name);
-      return std::nullopt;
-    }
-  }
+  std::vector<KdFileManager::CopyDigest> digests;
+  for (const Kind* kind : kinds)
+    digests.push_back(KdFileManager::copyDigestNamed(kind->name)
+                          .value_or(KdFileManager::CopyDigest{kind->name, nullptr}));
   progress.begin(path, S_ISREG(st.st_mode) ? static_cast<std::uint64_t>(st.st_size) : 0);
-  kd::ReadAhead reader(fd);
   std::uint64_t total = 0;
-  for (;;) {
-    const kd::ReadAhead::Read chunk = reader.next();
-    if (chunk.length == 0) break;
-    if (chunk.length < 0) {
-      progress.end();
-      std::fprintf(stderr, "kd hash: %s: %s\n", path.c_str(), std::strerror(chunk.error));
-      return std::nullopt;
-    }
-    for (const auto& digester : digesters)
-      digester->update(chunk.data, static_cast<std::size_t>(chunk.length));
-    total += static_cast<std::uint64_t>(chunk.length);
-    progress.at(total);
-  }
+  kd::copy::DigestFailure failure;
+  std::optional<std::vector<std::string>> texts = kd::copy::digestsOfFile(
+      fd, kd::copy::Reading::Ahead, digests,
+      [&](std::uint64_t length) {
+        total += length;
+        progress.at(total);
+        return true;
+      },
+      failure);
   progress.end();
-  std::vector<std::string> texts;
-  for (const auto& digester : digesters) {
-    std::optional<std::string> text = digester->text();
-    if (!text) {
+  if (texts) return texts;
+  switch (failure.what) {
+    case kd::copy::DigestFailure::What::Unavailable:
+      std::fprintf(stderr, "kd hash: %s: the %s digest is not available\n", path.c_str(),
+                   failure.kind.c_str());
+      break;
+    case kd::copy::DigestFailure::What::NoMemory:
+    case kd::copy::DigestFailure::What::Read:
+      std::fprintf(stderr, "kd hash: %s: %s\n", path.c_str(),
+                   std::strerror(failure.error != 0 ? failure.error : EIO));
+      break;
+    case kd::copy::DigestFailure::What::Stopped:
+    case kd::copy::DigestFailure::What::Final:
       std::fprintf(stderr, "kd hash: %s: the digest failed\n", path.c_str());
-      return std::nullopt;
-    }
-    texts.push_back(std::move(*text));
+      break;
   }
-  return texts;
+  return std::nullopt;
 }
 
 std::optional<std::string> digestOfFile(const Kind& kind, const std::string& path,
