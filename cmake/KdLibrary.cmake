@@ -71,6 +71,7 @@ set(KD_PUBLIC_HEADERS
     common/Utf8.h
     crash/KdBugReporter.h
     files/HashKinds.h
+    files/copy/FileDigest.h
     files/mhl/MhlHistory.h
     files/mhl/MhlManifest.h
     files/offload/FolderVerify.h

@@ -2,7 +2,7 @@
 // the offload's checks and the copy's report of a copy that differs.
 //
 // Plain functions without state of their own; callable from any thread, one
-// thread per descriptor.
+// thread per descriptor. Public: kd hash reads through it as any caller may.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "files/KdFileManager.h"
+#include "../../KdExport.h"
+#include "../KdFileManager.h"
 
 namespace kd::copy {
 
@@ -27,7 +28,7 @@ enum class Reading {
 };
 
 // Why a file's digests were not had.
-struct DigestFailure {
+struct KD_EXPORT DigestFailure {
   enum class What {
     Unavailable,  // a kind is not one the library computes (`kind` names it)
     NoMemory,     // no memory for the reading
@@ -46,17 +47,17 @@ struct DigestFailure {
 // from one read. `read` (when given) hears of every read's length and may
 // stop the reading by returning false. One text per kind, in their order;
 // nothing, with `failure` set, when a digest is not had.
-std::optional<std::vector<std::string>> digestsOfFile(
+KD_EXPORT std::optional<std::vector<std::string>> digestsOfFile(
     int fd, Reading reading, const std::vector<KdFileManager::CopyDigest>& kinds,
     const std::function<bool(std::uint64_t)>& read, DigestFailure& failure);
 
 // The same, positioned, with the failure in words in `error`.
-std::optional<std::vector<std::string>> digestsOfOpenFile(
+KD_EXPORT std::optional<std::vector<std::string>> digestsOfOpenFile(
     int fd, const std::vector<KdFileManager::CopyDigest>& kinds,
     const std::function<bool(std::uint64_t)>& read, std::string& error);
 // The same in one kind.
-std::optional<std::string> digestOfOpenFile(int fd, const KdFileManager::CopyDigest& kind,
-                                            const std::function<bool(std::uint64_t)>& read,
-                                            std::string& error);
+KD_EXPORT std::optional<std::string> digestOfOpenFile(
+    int fd, const KdFileManager::CopyDigest& kind, const std::function<bool(std::uint64_t)>& read,
+    std::string& error);
 
 }  // namespace kd::copy
