@@ -5,8 +5,6 @@
 
 namespace kd::xml {
 
-namespace {
-
 // Text for messages: at most 80 bytes, control characters shown as '?'.
 std::string shown(std::string_view s) {
   std::string out(s.substr(0, 80));
@@ -16,7 +14,7 @@ std::string shown(std::string_view s) {
   return out;
 }
 
-}  // namespace
+namespace {}  // namespace
 
 bool PullReader::fail(const std::string& why) {
   if (error_.empty()) error_ = why + " (at byte " + std::to_string(pos_) + ")";

@@ -106,4 +106,7 @@ class PullReader {
   std::string ns_;
 };
 
+// Text for messages: at most 80 bytes, control characters shown as '?'.
+std::string shown(std::string_view s);
+
 }  // namespace kd::xml

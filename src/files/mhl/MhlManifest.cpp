@@ -26,15 +26,6 @@ using mhl::shown;
 
 namespace mhl {
 
-// Text for messages: at most 80 bytes, control characters shown as '?'.
-std::string shown(std::string_view s) {
-  std::string out(s.substr(0, 80));
-  for (char& c : out)
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
-  if (s.size() > 80) out += "...";
-  return out;
-}
-
 // Key of a file and format, for duplicates and the latest hashes.
 std::string hashKey(std::string_view format, std::string_view path) {
   std::string key(format);

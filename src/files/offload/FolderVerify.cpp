@@ -39,16 +39,6 @@ std::chrono::system_clock::time_point timeOf(const struct timespec& t) {
           std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec)));
 }
 
-// Whether `path` or a folder above it is among `paths`.
-bool within(const std::set<std::string>& paths, std::string path) {
-  for (;;) {
-    if (paths.count(path)) return true;
-    const std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos) return false;
-    path.resize(slash);
-  }
-}
-
 // Opens the folder `relative` below `root` without following any link and
 // without leaving `root`; an invalid descriptor with errno set otherwise.
 UniqueFd openBeneath(int root, const std::string& relative) {
@@ -161,7 +151,7 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
         offload::matchesIgnorePattern({std::string(kTransferReportPattern)}, f.path, false))
       continue;
     const bool nested = ("/" + f.path).find("/ascmhl/") != std::string::npos;
-    const bool kept = within(inside, f.path);
+    const bool kept = offload::within(inside, f.path);
     if (nested || kept || offload::matchesIgnorePattern(patterns, f.path, false)) {
       left.insert(f.path);
       report.excluded.push_back({f.path, nested ? "a hash list of a folder inside"
@@ -279,7 +269,7 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
   for (const offload::CardFolder& f : tree.folders)
     if (("/" + f.path + "/").find("/ascmhl/") == std::string::npos &&
         !offload::matchesIgnorePattern(patterns, f.path, true) &&
-        (inside.count(f.path) || !within(inside, f.path)))
+        (inside.count(f.path) || !offload::within(inside, f.path)))
       folders.push_back({f.path, timeOf(f.modified),
                          inside.count(f.path) ? std::optional<MhlDirectoryDigest>(
                                                     MhlDirectoryDigest{report.hash, "", ""})
@@ -295,7 +285,7 @@ FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
   // Gone, or (a new file with a gone file's digest) renamed.
   std::map<std::string, std::string> gone;  // path -> digest in report.hash, "" otherwise
   for (const std::string& path : history.recordedPaths()) {
-    if (present.count(path) || within(left, path)) continue;
+    if (present.count(path) || offload::within(left, path)) continue;
     gone[path] = std::string();
     if (const auto record = expected.find(path); record != expected.end())
       for (const MhlHash& r : record->second)

@@ -143,4 +143,14 @@ CardTree readCard(const std::string& card, bool skipHistory,
   return tree;
 }
 
+// Whether `path` or a folder above it is among `paths`.
+bool within(const std::set<std::string>& paths, std::string path) {
+  for (;;) {
+    if (paths.count(path)) return true;
+    const std::size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return false;
+    path.resize(slash);
+  }
+}
+
 }  // namespace kd::offload

@@ -45,16 +45,6 @@ std::size_t depth(const std::string& root) {
   return root.empty() ? 0 : 1 + static_cast<std::size_t>(std::count(root.begin(), root.end(), '/'));
 }
 
-// Whether `path` or a folder above it is among `paths`.
-bool within(const std::set<std::string>& paths, std::string path) {
-  for (;;) {
-    if (paths.count(path)) return true;
-    const std::size_t slash = path.rfind('/');
-    if (slash == std::string::npos) return false;
-    path.resize(slash);
-  }
-}
-
 // Opens (making what is missing) the folder `relative` below `root`, one
 // level at a time, never following a link.
 UniqueFd openFolderBelow(int root, const std::string& relative, std::string& error) {

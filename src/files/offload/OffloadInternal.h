@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -71,5 +72,9 @@ std::optional<std::string> digestOfFile(int folder, const std::string& path,
 std::optional<std::vector<std::string>> digestsOfFile(
     int folder, const std::string& path, const std::vector<KdFileManager::CopyDigest>& kinds,
     bool fromDevice, const std::function<void(std::uint64_t)>& read, std::string& error);
+
+// Whether `path` or a folder above it is among `paths` (relative paths,
+// '/'-separated).
+bool within(const std::set<std::string>& paths, std::string path);
 
 }  // namespace kd::offload
