@@ -80,7 +80,8 @@ endfunction()
 # Installed, it looks for the library relative to itself ($ORIGIN), so that a
 # private prefix works without LD_LIBRARY_PATH; under /usr, where the Debian
 # packages install and the library lies in the linker's own folder, it carries
-# no RPATH at all. In the build folder it looks in the build folder.
+# no RPATH at all. In the build folder it looks in its own folder, then in the
+# build folder.
 #
 # The build folder's RPATH is set here rather than left to CMake: CMake ends
 # the RPATH it will edit at install time with empty entries (room for the
@@ -104,7 +105,9 @@ function(kd_install_program target)
     file(RELATIVE_PATH installed "/prefix/${arg_DESTINATION}" "/prefix/${CMAKE_INSTALL_LIBDIR}")
     set(installed "$ORIGIN/${installed}")
   endif()
-  set(build "${PROJECT_BINARY_DIR}")
+  # $ORIGIN first: a test copies a program and the library beside each other
+  # where another user may run them.
+  set(build "$ORIGIN:${PROJECT_BINARY_DIR}")
   string(LENGTH "${installed}" installed_length)
   string(LENGTH "${build}" build_length)
   while(build_length LESS installed_length)

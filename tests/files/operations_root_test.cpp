@@ -14,6 +14,7 @@
 #include "auth/KdAuthorization.h"
 #include "common/Path.h"
 #include "support/Process.h"
+#include "support/RunnableCopy.h"
 #include "support/ScopedTmpfs.h"
 #include "support/ThrowawayAdmin.h"
 
@@ -182,9 +183,8 @@ TEST(AsAUser, ReadOnlyFoldersOfItsOwnAreRemoved) {
   const std::string out = dir.mkdir("out");
   ASSERT_EQ(::chown(out.c_str(), 65534, 65534), 0);
   // A copy of kd where nobody may run it: the build folder may be closed to it.
-  const std::string kd = dir / "kd";
-  fs::copy_file(KD_TOOL_PATH, kd);
-  ASSERT_EQ(::chmod(kd.c_str(), 0755), 0);
+  const std::string kd = runnableCopy(KD_TOOL_PATH, dir.path());
+  ASSERT_NE(kd, "");
 
   EXPECT_EQ(kdAsNobody(kd, {"cp", "--no-auth", dir / "src", out + "/dst"}, out), 1);
   std::set<std::string> left = namesIn(out);

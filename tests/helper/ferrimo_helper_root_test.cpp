@@ -20,6 +20,7 @@
 #include "platform/Platform.h"
 #include "support/ChildMode.h"
 #include "support/Process.h"
+#include "support/RunnableCopy.h"
 #include "support/TempDir.h"
 
 namespace fs = std::filesystem;
@@ -100,6 +101,9 @@ class FerrimoHelperRoot : public ::testing::Test {
     fs::create_directories(appDir_ + "/Contents/MacOS");
     fs::copy_file(KD_STAND_IN_FERRIMO, appDir_ + "/Contents/MacOS/Ferrimo");
     chmod((appDir_ + "/Contents/MacOS").c_str(), 0777);  // the stand-in writes its record here
+    // A copy the user may run: the build folder may be closed to it.
+    helper_ = kd::test::runnableCopy(KD_HELPER_PATH, root_->path());
+    ASSERT_NE(helper_, "");
   }
 
   void TearDown() override {
@@ -134,7 +138,7 @@ class FerrimoHelperRoot : public ::testing::Test {
                                  "--regid=" + std::to_string(gid_),
                                  "--clear-groups",
                                  "--",
-                                 KD_HELPER_PATH};
+                                 helper_};
     cmd.insert(cmd.end(), args.begin(), args.end());
     const std::vector<std::string> env{"HOME=" + home_, "USER=" + user_, "PATH=/usr/bin:/bin"};
     EXPECT_EQ(run(cmd, {.env = env, .cwd = appDir_}), 0);
@@ -183,6 +187,7 @@ class FerrimoHelperRoot : public ::testing::Test {
   static inline uid_t uid_ = 0;
   static inline gid_t gid_ = 0;
   std::string appDir_;
+  std::string helper_;
   std::vector<std::string> mounts_;
 };
 

@@ -10,6 +10,7 @@
 
 #include "common/UniqueFd.h"
 #include "support/Process.h"
+#include "support/RunnableCopy.h"
 #include "support/TempDir.h"
 
 TEST(KdTool, PathsOfTheUserDomainLieInTheHome) {
@@ -17,11 +18,11 @@ TEST(KdTool, PathsOfTheUserDomainLieInTheHome) {
   // copy of kd it can run (the build folder may lie below a folder only root
   // may enter).
   kd::test::TempDir dir;
-  std::string home = dir.mkdir("home"), tool = dir / "kd", out = dir / "out";
+  std::string home = dir.mkdir("home"), out = dir / "out";
   dir.touch("home/.config/user-dirs.dirs", "XDG_DESKTOP_DIR=\"$HOME/Bureau\"\n");
   chmod(dir.path().c_str(), 0755);
-  std::filesystem::copy_file(KD_TOOL_PATH, tool);
-  chmod(tool.c_str(), 0755);
+  std::string tool = kd::test::runnableCopy(KD_TOOL_PATH, dir.path());
+  ASSERT_NE(tool, "");
 
   std::string homeVar = "HOME=" + home, pathVar = "PATH=/usr/bin:/bin", command = "paths";
   char* const argv[] = {tool.data(), command.data(), nullptr};

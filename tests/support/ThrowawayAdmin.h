@@ -29,6 +29,7 @@
 #include "common/UniqueFd.h"
 #include "platform/linux/Passwd.h"
 #include "support/ChildMode.h"
+#include "support/RunnableCopy.h"
 #include "support/TempDir.h"
 #include "tasks/KdTaskEx.h"
 
@@ -118,14 +119,7 @@ class ThrowawayAdmin {
   }
 
   // Copies a program where the user can run it; its path there.
-  std::string install(const std::string& program) const {
-    const std::string copy = path::append(bin_, path::lastComponent(program));
-    std::error_code ec;
-    std::filesystem::copy_file(program, copy, std::filesystem::copy_options::overwrite_existing,
-                               ec);
-    ::chmod(copy.c_str(), 0755);
-    return copy;
-  }
+  std::string install(const std::string& program) const { return runnableCopy(program, bin_); }
 
   // Starts this program as the user, running AsAdmin.<test> with `input` on
   // its standard input; its output and error come back through `output`.
