@@ -394,6 +394,29 @@ TEST(AscMhl, AHistoryChangedSinceItWasReadOrATakenNameIsNotOverwritten) {
   EXPECT_EQ(third.generations(), 2);
 }
 
+// The tracked folder is swapped for a link after the history was read: the
+// generation goes into the folder that was read, never where the link leads.
+TEST(AscMhl, AGenerationGoesIntoTheFolderThatWasRead) {
+  for (const bool withHistory : {false, true}) {
+    SCOPED_TRACE(withHistory ? "with a generation" : "empty");
+    TempDir dir;
+    const std::string tracked = withHistory ? trackedWithOneGeneration(dir) : dir.mkdir("CARD");
+    MhlHistory history;
+    std::string error;
+    ASSERT_TRUE(MhlHistory::load(tracked, history, error)) << error;
+    fs::rename(tracked, dir / "read");
+    fs::create_symlink(dir.mkdir("elsewhere"), tracked);
+    ASSERT_TRUE(history.addGeneration(creator(1700090000), "CARD", {},
+                                      {hashOf("x", 1, "xxh64", kXxh)}, error))
+        << error;
+    EXPECT_TRUE(fs::is_empty(dir / "elsewhere"));
+    EXPECT_EQ(history.generations(), withHistory ? 2 : 1);
+    MhlHistory again;
+    ASSERT_TRUE(MhlHistory::load(dir / "read", again, error)) << error;
+    EXPECT_EQ(again.chain(), history.chain());
+  }
+}
+
 TEST(AscMhl, TheStandardsExamplesRead) {
   MhlManifest manifest;
   std::string error;

@@ -92,13 +92,18 @@ std::string describe(const FileReadResult& r) {
   }
 }
 
+// Holds a descriptor for as long as a history (or a copy of it) needs it.
+std::shared_ptr<const int> held(UniqueFd fd) {
+  return std::shared_ptr<const int>(new int(fd.release()), [](const int* p) {
+    ::close(*p);
+    delete p;
+  });
+}
+
 }  // namespace
 
 bool MhlHistory::load(const std::string& trackedFolder, MhlHistory& out, std::string& error) {
   out = MhlHistory{};
-  MhlHistory history;
-  history.trackedFolder_ = trackedFolder;
-  const std::string where = trackedFolder + "/" + std::string(kFolderName);
   UniqueFd tracked(retryOnEintr(
       [&] { return ::open(trackedFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
   if (!tracked) {
@@ -106,12 +111,27 @@ bool MhlHistory::load(const std::string& trackedFolder, MhlHistory& out, std::st
       error = "cannot open " + trackedFolder + ": " + errnoText(errno);
       return false;
     }
-    history.loaded_ = true;
-    out = std::move(history);
+    out.trackedFolder_ = trackedFolder;
+    out.loaded_ = true;
     return true;
   }
+  return loadAt(tracked.get(), trackedFolder, out, error);
+}
+
+bool MhlHistory::loadAt(int trackedFolder, const std::string& shownAs, MhlHistory& out,
+                        std::string& error) {
+  out = MhlHistory{};
+  MhlHistory history;
+  history.trackedFolder_ = shownAs;
+  const std::string where = shownAs + "/" + std::string(kFolderName);
+  UniqueFd copy(::fcntl(trackedFolder, F_DUPFD_CLOEXEC, 0));
+  if (!copy) {
+    error = "cannot open " + shownAs + ": " + errnoText(errno);
+    return false;
+  }
+  history.folder_ = held(std::move(copy));
   std::string why;
-  UniqueFd dir = openHistoryFolder(tracked.get(), where, why);
+  UniqueFd dir = openHistoryFolder(*history.folder_, where, why);
   if (!dir) {
     if (!why.empty()) {
       error = why;
@@ -239,18 +259,22 @@ std::optional<std::string> MhlHistory::addGeneration(const MhlCreator& creator,
   if (!parseMhlManifest(*bytes, written, error)) return std::nullopt;
 
   const std::string where = trackedFolder_ + "/" + std::string(kFolderName);
-  UniqueFd tracked(retryOnEintr(
-      [&] { return ::open(trackedFolder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-  if (!tracked) {
-    error = "cannot open " + trackedFolder_ + ": " + errnoText(errno);
-    return std::nullopt;
+  // The folder that was read; one missing then is opened now, and kept.
+  if (!folder_) {
+    UniqueFd tracked(retryOnEintr(
+        [&] { return ::open(trackedFolder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (!tracked) {
+      error = "cannot open " + trackedFolder_ + ": " + errnoText(errno);
+      return std::nullopt;
+    }
+    folder_ = held(std::move(tracked));
   }
-  if (::mkdirat(tracked.get(), std::string(kFolderName).c_str(), 0777) != 0 && errno != EEXIST) {
+  if (::mkdirat(*folder_, std::string(kFolderName).c_str(), 0777) != 0 && errno != EEXIST) {
     error = "cannot create " + where + ": " + errnoText(errno);
     return std::nullopt;
   }
   std::string why;
-  UniqueFd dir = openHistoryFolder(tracked.get(), where, why);
+  UniqueFd dir = openHistoryFolder(*folder_, where, why);
   if (!dir) {
     error = why.empty() ? "cannot open " + where + ": " + errnoText(errno) : why;
     return std::nullopt;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,8 +16,11 @@ namespace kd {
 
 // The ascmhl/ folder of a tracked folder (DEST/<NAME>/ascmhl).
 //
-// Ownership: the object holds what it read, no descriptor between calls. Not
-// thread-safe; one owner. Nothing is written into a history that did not load.
+// Ownership: the object holds what it read and, when the tracked folder was
+// there, a descriptor of that folder (shared by copies, closed with the last
+// one): a generation is written into the folder that was read, whatever its
+// path names by then. Not thread-safe; one owner. Nothing is written into a
+// history that did not load.
 class KD_EXPORT MhlHistory {
  public:
   // The folder's name, and the chain file's name in it.
@@ -29,6 +33,10 @@ class KD_EXPORT MhlHistory {
   // link where a folder or file should be: false with a reason, and `out` is
   // an unloaded history. Nothing is changed on disk.
   static bool load(const std::string& trackedFolder, MhlHistory& out, std::string& error);
+  // The same below an open tracked folder (`shownAs` names it in messages).
+  // Nothing is reached by path: a folder below it that is a link is refused.
+  static bool loadAt(int trackedFolder, const std::string& shownAs, MhlHistory& out,
+                     std::string& error);
 
   // Whether load() succeeded for this object.
   bool loaded() const { return loaded_; }
@@ -36,6 +44,9 @@ class KD_EXPORT MhlHistory {
   int generations() const { return static_cast<int>(chain_.size()); }
   // The chain as loaded and extended: the manifests' names and C4 IDs.
   const std::vector<MhlChainEntry>& chain() const { return chain_; }
+  // The chain file's bytes as read (or as last written); none when there was
+  // no chain file.
+  const std::optional<std::string>& chainBytes() const { return chainBytes_; }
   // The latest recorded hash of `path` in `format` (from the newest generation
   // that lists it), if any. Its action may be "failed": check it before
   // trusting the digest.
@@ -51,9 +62,10 @@ class KD_EXPORT MhlHistory {
 
   // Writes the next generation's manifest "NNNN_<name>_<YYYY-MM-DD_HHMMSSZ>.mhl"
   // (the process given, the ignore patterns, hashes and directory hashes
-  // given), never replacing
-  // a file, and then the extended chain file, replaced atomically. The tracked
-  // folder must exist; the ascmhl folder is made when missing. Refused when the
+  // given), never replacing a file, and then the extended chain file, replaced
+  // atomically, below the tracked folder that was loaded. A tracked folder that
+  // was missing when loaded must exist by now; the ascmhl folder is made when
+  // missing. Refused when the
   // history did not load, or when the chain on disk changed since it was
   // loaded. Returns the manifest's path, or nullopt with `error`.
   std::optional<std::string> addGeneration(const MhlCreator& creator, std::string_view name,
@@ -68,6 +80,7 @@ class KD_EXPORT MhlHistory {
 
   bool loaded_ = false;
   std::string trackedFolder_;
+  std::shared_ptr<const int> folder_;      // the tracked folder, open; none when it was missing
   std::optional<std::string> chainBytes_;  // as read; none when there was no chain file
   std::vector<MhlChainEntry> chain_;
   std::map<std::string, MhlHash, std::less<>> latest_;  // key: format, '\0', path

@@ -15,12 +15,12 @@
 
 #include "common/AtomicFile.h"
 #include "common/UniqueFd.h"
+#include "files/mhl/MhlShared.h"
 
 namespace kd::offload {
 namespace {
 
-constexpr std::size_t kMaxManifestBytes = std::size_t{512} << 20;
-constexpr std::size_t kMaxChainBytes = std::size_t{32} << 20;
+using mhl::kMaxManifestBytes;
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 // The kinds a check can compute, the fastest first.
@@ -45,19 +45,21 @@ std::size_t depth(const std::string& root) {
   return root.empty() ? 0 : 1 + static_cast<std::size_t>(std::count(root.begin(), root.end(), '/'));
 }
 
-// Opens (making what is missing) the folder `relative` below `root`, one
-// level at a time, never following a link.
-UniqueFd openFolderBelow(int root, const std::string& relative, std::string& error) {
+// Opens the folder `relative` below `root`, one level at a time, never
+// following a link; with `make`, what is missing is made first. Without it,
+// a missing folder gives none with errno ENOENT and no `error`.
+UniqueFd openFolderBelow(int root, const std::string& relative, bool make, std::string& error) {
   UniqueFd fd(::fcntl(root, F_DUPFD_CLOEXEC, 0));
   for (std::size_t start = 0; fd && start < relative.size();) {
     std::size_t end = relative.find('/', start);
     if (end == std::string::npos) end = relative.size();
     const std::string part = relative.substr(start, end - start);
-    if (::mkdirat(fd.get(), part.c_str(), 0755) != 0 && errno != EEXIST) break;
+    if (make && ::mkdirat(fd.get(), part.c_str(), 0755) != 0 && errno != EEXIST) break;
     fd.reset(retryOnEintr([&] { return ::openat(fd.get(), part.c_str(), kFolderFlags); }));
     start = end + 1;
   }
-  if (!fd) error = std::string("cannot open the folder ") + relative + ": " + std::strerror(errno);
+  if (!fd && (make || errno != ENOENT))
+    error = std::string("cannot open the folder ") + relative + ": " + std::strerror(errno);
   return fd;
 }
 
@@ -108,30 +110,30 @@ bool copyVerified(int dir, const std::string& name, const std::string& bytes, At
 bool CardHistories::load(const std::string& card, const CardTree& tree, std::string& error) {
   card_ = card;
   histories_.clear();
+  if (tree.histories.empty()) return true;
+  // The card as named (it may be reached through a link); below it, no link
+  // is followed.
+  UniqueFd top(
+      retryOnEintr([&] { return ::open(card.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (!top) {
+    error = "The card " + card + " cannot be opened: " + std::strerror(errno);
+    return false;
+  }
   for (const std::string& root : tree.histories) {
     History h;
     h.root = root;
-    const std::string tracked = root.empty() ? card : card + "/" + root;
+    const std::string tracked = joined(card, root);
     const std::string where = tracked + "/" + std::string(MhlHistory::kFolderName);
     std::string why;
-    if (!MhlHistory::load(tracked, h.history, why)) {
-      error = "The card's hash list " + where + " cannot be read: " + why;
+    const UniqueFd folder = openFolderBelow(top.get(), root, false, why);
+    if (!folder || !MhlHistory::loadAt(folder.get(), tracked, h.history, why)) {
+      error = "The card's hash list " + where +
+              " cannot be read: " + (why.empty() ? std::strerror(ENOENT) : why);
       return false;
     }
     if (h.history.generations() == 0) continue;  // an ascmhl folder that holds no history
     // The chain is kept as the bytes the manifests were checked against.
-    UniqueFd dir(retryOnEintr([&] { return ::open(where.c_str(), kFolderFlags); }));
-    FileReadResult chain;
-    if (dir)
-      chain =
-          readRegularFileAt(dir.get(), std::string(MhlHistory::kChainName), kMaxChainBytes, false);
-    std::vector<MhlChainEntry> entries;
-    if (!chain.bytes || !parseMhlChain(*chain.bytes, entries, why) ||
-        entries != h.history.chain()) {
-      error = "The card's hash list " + where + " changed while it was read";
-      return false;
-    }
-    h.chainBytes = std::move(*chain.bytes);
+    h.chainBytes = h.history.chainBytes().value_or(std::string());
     for (MhlHash& record : h.history.goodRecords())
       h.good[record.path].push_back(std::move(record));
     histories_.push_back(std::move(h));
@@ -232,12 +234,14 @@ std::vector<std::string> CardHistories::missing(const CardTree& tree) const {
   return out;
 }
 
-std::optional<std::string> CardHistories::destinationProblem(const std::string& folder) const {
+std::optional<std::string> CardHistories::destinationProblem(int destination,
+                                                             const std::string& folder) const {
   for (const History& h : histories_) {
-    const std::string tracked = h.root.empty() ? folder : folder + "/" + h.root;
+    const std::string tracked = joined(folder, h.root);
     MhlHistory there;
     std::string why;
-    if (!MhlHistory::load(tracked, there, why))
+    const UniqueFd below = openFolderBelow(destination, h.root, false, why);
+    if (below ? !MhlHistory::loadAt(below.get(), tracked, there, why) : !why.empty())
       return "The destination " + tracked + " keeps a hash list that cannot be read (" + why +
              "), so the card's cannot be continued there; nothing was written";
     // The same history: the card's, or the card's continued by an earlier
@@ -253,33 +257,33 @@ std::optional<std::string> CardHistories::destinationProblem(const std::string& 
   return std::nullopt;
 }
 
-bool CardHistories::install(const History& h, int destination, const std::string& folder,
-                            std::string& error) const {
+UniqueFd CardHistories::install(const History& h, int destination, const std::string& folder,
+                                std::string& error) const {
   const std::string name(MhlHistory::kFolderName);
-  UniqueFd tracked = openFolderBelow(destination, h.root, error);
-  if (!tracked) return false;
+  UniqueFd tracked = openFolderBelow(destination, h.root, true, error);
+  if (!tracked) return tracked;
   if (::mkdirat(tracked.get(), name.c_str(), 0755) != 0 && errno != EEXIST) {
     error = std::string("cannot make the folder: ") + std::strerror(errno);
-    return false;
+    return {};
   }
   UniqueFd dir(retryOnEintr([&] { return ::openat(tracked.get(), name.c_str(), kFolderFlags); }));
   if (!dir) {
     error = std::string("cannot open it (a link is never followed): ") + std::strerror(errno);
-    return false;
+    return {};
   }
   MhlHistory there;
-  if (!MhlHistory::load(joined(folder, h.root), there, error)) return false;
+  if (!MhlHistory::loadAt(tracked.get(), joined(folder, h.root), there, error)) return {};
   const std::vector<MhlChainEntry>& chain = h.history.chain();
-  if (chainStartsWith(there.chain(), chain)) return true;  // already there, checked by C4 ID
+  if (chainStartsWith(there.chain(), chain)) return tracked;  // already there, checked by C4 ID
   if (!chainStartsWith(chain, there.chain())) {
     error = "it holds a hash list that is not the card's";
-    return false;
+    return {};
   }
   const std::string cardFolder = joined(card_, h.root) + "/" + name;
   UniqueFd source(retryOnEintr([&] { return ::open(cardFolder.c_str(), kFolderFlags); }));
   if (!source) {
     error = "cannot open " + cardFolder + ": " + std::strerror(errno);
-    return false;
+    return {};
   }
   for (std::size_t i = there.chain().size(); i < chain.size(); ++i) {
     const MhlChainEntry& entry = chain[i];
@@ -287,13 +291,15 @@ bool CardHistories::install(const History& h, int destination, const std::string
         readRegularFileAt(source.get(), entry.file, kMaxManifestBytes, false);
     if (!bytes.bytes || mhlC4Id(*bytes.bytes) != entry.c4) {
       error = cardFolder + "/" + entry.file + " changed on the card since it was read";
-      return false;
+      return {};
     }
     if (!copyVerified(dir.get(), entry.file, *bytes.bytes, AtomicReplace::NoReplace, error))
-      return false;
+      return {};
   }
-  return copyVerified(dir.get(), std::string(MhlHistory::kChainName), h.chainBytes,
-                      AtomicReplace::Replace, error);
+  if (!copyVerified(dir.get(), std::string(MhlHistory::kChainName), h.chainBytes,
+                    AtomicReplace::Replace, error))
+    return {};
+  return tracked;
 }
 
 std::optional<std::string> CardHistories::write(
@@ -332,12 +338,13 @@ std::optional<std::string> CardHistories::write(
     const std::string tracked = joined(in.folder, level.root);
     std::string error;
     if (level.card) {
-      if (!install(*level.card, in.destination, in.folder, error)) {
+      const UniqueFd there = install(*level.card, in.destination, in.folder, error);
+      if (!there) {
         problems.emplace_back(tracked + "/ascmhl",
                               "the card's hash list cannot be copied here: " + error);
         continue;
       }
-      if (!MhlHistory::load(tracked, level.loaded, error)) {
+      if (!MhlHistory::loadAt(there.get(), tracked, level.loaded, error)) {
         problems.emplace_back(tracked + "/ascmhl", "the copied hash list cannot be read: " + error);
         continue;
       }

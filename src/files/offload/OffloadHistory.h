@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "common/UniqueFd.h"
 #include "files/KdFileManager.h"
 #include "files/mhl/MhlDirectoryHash.h"
 #include "files/mhl/MhlHistory.h"
@@ -76,10 +77,11 @@ class CardHistories {
   // the card); what `tree` left out does not count.
   std::vector<std::string> missing(const CardTree& tree) const;
 
-  // Why the destination's card folder `folder` cannot take the card's hash
-  // lists: it keeps one of its own where the card keeps one, and it is not
-  // the card's (nor the card's continued). Nothing when it can.
-  std::optional<std::string> destinationProblem(const std::string& folder) const;
+  // Why the destination's card folder (open as `destination`, `folder` its
+  // path) cannot take the card's hash lists: it keeps one of its own where
+  // the card keeps one, and it is not the card's (nor the card's continued).
+  // Nothing when it can.
+  std::optional<std::string> destinationProblem(int destination, const std::string& folder) const;
 
   // Copies the card's hash lists into the destination (each manifest and
   // chain byte for byte, read back and compared), then adds a generation to
@@ -100,8 +102,10 @@ class CardHistories {
   };
   // The deepest hash list whose folder holds `path`, and the path in it.
   const History* covering(const std::string& path, std::string* relative) const;
-  bool install(const History& h, int destination, const std::string& folder,
-               std::string& error) const;
+  // Copies one of the card's hash lists into the destination; returns its
+  // tracked folder there, open, or none with `error`.
+  UniqueFd install(const History& h, int destination, const std::string& folder,
+                   std::string& error) const;
 
   std::string card_;
   std::vector<History> histories_;  // sorted by root

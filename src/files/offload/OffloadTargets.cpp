@@ -152,11 +152,12 @@ bool Run::prepareTargets() {
         return false;
       }
     if (options_.mhl) {
-      if (std::optional<std::string> problem = cardHistories_.destinationProblem(t.folder)) {
+      if (std::optional<std::string> problem =
+              cardHistories_.destinationProblem(t.root().fd.get(), t.folder)) {
         report_.error = *problem;
         return false;
       }
-      t.historyUsable = MhlHistory::load(t.folder, t.history, error);
+      t.historyUsable = MhlHistory::loadAt(t.root().fd.get(), t.folder, t.history, error);
       if (!t.historyUsable)
         t.fail(t.folder + "/ascmhl",
                "its hash list cannot be read, so no generation is added to it: " + error);
