@@ -44,6 +44,10 @@ TEST(TransferReport, ListsEveryFileAndShowsHostileNamesAsText) {
                 OffloadFileState::Copied};
   bad.failures.push_back({bad.folder + "/" + names[2], "read back <differs>", "aa", "bb"});
   r.destinations = {good, bad};
+  r.cardHistories = {""};
+  r.filesMatchingHistory = 2;
+  r.newOnCard = {names[0]};
+  r.missingFromCard = {"DCIM/GONE<.MOV"};
 
   const std::string page = transferReportHtml(r, 1);
   EXPECT_TRUE(utf8::isValid(page));
@@ -54,6 +58,10 @@ TEST(TransferReport, ListsEveryFileAndShowsHostileNamesAsText) {
   EXPECT_NE(page.find("Canon EOS (DCIM)"), std::string::npos);
   EXPECT_EQ(countOf(page, "copied, verified"), 3);
   EXPECT_EQ(countOf(transferReportHtml(r, 0), "copied, verified"), 4);
+  // The check against the card's own hash list, and what it found missing.
+  EXPECT_NE(page.find("ascmhl: 2 matched, 1 new on the card, <span class=\"bad\">1 missing"),
+            std::string::npos);
+  EXPECT_NE(page.find("<td>DCIM/GONE&lt;.MOV</td>"), std::string::npos);
   // An HTML parser reads the page without a complaint.
   TempDir dir;
   const std::string file = dir.touch("report.html", page);
@@ -67,7 +75,14 @@ TEST(TransferReport, ListsEveryFileAndShowsHostileNamesAsText) {
   EXPECT_EQ(complaints, "");
 
   const std::string table = transferReportCsv(r, 1);
-  EXPECT_EQ(countOf(table, "\r\n"), 5);  // the header and a row per file
+  EXPECT_EQ(countOf(table, "\r\n"), 6);  // the header, a row per file, one for the missing
+  EXPECT_NE(table.find("\"DCIM/A.MOV\",10,\"2025-11-25T08:00:00Z\",\"0123456789abcdef\","
+                       "\"copied, verified\",\"on the card, not in its hash list\"\r\n"),
+            std::string::npos);
+  EXPECT_NE(table.find("\r\n\"DCIM/GONE<.MOV\",,,,\"missing from the card\",\"in the card's "
+                       "hash list, not on the card\"\r\n"),
+            std::string::npos)
+      << table;
   EXPECT_NE(table.find("\"'=HYPERLINK(\"\"x\"\").mov\",10,\"2025-11-25T08:00:00Z\","
                        "\"0123456789abcdef\",\"FAILED\",\"read back <differs>\""),
             std::string::npos)

@@ -3,6 +3,7 @@
 
 #include <ctime>
 #include <map>
+#include <set>
 #include <vector>
 
 #include "common/Utf8.h"
@@ -13,6 +14,9 @@ namespace kd {
 namespace {
 
 using SystemClock = std::chrono::system_clock;
+
+constexpr const char* kNewOnCard = "on the card, not in its hash list";
+constexpr const char* kMissingFromCard = "in the card's hash list, not on the card";
 
 // Text as valid UTF-8: bytes that are none (a card's file names may hold
 // any) shown as \xNN.
@@ -159,6 +163,22 @@ std::string transferReportHtml(const OffloadReport& r, std::size_t destination) 
        html(r.hash.text(", ")) +
            (r.hash.size() > 1 ? " (" + html(r.hash.verifying()) + " verifies the copies)" : ""));
   if (here.manifest) fact("Hash list", html(*here.manifest));
+  if (!r.cardHistories.empty()) {
+    std::string lists;
+    for (const std::string& h : r.cardHistories)
+      lists += (lists.empty() ? "" : ", ") + html(h.empty() ? "ascmhl" : h + "/ascmhl");
+    fact("Card's hash list",
+         lists + ": " + std::to_string(r.filesMatchingHistory) + " matched, " +
+             std::to_string(r.newOnCard.size()) + " new on the card, " +
+             (r.missingFromCard.empty()
+                  ? std::string("none missing")
+                  : "<span class=\"bad\">" + std::to_string(r.missingFromCard.size()) +
+                        " missing from the card</span>"));
+  }
+  if (r.sourceVerify)
+    fact("Card read twice",
+         std::to_string(r.filesReadTwice) + " files gave the same bytes both times");
+  for (const std::string& w : r.warnings) fact("Warning", html(w));
   if (!r.error.empty()) fact("Stopped", "<span class=\"bad\">" + html(r.error) + "</span>");
   out += "</table>\n";
 
@@ -184,6 +204,13 @@ std::string transferReportHtml(const OffloadReport& r, std::size_t destination) 
       out += "<tr><td>" + html(f.path) + "</td><td>" + html(f.reason) + "</td><td class=\"d\">" +
              html(f.sourceDigest.value_or("")) + "</td><td class=\"d\">" +
              html(f.destinationDigest.value_or("")) + "</td></tr>\n";
+    out += "</table>\n";
+  }
+  if (!r.missingFromCard.empty()) {
+    out +=
+        "<h2>In the card's hash list, not on the card</h2>\n<table>\n<thead><tr><th>File</th>"
+        "</tr></thead>\n";
+    for (const std::string& m : r.missingFromCard) out += "<tr><td>" + html(m) + "</td></tr>\n";
     out += "</table>\n";
   }
   if (!r.excluded.empty()) {
@@ -213,6 +240,7 @@ std::string transferReportHtml(const OffloadReport& r, std::size_t destination) 
 std::string transferReportCsv(const OffloadReport& r, std::size_t destination) {
   const OffloadDestination& here = r.destinations.at(destination);
   const std::map<std::string, const OffloadFailure*> failures = failuresByFile(here);
+  const std::set<std::string_view> newOnCard(r.newOnCard.begin(), r.newOnCard.end());
   std::string out = "path,size,modified_utc,";
   for (const std::string& kind : r.hash.all()) out += csv(kind) + ",";
   out += "state,reason\r\n";
@@ -224,7 +252,16 @@ std::string transferReportCsv(const OffloadReport& r, std::size_t destination) {
            csv(utc(f.modified, "%Y-%m-%dT%H:%M:%SZ")) + ",";
     for (const std::string& digest : digestsOf(r, f)) out += csv(digest) + ",";
     out += csv(stateText(state)) + "," +
-           csv(failure != failures.end() ? failure->second->reason : "") + "\r\n";
+           csv(failure != failures.end() ? failure->second->reason
+               : newOnCard.count(f.path) ? kNewOnCard
+                                         : "") +
+           "\r\n";
+  }
+  // What the card's hash list promised and the card no longer holds.
+  for (const std::string& m : r.missingFromCard) {
+    out += csv(m) + ",,,";
+    for (std::size_t k = 0; k < r.hash.size(); ++k) out += ",";
+    out += csv("missing from the card") + "," + csv(kMissingFromCard) + "\r\n";
   }
   return out;
 }
