@@ -232,6 +232,26 @@ TEST_F(MhlInterop, OffloadContinuesTheCardsOwnHistory) {
       check.mhl = false;
       EXPECT_TRUE(verifyFolder(check).allGood());
     }
+    if (!row.nested) continue;
+    // A later check of the copy reads what the folder inside keeps too, with
+    // its own hash list, and the generations it adds read as one history.
+    FolderVerifyOptions check;
+    check.folder = d1 + "/SHUTTLE";
+    FolderVerifyReport found = verifyFolder(check);
+    ASSERT_TRUE(found.allGood()) << found.error;
+    ASSERT_EQ(found.inside.size(), 1u);
+    EXPECT_EQ(found.inside[0].filesVerified, 2u);
+    EXPECT_EQ(reference({"debug", "verify", "-dh", check.folder}), 0) << said();
+    ASSERT_EQ(reference({"info", check.folder}), 0) << said();
+    EXPECT_NE(said().find("Generation 4"), std::string::npos) << said();
+    std::string bytes = readFile(check.folder + "/CLIPS/SUB/A002.MXF");
+    bytes[10] ^= 1;
+    dir_.touch(check.folder.substr(dir_.path().size() + 1) + "/CLIPS/SUB/A002.MXF", bytes);
+    found = verifyFolder(check);
+    EXPECT_FALSE(found.allGood());
+    ASSERT_EQ(found.inside.size(), 1u);
+    ASSERT_EQ(found.inside[0].changed.size(), 1u);
+    EXPECT_EQ(found.inside[0].changed[0].path, "SUB/A002.MXF");
   }
 }
 

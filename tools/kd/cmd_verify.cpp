@@ -56,14 +56,11 @@ int printInfo(const std::string& folder) {
   return 0;
 }
 
-void printText(const kd::FolderVerifyReport& r) {
-  std::ostringstream out;
+// The findings of one folder's check (the folder's own lines, without the
+// folders inside).
+void printFindings(std::ostringstream& out, const kd::FolderVerifyReport& r) {
   out << "Folder:      " << r.folder << "  (" << r.generations << " generation"
       << (r.generations == 1 ? "" : "s") << " in its hash list)\n";
-  const double seconds = r.elapsed.count();
-  out << "Read:        " << size(r.bytesRead) << " in " << clock(seconds) << "  ("
-      << KdFileManager::formatFileSize(seconds > 0 ? static_cast<double>(r.bytesRead) / seconds : 0)
-      << "/s)\n";
   out << "Verified:    " << r.filesVerified << " files equal to the hash list\n";
   for (const kd::FolderVerifyProblem& p : r.changed) {
     out << "Changed:     " << p.path << ": " << p.reason << "\n";
@@ -79,12 +76,25 @@ void printText(const kd::FolderVerifyReport& r) {
     out << "Excluded:    " << e.path << " (" << e.reason << ")\n";
   if (r.manifest) out << "Manifest:    " << *r.manifest << "\n";
   if (!r.error.empty()) out << "Error:       " << r.error << "\n";
+}
+
+void printText(const kd::FolderVerifyReport& r) {
+  std::ostringstream out;
+  printFindings(out, r);
+  for (const kd::FolderVerifyReport& inside : r.inside) {
+    out << "\n";
+    printFindings(out, inside);
+  }
+  const double seconds = r.elapsed.count();
+  out << "\nRead:        " << size(r.bytesRead) << " in " << clock(seconds) << "  ("
+      << KdFileManager::formatFileSize(seconds > 0 ? static_cast<double>(r.bytesRead) / seconds : 0)
+      << "/s)\n";
   out << "Result:      "
       << (r.allGood() ? "every file is as the hash list recorded it" : "FAILED: see above") << "\n";
   std::cout << out.str();
 }
 
-void printJson(const kd::FolderVerifyReport& r) {
+std::string jsonOf(const kd::FolderVerifyReport& r) {
   using kd::tool::jsonString;
   auto optional = [](const std::optional<std::string>& s) {
     return s ? jsonString(*s) : std::string("null");
@@ -110,8 +120,14 @@ void printJson(const kd::FolderVerifyReport& r) {
   for (std::size_t i = 0; i < r.renamed.size(); ++i)
     out << (i ? ", " : "") << "{\"from\": " << jsonString(r.renamed[i].first)
         << ", \"to\": " << jsonString(r.renamed[i].second) << "}";
-  out << "], \"manifest\": " << optional(r.manifest) << "}\n";
-  std::cout << out.str();
+  out << "], \"manifest\": " << optional(r.manifest) << ", \"inside\": [";
+  for (std::size_t i = 0; i < r.inside.size(); ++i) out << (i ? ", " : "") << jsonOf(r.inside[i]);
+  out << "]}";
+  return out.str();
+}
+
+void printJson(const kd::FolderVerifyReport& r) {
+  std::cout << jsonOf(r) + "\n";
 }
 
 void setupVerify(CLI::App& app) {
@@ -126,7 +142,8 @@ void setupVerify(CLI::App& app) {
   cmd->footer(
       "Reads every file of FOLDER again from its device and compares it with the\n"
       "newest good record of the folder's ascmhl hash list (written by kd offload\n"
-      "or another ASC MHL tool). Reports files that changed, are missing, are new,\n"
+      "or another ASC MHL tool); a folder inside with a hash list of its own is\n"
+      "checked with that one. Reports files that changed, are missing, are new,\n"
       "or look renamed (a new file with a missing file's digest). Adds a generation\n"
       "to the hash list with each file read marked verified or failed (not with\n"
       "--no-mhl); nothing else in FOLDER is changed. --info lists the generations.\n"

@@ -50,15 +50,19 @@ struct FolderVerifyReport {
   std::optional<std::string> manifest;  // the generation added
   std::string error;  // the folder or its history cannot be read, or the check stopped
   std::chrono::duration<double> elapsed{};
+  // The folders inside that keep a hash list of their own, each checked with
+  // it (paths in each relative to its folder), sorted by folder.
+  std::vector<FolderVerifyReport> inside;
 
-  bool allGood() const {
-    return error.empty() && changed.empty() && missing.empty() && added.empty() && renamed.empty();
-  }
+  // Every file here and in the folders inside is as recorded.
+  KD_EXPORT bool allGood() const;
 };
 
-// Checks the folder against its history. Never changes a file of the folder;
-// writes only the new generation into its ascmhl folder (unless `mhl` is
-// false). Progress goes to `progress` as for an offload.
+// Checks the folder against its history, and each folder inside that keeps a
+// history of its own against that one. Never changes a file of the folder;
+// writes only the new generations into the ascmhl folders (unless `mhl` is
+// false), each folder's referring to those of the folders inside. Progress goes to `progress` as
+// for an offload.
 KD_EXPORT FolderVerifyReport verifyFolder(const FolderVerifyOptions& options,
                                           const OffloadProgress& progress = {});
 
