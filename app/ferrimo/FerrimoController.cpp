@@ -89,10 +89,14 @@ QStringList Controller::removableVolumes() {
 
 void Controller::loadSettings() {
   if (settingsPath_.isEmpty()) return;
+  // Only read: a file that cannot be used is left where it is, for the user
+  // to see and for the ignore list to refuse.
   const std::string path = settingsPath_.toStdString();
-  const kd::Settings settings = kd::loadSettings(path, !kd::ownerForUserPath(path));
-  if (!settings.message.empty()) log(QString::fromStdString(settings.message));
-  const kd::PlistDict& d = settings.dict;
+  const kd::PlistFile file = kd::readPlistFile(path, !kd::ownerForUserPath(path));
+  if (file.status == kd::PlistReadStatus::Unreadable || file.status == kd::PlistReadStatus::Damaged)
+    log(QStringLiteral("Settings file %1 cannot be read (%2); the saved choices are not used")
+            .arg(settingsPath_, QString::fromStdString(file.reason)));
+  const kd::PlistDict& d = file.dict;
   destinations_ = stringsOf(d, kDestinationsKey);
   ignoredVolumes_ = stringsOf(d, kIgnoredKey);
   if (auto it = d.find(kHashKey); it != d.end())
