@@ -172,8 +172,9 @@ bool Controller::changeIgnored(const QString& name, bool ignore) {
   const auto owner = kd::ownerForUserPath(path);
   kd::PlistFile file = kd::readPlistFile(path, !owner);
   if (file.status == kd::PlistReadStatus::Unreadable || file.status == kd::PlistReadStatus::Damaged)
-    return refuse(QStringLiteral("The settings file %1 cannot be read (%2). It is left as it is; "
-                                 "nothing was changed")
+    return refuse(QStringLiteral("The settings file %1 is damaged or cannot be read (%2). It is "
+                                 "left as it is and nothing was changed: move it away or repair "
+                                 "it, then try again")
                       .arg(settingsPath_, QString::fromStdString(file.reason)));
   kd::Settings settings;
   settings.dict = std::move(file.dict);
@@ -183,7 +184,7 @@ bool Controller::changeIgnored(const QString& name, bool ignore) {
     const auto* array = it->second.get<kd::PlistArray>();
     if (!array)
       return refuse(QStringLiteral("\"%1\" in the settings file %2 is not a list. It is left as "
-                                   "it is; nothing was changed")
+                                   "it is and nothing was changed")
                         .arg(QLatin1String(kIgnoredKey), settingsPath_));
     list = *array;
   }
