@@ -4,6 +4,7 @@
 #include <QFileInfo>
 #include <QMetaObject>
 
+#include <algorithm>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -88,10 +89,14 @@ QStringList Controller::removableVolumes() {
 
 void Controller::loadSettings() {
   if (settingsPath_.isEmpty()) return;
+  // Only read: a file that cannot be used is left where it is, for the user
+  // to see and for the ignore list to refuse.
   const std::string path = settingsPath_.toStdString();
-  const kd::Settings settings = kd::loadSettings(path, !kd::ownerForUserPath(path));
-  if (!settings.message.empty()) log(QString::fromStdString(settings.message));
-  const kd::PlistDict& d = settings.dict;
+  const kd::PlistFile file = kd::readPlistFile(path, !kd::ownerForUserPath(path));
+  if (file.status == kd::PlistReadStatus::Unreadable || file.status == kd::PlistReadStatus::Damaged)
+    log(QStringLiteral("Settings file %1 cannot be read (%2); the saved choices are not used")
+            .arg(settingsPath_, QString::fromStdString(file.reason)));
+  const kd::PlistDict& d = file.dict;
   destinations_ = stringsOf(d, kDestinationsKey);
   ignoredVolumes_ = stringsOf(d, kIgnoredKey);
   if (auto it = d.find(kHashKey); it != d.end())
@@ -122,6 +127,90 @@ void Controller::saveSettings() {
   std::string error;
   if (!kd::saveSettings(settings, path, owner, &error))
     log(QStringLiteral("Unable to write settings: ") + QString::fromStdString(error));
+}
+
+bool Controller::canIgnoreCard() const {
+  return !card_.path.isEmpty() && state_ != State::Running && state_ != State::Stopping;
+}
+
+bool Controller::ignoreCard() {
+  problem_.clear();
+  if (!canIgnoreCard()) {
+    problem_ =
+        card_.path.isEmpty()
+            ? QStringLiteral("No card")
+            : QStringLiteral("This card is being offloaded: it can be ignored once that ends");
+    return false;
+  }
+  // A name that the system's text could not be read as is not the card's
+  // name: the helper would never match it.
+  if (card_.name.isEmpty() || card_.name.contains(QChar::ReplacementCharacter)) {
+    problem_ = QStringLiteral("This card's name cannot be kept in the settings");
+    return false;
+  }
+  return changeIgnored(card_.name, true);
+}
+
+bool Controller::forgetIgnoredCard(const QString& name) {
+  problem_.clear();
+  return changeIgnored(name, false);
+}
+
+// The helper reads the same file: the list is changed in the file as it is
+// now, and a file this program cannot read whole is left exactly as it is
+// (the shared loader would keep a damaged one aside and start afresh, losing
+// the helper's and the user's keys from the file they read).
+bool Controller::changeIgnored(const QString& name, bool ignore) {
+  const auto refuse = [this](const QString& why) {
+    problem_ = why;
+    log(QStringLiteral("Ignore list not changed: ") + why);
+    return false;
+  };
+  if (settingsPath_.isEmpty())
+    return refuse(QStringLiteral("There is no settings file to keep the list in"));
+  const std::string path = settingsPath_.toStdString();
+  const auto owner = kd::ownerForUserPath(path);
+  kd::PlistFile file = kd::readPlistFile(path, !owner);
+  if (file.status == kd::PlistReadStatus::Unreadable || file.status == kd::PlistReadStatus::Damaged)
+    return refuse(QStringLiteral("The settings file %1 is damaged or cannot be read (%2). It is "
+                                 "left as it is and nothing was changed: move it away or repair "
+                                 "it, then try again")
+                      .arg(settingsPath_, QString::fromStdString(file.reason)));
+  kd::Settings settings;
+  settings.dict = std::move(file.dict);
+  settings.format = file.format;
+  kd::PlistArray list;
+  if (auto it = settings.dict.find(kIgnoredKey); it != settings.dict.end()) {
+    const auto* array = it->second.get<kd::PlistArray>();
+    if (!array)
+      return refuse(QStringLiteral("\"%1\" in the settings file %2 is not a list. It is left as "
+                                   "it is and nothing was changed")
+                        .arg(QLatin1String(kIgnoredKey), settingsPath_));
+    list = *array;
+  }
+  const std::string wanted = name.toStdString();
+  const auto same = [&](const kd::PlistValue& v) {
+    const auto* s = v.get<std::string>();
+    return s && *s == wanted;
+  };
+  const bool listed = std::any_of(list.begin(), list.end(), same);
+  if (listed != ignore) {
+    if (ignore)
+      list.emplace_back(wanted);
+    else
+      std::erase_if(list, same);
+    settings.dict[kIgnoredKey] = std::move(list);
+    std::string error;
+    if (!kd::saveSettings(settings, path, owner, &error))
+      return refuse(QStringLiteral("Unable to write the settings file %1: %2")
+                        .arg(settingsPath_, QString::fromStdString(error)));
+    log((ignore ? QStringLiteral("Cards named %1 are ignored from now on")
+                : QStringLiteral("Cards named %1 are no longer ignored"))
+            .arg(name));
+  }
+  ignoredVolumes_ = stringsOf(settings.dict, kIgnoredKey);
+  emit ignoredChanged();
+  return true;
 }
 
 void Controller::offerCard(const QString& given) {

@@ -1,7 +1,8 @@
 // What the Ferrimo window shows and does, without any widget: the card in
 // front of the user, the destinations (kept in the settings file shared with
 // FerrimoHelper), the offload run with its progress and result, the queue of
-// cards that came in while a run was going, and the eject at the end.
+// cards that came in while a run was going, the eject at the end, and the
+// card names FerrimoHelper opens nothing for.
 //
 // The controller lives on the GUI thread and is used from there only. An
 // offload runs `kd::offloadCard` on a worker thread that the controller owns
@@ -126,6 +127,20 @@ class Controller : public QObject {
   // (a scripted run must not replace the user's own choices).
   void setKeepSettings(bool keep) { keepSettings_ = keep; }
 
+  // The card names FerrimoHelper opens Ferrimo for no more (the settings'
+  // "ignoredVolumes"), as last read or written here.
+  const QStringList& ignoredCards() const { return ignoredVolumes_; }
+  // A card is shown and no offload of it is running.
+  bool canIgnoreCard() const;
+  // Adds the shown card's name (the last component of its mount point) to
+  // that list, once; the card itself is not touched. The settings file is
+  // read afresh and only that list changes: every other key and every other
+  // entry stays. A file that cannot be read or is damaged is never replaced:
+  // false, with why in `problem()`, and nothing is written.
+  bool ignoreCard();
+  // Takes `name` off that list again, on the same terms.
+  bool forgetIgnoredCard(const QString& name);
+
   State state() const { return state_; }
   // Starts the offload of the card shown to every destination; false with
   // `problem` set when it cannot start.
@@ -152,6 +167,7 @@ class Controller : public QObject {
   void cardChanged();
   void queueChanged();
   void destinationsChanged();
+  void ignoredChanged();
   void stateChanged();
   void progressChanged();
   void finished();
@@ -160,6 +176,7 @@ class Controller : public QObject {
   void showCard(const QString& path);
   void loadSettings();
   void saveSettings();
+  bool changeIgnored(const QString& name, bool ignore);
   void finish(const kd::OffloadReport& report);
   void tick();
 

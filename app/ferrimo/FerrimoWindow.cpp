@@ -62,6 +62,13 @@ Window::Window(Controller& controller, QWidget* parent) : QWidget(parent), contr
   cardLayout->addWidget(volumes_);
   cardLayout->addWidget(useVolume_);
   cardLayout->addWidget(queueLabel_);
+  auto* ignoreRow = new QHBoxLayout;
+  ignoreCard_ = new QPushButton(QStringLiteral("Ignore this card"));
+  ignoreText_ = new QLabel;
+  ignoreText_->setWordWrap(true);
+  ignoreRow->addWidget(ignoreCard_);
+  ignoreRow->addWidget(ignoreText_, 1);
+  cardLayout->addLayout(ignoreRow);
   layout->addWidget(cardBox);
 
   auto* destBox = new QGroupBox(QStringLiteral("Destinations"));
@@ -94,6 +101,25 @@ Window::Window(Controller& controller, QWidget* parent) : QWidget(parent), contr
   options->addWidget(sourceVerify_);
   options->addStretch();
   layout->addLayout(options);
+
+  ignoredBox_ = new QGroupBox(QStringLiteral("Ignored cards"));
+  auto* ignoredLayout = new QVBoxLayout(ignoredBox_);
+  auto* ignoredNote = new QLabel(
+      QStringLiteral("Ferrimo does not open by itself when a card with one of these names goes "
+                     "in. You can still offload such a card from this window."));
+  ignoredNote->setWordWrap(true);
+  ignored_ = new QListWidget;
+  ignored_->setMaximumHeight(80);
+  forgetIgnored_ = new QPushButton(QStringLiteral("Remove"));
+  forgetIgnored_->setToolTip(
+      QStringLiteral("Ferrimo opens by itself again for cards with the selected name"));
+  auto* ignoredButtons = new QHBoxLayout;
+  ignoredButtons->addWidget(forgetIgnored_);
+  ignoredButtons->addStretch();
+  ignoredLayout->addWidget(ignoredNote);
+  ignoredLayout->addWidget(ignored_);
+  ignoredLayout->addLayout(ignoredButtons);
+  layout->addWidget(ignoredBox_);
 
   progressBox_ = new QGroupBox(QStringLiteral("Progress"));
   auto* progressLayout = new QVBoxLayout(progressBox_);
@@ -140,6 +166,12 @@ Window::Window(Controller& controller, QWidget* parent) : QWidget(parent), contr
   connect(useVolume_, &QPushButton::clicked, this, [this] {
     if (auto* item = volumes_->currentItem()) controller_.offerCard(item->text());
   });
+  connect(ignoreCard_, &QPushButton::clicked, this, &Window::ignoreCard);
+  connect(forgetIgnored_, &QPushButton::clicked, this, [this] {
+    auto* item = ignored_->currentItem();
+    if (item && !controller_.forgetIgnoredCard(item->text()))
+      ignoreText_->setText(controller_.problem());
+  });
   connect(addDestination_, &QPushButton::clicked, this, &Window::addDestination);
   connect(removeDestination_, &QPushButton::clicked, this,
           [this] { controller_.removeDestination(destinations_->currentRow()); });
@@ -163,13 +195,19 @@ Window::Window(Controller& controller, QWidget* parent) : QWidget(parent), contr
   connect(&controller_, &Controller::cardChanged, this, [this] {
     showCard();
     showDestinations();
+    showState();  // what may be done depends on the card too
   });
   connect(&controller_, &Controller::queueChanged, this, &Window::showCard);
   connect(&controller_, &Controller::destinationsChanged, this, &Window::showDestinations);
+  connect(&controller_, &Controller::ignoredChanged, this, [this] {
+    showIgnored();
+    showState();
+  });
   connect(&controller_, &Controller::stateChanged, this, &Window::showState);
   connect(&controller_, &Controller::progressChanged, this, &Window::showProgress);
   showCard();
   showDestinations();
+  showIgnored();
   showState();
   resize(760, 640);
 }
@@ -179,6 +217,9 @@ QString Window::resultHeadline() const {
 }
 QString Window::ejectMessage() const {
   return ejectText_->text();
+}
+QString Window::ignoreMessage() const {
+  return ignoreText_->text();
 }
 
 void Window::showCard() {
@@ -200,6 +241,8 @@ void Window::showCard() {
     if (!card.problem.isEmpty()) details += QStringLiteral("\nCannot be read: ") + card.problem;
     cardDetails_->setText(details);
   }
+  // What was said about ignoring belongs to the card it was said of.
+  ignoreText_->clear();
   const QStringList& queue = controller_.queue();
   queueLabel_->setVisible(!queue.isEmpty());
   queueLabel_->setText(QStringLiteral("Waiting: ") + queue.join(QStringLiteral(", ")));
@@ -227,6 +270,14 @@ void Window::showState() {
   hash_->setEnabled(!busy);
   reverify_->setEnabled(!busy);
   sourceVerify_->setEnabled(!busy);
+  // Only a card that is not being offloaded is ignored, and only once.
+  const bool ignored = controller_.ignoredCards().contains(controller_.card().name);
+  ignoreCard_->setVisible(!controller_.card().path.isEmpty());
+  ignoreCard_->setEnabled(controller_.canIgnoreCard() && !ignored);
+  ignoreCard_->setToolTip(
+      ignored ? QStringLiteral("Ferrimo already does not open by itself for cards with this name")
+              : QStringLiteral("Ferrimo will not open by itself again when a card with this "
+                               "name goes in. Nothing on the card is changed."));
   progressBox_->setVisible(state != State::Idle);
   if (state == State::Running && progressBars_->count() == 0) {
     for (const QString& d : controller_.destinations()) {
@@ -316,6 +367,23 @@ void Window::showResult() {
   resultText_->setText(html);
   openFolder_->setEnabled(!r->destinations.isEmpty());
   eject_->setVisible(controller_.canEject());
+}
+
+void Window::showIgnored() {
+  ignored_->clear();
+  ignored_->addItems(controller_.ignoredCards());
+  ignoredBox_->setVisible(!controller_.ignoredCards().isEmpty());
+}
+
+void Window::ignoreCard() {
+  const QString name = controller_.card().name;
+  if (controller_.ignoreCard())
+    ignoreText_->setText(QStringLiteral("Ferrimo will not open by itself for a card named "
+                                        "\u201c%1\u201d again. Nothing on the card was changed; "
+                                        "undo this under \u201cIgnored cards\u201d.")
+                             .arg(name));
+  else
+    ignoreText_->setText(QStringLiteral("Not ignored: ") + controller_.problem());
 }
 
 void Window::addDestination() {

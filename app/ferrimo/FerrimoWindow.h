@@ -30,6 +30,8 @@ class Window : public QWidget {
   QString resultHeadline() const;
   // What a click on Eject last said (empty when it worked).
   QString ejectMessage() const;
+  // What a click on "Ignore this card" last said.
+  QString ignoreMessage() const;
 
  private:
   void showCard();
@@ -37,6 +39,8 @@ class Window : public QWidget {
   void showState();
   void showProgress();
   void showResult();
+  void showIgnored();
+  void ignoreCard();
   void addDestination();
   void ejectCard();
 
@@ -44,6 +48,8 @@ class Window : public QWidget {
   QLabel* cardTitle_;
   QLabel* cardDetails_;
   QLabel* queueLabel_;
+  QPushButton* ignoreCard_;
+  QLabel* ignoreText_;
   QListWidget* volumes_;
   QPushButton* useVolume_;
   QListWidget* destinations_;
@@ -52,6 +58,9 @@ class Window : public QWidget {
   QComboBox* hash_;
   QCheckBox* reverify_;
   QCheckBox* sourceVerify_;
+  QGroupBox* ignoredBox_;
+  QListWidget* ignored_;
+  QPushButton* forgetIgnored_;
   QGroupBox* progressBox_;
   QVBoxLayout* progressBars_;
   QLabel* progressText_;

@@ -1,15 +1,22 @@
 // The Ferrimo window's logic on real files: a card folder (a tmpfs card when
 // root), two destination folders, the settings file in a temporary folder;
 // the eject and the notifications faked. One smoke test shows the window on
-// the offscreen platform.
+// the offscreen platform; the ignore list is checked against the real helper.
+#include <pwd.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <QDir>
 #include <QFile>
+#include <QProcess>
+#include <QPushButton>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <chrono>
+#include <filesystem>
 
 #include "FerrimoController.h"
 #include "FerrimoWindow.h"
@@ -49,6 +56,17 @@ void writeFile(const QString& path, qint64 size, char fill) {
   const QByteArray chunk(1 << 20, fill);
   for (qint64 left = size; left > 0; left -= chunk.size())
     f.write(chunk.constData(), std::min<qint64>(left, chunk.size()));
+}
+
+void put(const QString& path, const std::string& bytes) {
+  QFile f(path);
+  QVERIFY(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+  f.write(bytes.data(), static_cast<qint64>(bytes.size()));
+}
+
+QByteArray bytesOf(const QString& path) {
+  QFile f(path);
+  return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray("(none)");
 }
 
 }  // namespace
@@ -210,6 +228,8 @@ class FerrimoTest : public QObject {
     QDir().mkpath(tmp_.filePath("RAID"));
     QSignalSpy done(c.get(), &Controller::finished);
     QVERIFY(c->start());
+    QVERIFY(!c->canIgnoreCard());
+    QVERIFY(!c->ignoreCard());
     c->offerCard(second);
     c->offerCard(second);
     QCOMPARE(c->queue(), QStringList{second});
@@ -225,6 +245,147 @@ class FerrimoTest : public QObject {
     QVERIFY(c->queue().isEmpty());
   }
 
+  // Ignoring a card changes the ignore list and nothing else, once, and only
+  // in a file it could read whole: the helper reads the same file.
+  void ignoreChangesOnlyTheIgnoreList() {
+    using kd::PlistArray;
+    using kd::PlistValue;
+    const kd::PlistDict others{{"lastStartup", PlistValue(std::int64_t{42})},
+                               {"offloadDestinations", PlistArray{PlistValue("/raid")}}};
+    const auto file = [&](PlistValue ignored) {
+      kd::PlistDict d = others;
+      d["ignoredVolumes"] = std::move(ignored);
+      return *kd::serializePlist(d, kd::PlistFormat::Xml);
+    };
+    const PlistValue card("PHOTO_CARD"), spare("SPARE"), number(std::int64_t{7});
+    struct Row {
+      const char* what;
+      std::string before;  // the file's bytes; empty: there is none
+      bool accepted;
+      PlistArray after;  // the list once the card is ignored
+    };
+    const Row rows[] = {
+        {"no settings file yet", "", true, {card}},
+        {"already listed", file(PlistArray{card}), true, {card}},
+        {"other entries kept", file(PlistArray{spare, number}), true, {spare, number, card}},
+        {"damaged file", "<plist><dict><key>lastStartup</key>", false, {}},
+        {"list that is not a list", file(card), false, {}},
+    };
+    makeCard();
+    for (const Row& row : rows) {
+      QDir(tmp_.filePath("config")).removeRecursively();
+      QDir().mkpath(tmp_.filePath("config"));
+      if (!row.before.empty()) put(settings_, row.before);
+      const QByteArray before = bytesOf(settings_);
+      auto c = controller();
+      c->offerCard(card_);
+      const bool once = c->ignoreCard(), twice = c->ignoreCard();
+      QVERIFY2(once == row.accepted && twice == row.accepted, row.what);
+      if (!row.accepted) {
+        QVERIFY2(c->problem().contains("left as it is"), qPrintable(c->problem()));
+        QVERIFY2(bytesOf(settings_) == before, row.what);
+        // Nothing was kept aside or written beside it either.
+        QVERIFY2(QDir(tmp_.filePath("config"))
+                         .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot)
+                         .size() == 1,
+                 row.what);
+        continue;
+      }
+      kd::PlistDict expected = row.before.empty() ? kd::PlistDict{} : others;
+      expected["ignoredVolumes"] = row.after;
+      QVERIFY2(kd::readPlistDictionaryOrEmpty(settings_.toStdString()) == expected, row.what);
+      QVERIFY2(c->ignoredCards().contains("PHOTO_CARD"), row.what);
+      // Taken off again: the other entries stay.
+      QVERIFY(c->forgetIgnoredCard("PHOTO_CARD"));
+      PlistArray left = row.after;
+      std::erase(left, card);
+      expected["ignoredVolumes"] = left;
+      QVERIFY2(kd::readPlistDictionaryOrEmpty(settings_.toStdString()) == expected, row.what);
+      QVERIFY2(!c->ignoredCards().contains("PHOTO_CARD"), row.what);
+    }
+  }
+
+  // The real helper, run as an ordinary user against the file the window
+  // wrote, opens nothing for the ignored card; taken off the list again, the
+  // same card is opened for.
+  void helperOpensNothingForAnIgnoredCard() {
+#ifndef KD_HELPER_PATH
+    QSKIP("FerrimoHelper is not built");
+#else
+    if (::geteuid() != 0) QSKIP("needs root to mount a card under /media and to run the helper");
+    const struct passwd* nobody = ::getpwnam("nobody");
+    if (!nobody || ::access("/usr/bin/setpriv", X_OK) != 0) QSKIP("no user nobody or no setpriv");
+    const uid_t uid = nobody->pw_uid;
+    const gid_t gid = nobody->pw_gid;
+    QVERIFY(::chmod(tmp_.path().toLocal8Bit(), 0755) == 0);
+    // The helper takes the newest removable volume: a card under /media.
+    const QString media = QStringLiteral("/media/kdferrimo%1").arg(::getpid());
+    const QString card = media + "/PHOTO_CARD";
+    QVERIFY(QDir().mkpath(card));
+    struct Unmount {
+      QString media, card;
+      ~Unmount() {
+        ::umount2(card.toLocal8Bit(), MNT_DETACH);
+        QDir(media).removeRecursively();
+      }
+    } unmount{media, card};
+    QVERIFY(::mount("tmpfs", card.toLocal8Bit(), "tmpfs", 0, "size=1m,mode=0755") == 0);
+    writeFile(card + "/DCIM/100EOS5D/IMG_0001.CR2", 1000, 'a');
+    // Newer than a card another test may mount meanwhile.
+    std::filesystem::last_write_time(
+        card.toStdString(),
+        std::filesystem::file_time_type::clock::now() + std::chrono::seconds(30));
+
+    const QString home = tmp_.filePath("home"), app = tmp_.filePath("Ferrimo.app");
+    for (const char* d : {"", "/.config", "/.local", "/.local/state"}) {
+      QVERIFY(QDir().mkpath(home + d));
+      QVERIFY(::chown((home + d).toLocal8Bit(), uid, gid) == 0);
+    }
+    // A stand-in Ferrimo that records how it was started; a helper copy the
+    // user may run.
+    const QString macos = app + "/Contents/MacOS", launches = macos + "/launches.log";
+    QVERIFY(QDir().mkpath(macos));
+    QVERIFY(::chmod(macos.toLocal8Bit(), 0777) == 0);
+    put(macos + "/Ferrimo", "#!/bin/sh\necho \"$@\" >> \"${0%/*}/launches.log\"\n");
+    const QString bin = tmp_.filePath("bin"), helper = bin + "/FerrimoHelper";
+    const QString library = bin + "/" KD_SHARED_LIBRARY_SONAME;
+    QVERIFY(QDir().mkpath(bin) && QFile::copy(KD_HELPER_PATH, helper) &&
+            QFile::copy(KD_SHARED_LIBRARY_PATH, library));
+    for (const QString& f : {macos + "/Ferrimo", helper, library})
+      QVERIFY(::chmod(f.toLocal8Bit(), 0755) == 0);
+
+    const QString settings = home + "/.config/com.quillfen.Ferrimo.plist";
+    const auto runHelper = [&] {
+      QVERIFY(::chown(settings.toLocal8Bit(), uid, gid) == 0);
+      QFile::remove(launches);
+      QProcess p;
+      QProcessEnvironment env;
+      env.insert("HOME", home);
+      env.insert("PATH", "/usr/bin:/bin");
+      p.setProcessEnvironment(env);
+      p.setWorkingDirectory(app);
+      p.start("/usr/bin/setpriv",
+              {QStringLiteral("--reuid=%1").arg(uid), QStringLiteral("--regid=%1").arg(gid),
+               "--clear-groups", "--", helper});
+      QVERIFY(p.waitForFinished(30000));
+      QCOMPARE(p.exitCode(), 0);
+    };
+    const QString log = home + "/.local/state/Quillfen/FerrimoHelper.1.log";
+    Controller c(settings, ejector_, notifier_);
+    c.offerCard(card);
+    QVERIFY(c.ignoreCard());
+    runHelper();
+    QVERIFY2(bytesOf(log).contains("Recent volume: " + card.toUtf8()), bytesOf(log));
+    QVERIFY2(bytesOf(log).contains(" - This drive has been ignored\n"), bytesOf(log));
+    QTest::qWait(300);  // a launch would be on its way by now
+    QVERIFY(!QFile::exists(launches));
+
+    QVERIFY(c.forgetIgnoredCard("PHOTO_CARD"));
+    runHelper();
+    QTRY_VERIFY_WITH_TIMEOUT(bytesOf(launches).contains("-ferrimoVolume " + card.toUtf8()), 3000);
+#endif
+  }
+
   // The window offscreen at the end of a good offload.
   void windowShowsSafeToErase() {
     makeCard();
@@ -235,6 +396,10 @@ class FerrimoTest : public QObject {
     runTo(*c, {tmp_.filePath("RAID")});
     QVERIFY(w.resultHeadline().contains("safe to erase"));
     QVERIFY(!w.grab().isNull());
+    // Once the offload has ended the card can be ignored from the window.
+    for (auto* b : w.findChildren<QPushButton*>())
+      if (b->text() == "Ignore this card") b->click();
+    QVERIFY2(w.ignoreMessage().contains("will not open by itself"), qPrintable(w.ignoreMessage()));
   }
 };
 
