@@ -11,8 +11,9 @@
 #                when clang is installed; the libraries build with clang's
 #                lock checks (-Wthread-safety) as errors;
 #   3. tsan:     the concurrent parts (log, runner, work queue, hashes, the
-#                verified copy and the offload with their fault and root
-#                tests, and the other file tests) under the thread sanitizer;
+#                verified copy, the offload and the later check, with their
+#                fault and root tests) under the thread sanitizer; tests of
+#                single-threaded parsers and file operations run in pass 4;
 #   4. sanitize: the whole suite under the address and undefined-behaviour
 #                sanitizers (the packaging tests stay in the default pass).
 # Each pass builds only the targets its tests need and ends with ctest's
@@ -64,9 +65,8 @@ run_fuzz() {
   pass "fuzz: each target for ${KD_FUZZ_SECONDS:-30} s"
   cmake --preset fuzz -DKD_FUZZ_SECONDS="${KD_FUZZ_SECONDS:-30}" >/dev/null
   cmake --build --preset fuzz -j "$jobs" --target kd_fuzzers
-  # One target at a time: each fuzzer uses one core, the other is left for
-  # the targets' own children (none today) and the machine.
-  ctest --preset fuzz -j 1
+  # Each fuzzer uses one core and starts no children: one per core.
+  ctest --preset fuzz -j "$jobs"
 }
 
 run_tsan() {
@@ -78,7 +78,11 @@ run_tsan() {
   # volumes, cards and destinations unmounted mid-run): the others mount and
   # watch, with nothing concurrent.
   ctest --preset tsan -j "$jobs" --timeout 300 -L root -R '^(CopyRoot|OffloadRoot)\.'
-  ctest --preset tsan -j "$jobs" --timeout 300 -LE root -E "$not_built|^install\.|^mount_agent\."
+  local serial='Operations|AscMhl|MhlInterop|MhlDirectoryHashes|PropertyList|PlistFormat|XmlReader'
+  serial+='|Archives|WildcardTree|NameMatchesWildcard|SettingsFile|Path|LabelColors|FileNames'
+  serial+='|TransferReport|Format'
+  ctest --preset tsan -j "$jobs" --timeout 300 -LE root \
+    -E "$not_built|^install\.|^mount_agent\.|^($serial)\."
 }
 
 run_sanitize() {
