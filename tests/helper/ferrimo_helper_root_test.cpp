@@ -206,41 +206,18 @@ TEST_F(FerrimoHelperRoot, WhatARunLaunchesAndLogs) {
     const char* absent = nullptr;  // not in the log
   };
   const kd::PlistDict ignored{{"ignoredVolumes", kd::PlistArray{"OTHER", "CARD"}}};
+  // clang-format off
   const Case cases[] = {
       {"a fresh card", {"BPAV/CLPR/x.MP4"}, 0, {}, -1, " - Format: 3\n", true},
       {"an unknown layout", {"notes.txt"}, 0, {}, -1, " - Format: -1\n", false},
-      {"no media at all",
-       {},
-       0,
-       {},
-       -1,
-       " - Most recent mount date: 0001-01-01 00:00:00 +0000\n",
-       false},
-      {"an ignored volume",
-       {"MEDIAPRO.XML"},
-       0,
-       ignored,
-       -1,
-       " - This drive has been ignored\n",
-       false},
-      {"59 s after setup",
-       {"MEDIAPRO.XML"},
-       0,
-       {},
-       59,
-       " - User recently logged in; ignoring mount notifications\n",
-       false},
+      {"no media at all", {}, 0, {}, -1, " - Most recent mount date: 0001-01-01 00:00:00 +0000\n", false},
+      {"an ignored volume", {"MEDIAPRO.XML"}, 0, ignored, -1, " - This drive has been ignored\n", false},
+      {"59 s after setup", {"MEDIAPRO.XML"}, 0, {}, 59, " - User recently logged in; ignoring mount notifications\n", false},
       {"61 s after setup", {"MEDIAPRO.XML"}, 0, {}, 61, " - Format: 2\n", true},
       {"a card 117.5 s old", {"MEDIAPRO.XML"}, 117.5, {}, -1, " - Format: 2\n", true},
-      {"a card 119.5 s old",
-       {"MEDIAPRO.XML"},
-       119.5,
-       {},
-       -1,
-       " - Most recent mount date: ",
-       false,
-       "Recent volume"},
+      {"a card 119.5 s old", {"MEDIAPRO.XML"}, 119.5, {}, -1, " - Most recent mount date: ", false, "Recent volume"},
   };
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     TearDown();
