@@ -1,7 +1,6 @@
 // FerrimoHelper end to end: the built program runs as a throwaway ordinary user
 // (root's user folders would be the console user's, and a test machine has
 // none) against real tmpfs cards mounted under /media/<that user>/.
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
@@ -13,7 +12,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "common/PropertyList.h"
 #include "helper/FerrimoHelper.h"
