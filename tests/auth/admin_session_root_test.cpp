@@ -4,11 +4,8 @@
 // program as that user running one of the AsAdmin tests, with the password on
 // its standard input. The AsAdmin tests skip unless started that way.
 #include <fcntl.h>
-#include <grp.h>
 #include <gtest/gtest.h>
-#include <pwd.h>
 #include <signal.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,11 +22,9 @@
 #include "auth/AuthTestSupport.h"
 #include "common/Path.h"
 #include "log/KdLog.h"
-#include "platform/linux/Passwd.h"
 #include "support/ChildMode.h"
 #include "support/TempDir.h"
 #include "support/ThrowawayAdmin.h"
-#include "tasks/KdTaskEx.h"
 
 namespace kd::test {
 namespace {
@@ -103,28 +98,30 @@ TEST_F(AdminSession, TheRightPasswordGivesRootsRightsAndIsSeenNowhere) {
   EXPECT_TRUE(exists(admin_->work() + "/keep/k"));
 }
 
-TEST_F(AdminSession, AWrongPasswordGivesNoSessionEvenWhereSudoWouldNotAsk) {
-  for (bool noPassword : {false, true}) {
-    SCOPED_TRACE(noPassword);
-    ASSERT_TRUE(admin_->setRule(noPassword));
-    runAsAdmin("WrongPassword", admin_->password() + "x");
+// Without the right password, or without rights, there is no session, even
+// where sudo would not ask; a program started with rights needs no password.
+TEST_F(AdminSession, WhoGetsASession) {
+  enum Rule { None, Asked, NotAsked };
+  struct Case {
+    const char* what;
+    Rule rule;
+    std::string input;
+    const char* test;  // of AsAdmin
+  };
+  const Case cases[] = {
+      {"a wrong password", Asked, admin_->password() + "x", "WrongPassword"},
+      {"a wrong password where sudo would not ask", NotAsked, admin_->password() + "x",
+       "WrongPassword"},
+      {"the right password of a user without rights", None, admin_->password(), "WrongPassword"},
+      {"rights from the start", None, "", "InheritedRights"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_TRUE(c.rule == None ? admin_->removeRule() || errno == ENOENT
+                               : admin_->setRule(c.rule == NotAsked));
+    std::ofstream(admin_->work() + "/victim") << "v";
+    runAsAdmin(c.test, c.input, /*effectiveRoot=*/c.input.empty());
   }
-}
-
-TEST_F(AdminSession, TheRightPasswordOfAUserWithoutRightsGivesNoSession) {
-  ASSERT_TRUE(admin_->removeRule());
-  runAsAdmin("WrongPassword", admin_->password());
-}
-
-TEST_F(AdminSession, ThePasswordIsCheckedWhereSudoWouldNotAsk) {
-  ASSERT_TRUE(admin_->setRule(true));
-  runAsAdmin("RightPasswordWithoutAsking", admin_->password());
-}
-
-TEST_F(AdminSession, AProgramStartedWithRightsHasThemWithoutAPassword) {
-  ASSERT_TRUE(admin_->removeRule());
-  std::ofstream(admin_->work() + "/victim") << "v";
-  runAsAdmin("InheritedRights", "", /*effectiveRoot=*/true);
   EXPECT_FALSE(exists(admin_->work() + "/victim"));
 }
 

@@ -7,14 +7,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <regex>
 #include <set>
-#include <thread>
 
 #include "auth/AuthTestSupport.h"
 #include "common/Path.h"

@@ -146,38 +146,32 @@ TEST(PrivilegedChannel, TheGuardedRemovalAndRenamingJudgeWhereTheyAct) {
   EXPECT_EQ(readFile(tmp / "keep/k"), "k");
 }
 
+// A co-process that died, idle or while a command runs through it, is no
+// channel: the command fails at once instead of waiting for a reply that
+// never comes, and so does every later one.
 TEST(PrivilegedChannel, ACoProcessThatDiedIsNoChannel) {
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to end the co-process from outside";
-  LinuxPrivilege service;
-  PrivilegeOpening opening = service.openInherited(helperPath());
-  ASSERT_TRUE(opening.channel);
-  ::kill(opening.channel->coProcessId(), SIGKILL);
-  ASSERT_TRUE(processGone(opening.channel->coProcessId()));
-  EXPECT_EQ(opening.channel->run("/bin/true", {}, true).status, -1);
-  EXPECT_FALSE(opening.channel->alive());
-}
-
-// The co-process killed while a command runs through it: the command fails at
-// once instead of waiting for a reply that never comes.
-TEST(PrivilegedChannel, ACoProcessKilledMidCommandFailsTheCommand) {
-  if (::geteuid() != 0) GTEST_SKIP() << "needs root to end the co-process from outside";
-  LinuxPrivilege service;
-  PrivilegeOpening opening = service.openInherited(helperPath());
-  ASSERT_TRUE(opening.channel);
-  const int pid = opening.channel->coProcessId();
-  std::thread killer([pid] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    ::kill(pid, SIGKILL);
-  });
-  const auto start = std::chrono::steady_clock::now();
-  const PrivilegedRun run = opening.channel->run("/bin/sleep", {"20"}, true);
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  killer.join();
-  EXPECT_EQ(run.status, -1);
-  EXPECT_LT(seconds, 10.0) << "the command waited for its own end";
-  EXPECT_FALSE(opening.channel->alive());
-  EXPECT_EQ(opening.channel->run("/bin/true", {}, true).status, -1);
+  for (bool midCommand : {false, true}) {
+    SCOPED_TRACE(midCommand ? "killed mid-command" : "killed while idle");
+    LinuxPrivilege service;
+    PrivilegeOpening opening = service.openInherited(helperPath());
+    ASSERT_TRUE(opening.channel);
+    const int pid = opening.channel->coProcessId();
+    std::thread killer([pid, midCommand] {
+      if (midCommand) std::this_thread::sleep_for(std::chrono::milliseconds(300));
+      ::kill(pid, SIGKILL);
+    });
+    if (!midCommand) {
+      killer.join();
+      ASSERT_TRUE(processGone(pid));
+    }
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(opening.channel->run("/bin/sleep", {"20"}, true).status, -1);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    if (killer.joinable()) killer.join();
+    EXPECT_FALSE(opening.channel->alive());
+    EXPECT_EQ(opening.channel->run("/bin/true", {}, true).status, -1);
+  }
 }
 
 // A start that is not root's is refused where rights are required.

@@ -85,13 +85,11 @@ TEST(KdFileCommands, SizeLabelXattr) {
       {{"size", d / "missing", file}, "1536\t1.50 KB\t" + file + "\n", 1, false},
       {{"label", file}, "0\tnone\n", 0, false},
       {{"label", file, "8"}, "", 2, false},
-      {{"label", d / "missing"}, "", 1, false},
       {{"label", file, "4"}, "4\tblue\n", 0, true},
       {{"label", file}, "4\tblue\n", 0, true},
       {{"xattr", file, "reel", "A001"}, "", 0, true},
       {{"xattr", file, "reel"}, "A001\n", 0, true},
       {{"xattr", file, "none"}, "", 1, true},
-      {{"xattr", d / "missing"}, "", 1, false},
   };
   for (const auto& c : cases) {
     if (c.needsAttrs && !attrs) continue;

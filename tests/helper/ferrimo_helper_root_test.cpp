@@ -1,7 +1,6 @@
 // FerrimoHelper end to end: the built program runs as a throwaway ordinary user
 // (root's user folders would be the console user's, and a test machine has
 // none) against real tmpfs cards mounted under /media/<that user>/.
-#include <grp.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <signal.h>
@@ -13,7 +12,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "common/PropertyList.h"
 #include "helper/FerrimoHelper.h"
@@ -191,69 +189,66 @@ class FerrimoHelperRoot : public ::testing::Test {
   std::vector<std::string> mounts_;
 };
 
-TEST_F(FerrimoHelperRoot, FreshCardLaunchesFerrimoWithItsPath) {
-  std::string card = mountCard("CARD", {"BPAV/CLPR/x.MP4"});
-  runHelper();
-  EXPECT_EQ(launches(true), "-ferrimoVolume\t" + card + "\n");
-  std::string text = log();
-  EXPECT_NE(text.find(" - Recent volume: " + card + "\n"), std::string::npos) << text;
-  EXPECT_NE(text.find(" - Format: 3\n"), std::string::npos) << text;
-  EXPECT_NE(text.find(" - Current app path: " + appDir_ + "\n"), std::string::npos) << text;
-  auto settings = kd::readPlistDictionaryOrEmpty(settingsPath());
-  auto launch = kd::plistDate(settings, "launch"), exit = kd::plistDate(settings, "exit");
-  ASSERT_TRUE(launch && exit) << "the run is recorded for crash detection";
-  EXPECT_GE(*exit, *launch);
+// What a run launches and logs, by the card, its age and the settings. The
+// helper waits 2 s before it reads the card's date: 117.5 s before the run is
+// about 119.5 s old when examined, 119.5 s about 121.5 s.
+TEST_F(FerrimoHelperRoot, WhatARunLaunchesAndLogs) {
+  struct Case {
+    const char* what;
+    std::vector<std::string> files;  // the card's; none: no card at all
+    double age;                      // the card's, in seconds
+    kd::PlistDict settings;
+    int setupAgo;      // seconds since the last setup; -1: none recorded
+    std::string says;  // a line of the log
+    bool launched;
+    const char* absent = nullptr;  // not in the log
+  };
+  const kd::PlistDict ignored{{"ignoredVolumes", kd::PlistArray{"OTHER", "CARD"}}};
+  // clang-format off
+  const Case cases[] = {
+      {"a fresh card", {"BPAV/CLPR/x.MP4"}, 0, {}, -1, " - Format: 3\n", true},
+      {"an unknown layout", {"notes.txt"}, 0, {}, -1, " - Format: -1\n", false},
+      {"no media at all", {}, 0, {}, -1, " - Most recent mount date: 0001-01-01 00:00:00 +0000\n", false},
+      {"an ignored volume", {"MEDIAPRO.XML"}, 0, ignored, -1, " - This drive has been ignored\n", false},
+      {"59 s after setup", {"MEDIAPRO.XML"}, 0, {}, 59, " - User recently logged in; ignoring mount notifications\n", false},
+      {"61 s after setup", {"MEDIAPRO.XML"}, 0, {}, 61, " - Format: 2\n", true},
+      {"a card 117.5 s old", {"MEDIAPRO.XML"}, 117.5, {}, -1, " - Format: 2\n", true},
+      {"a card 119.5 s old", {"MEDIAPRO.XML"}, 119.5, {}, -1, " - Most recent mount date: ", false, "Recent volume"},
+  };
+  // clang-format on
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    TearDown();
+    fs::remove(launchesPath());
+    fs::remove(settingsPath());
+    kd::PlistDict settings = c.settings;
+    if (c.setupAgo >= 0)
+      settings["lastStartup"] =
+          kd::PlistValue(std::chrono::system_clock::now() - std::chrono::seconds(c.setupAgo));
+    if (!settings.empty()) writeSettings(settings);
+    const std::string card = c.files.empty() ? "" : mountCard("CARD", c.files, c.age);
+    runHelper();
+    const std::string text = log();
+    EXPECT_NE(text.find(c.says), std::string::npos) << text;
+    EXPECT_EQ(c.absent ? text.find(c.absent) : std::string::npos, std::string::npos) << text;
+    const auto after = kd::readPlistDictionaryOrEmpty(settingsPath());
+    if (!c.launched) {
+      EXPECT_EQ(launches(false), "");
+      EXPECT_TRUE(c.setupAgo < 0 || !kd::plistDate(after, "exit")) << "an early exit records none";
+      continue;
+    }
+    EXPECT_EQ(launches(true), "-ferrimoVolume\t" + card + "\n");
+    EXPECT_NE(text.find(" - Recent volume: " + card + "\n"), std::string::npos) << text;
+    EXPECT_NE(text.find(" - Current app path: " + appDir_ + "\n"), std::string::npos) << text;
+    auto launch = kd::plistDate(after, "launch"), exit = kd::plistDate(after, "exit");
+    ASSERT_TRUE(launch && exit) << "the run is recorded for crash detection";
+    EXPECT_GE(*exit, *launch);
+  }
 }
 
-TEST_F(FerrimoHelperRoot, UnknownLayoutLaunchesNothing) {
-  mountCard("USBSTICK", {"notes.txt"});
-  runHelper();
-  EXPECT_EQ(launches(false), "");
-  EXPECT_NE(log().find(" - Format: -1\n"), std::string::npos) << log();
-}
-
-TEST_F(FerrimoHelperRoot, MountsWithinAMinuteOfSetupAreIgnored) {
+// A Ferrimo of this user already runs (a second copy, in its own folder).
+TEST_F(FerrimoHelperRoot, ARunningFerrimoLaunchesNothing) {
   mountCard("CARD", {"MEDIAPRO.XML"});
-  auto now = std::chrono::system_clock::now();
-  writeSettings({{"lastStartup", kd::PlistValue(now - std::chrono::seconds(59))}});
-  runHelper();
-  EXPECT_NE(log().find(" - User recently logged in; ignoring mount notifications\n"),
-            std::string::npos)
-      << log();
-  EXPECT_EQ(launches(false), "");
-  EXPECT_FALSE(kd::plistDate(kd::readPlistDictionaryOrEmpty(settingsPath()), "exit"))
-      << "the early exit records no exit date";
-
-  writeSettings({{"lastStartup", kd::PlistValue(now - std::chrono::seconds(61))}});
-  runHelper();
-  EXPECT_NE(launches(true), "") << log();
-}
-
-TEST_F(FerrimoHelperRoot, OnlyRecentMountsAreExamined) {
-  // The helper waits 2 s before it reads the date: 117.5 s before the run is
-  // about 119.5 s old when examined, 119.5 s about 121.5 s.
-  mountCard("CARD", {"MEDIAPRO.XML"}, 117.5);
-  runHelper();
-  EXPECT_NE(launches(true), "") << log();
-
-  fs::remove(launchesPath());
-  TearDown();
-  mountCard("CARD", {"MEDIAPRO.XML"}, 119.5);
-  runHelper();
-  EXPECT_EQ(launches(false), "");
-  EXPECT_NE(log().find(" - Most recent mount date: "), std::string::npos);
-  EXPECT_EQ(log().find("Recent volume"), std::string::npos) << log();
-}
-
-TEST_F(FerrimoHelperRoot, IgnoredVolumesAndARunningFerrimoLaunchNothing) {
-  mountCard("CARD", {"MEDIAPRO.XML"});
-  writeSettings({{"ignoredVolumes", kd::PlistArray{"OTHER", "CARD"}}});
-  runHelper();
-  EXPECT_NE(log().find(" - This drive has been ignored\n"), std::string::npos) << log();
-  EXPECT_EQ(launches(false), "");
-
-  // A Ferrimo of this user already runs (a second copy, in its own folder).
-  writeSettings({});
   std::string other = root_->mkdir("running");
   chmod(other.c_str(), 0777);
   fs::copy_file(KD_STAND_IN_FERRIMO, other + "/Ferrimo");
@@ -281,13 +276,6 @@ TEST_F(FerrimoHelperRoot, SetupRecordsTheMountedDrivesAndLaunchesNothing) {
   ASSERT_TRUE(settings.count("mountedDrives"));
   EXPECT_EQ(settings.at("mountedDrives"), kd::PlistValue(kd::PlistArray{card}));
   EXPECT_NE(log().find(" - Setting up...\n"), std::string::npos) << log();
-  EXPECT_EQ(launches(false), "");
-}
-
-TEST_F(FerrimoHelperRoot, NoMediaAtAll) {
-  runHelper();
-  EXPECT_NE(log().find(" - Most recent mount date: 0001-01-01 00:00:00 +0000\n"), std::string::npos)
-      << log();
   EXPECT_EQ(launches(false), "");
 }
 

@@ -97,66 +97,21 @@ class Agent {
   pid_t pid_ = -1;
 };
 
-}  // namespace
-
-TEST(MountAgentRoot, RunsTheHelperAtStartAndOncePerNewRemovableMount) {
-  if (geteuid() != 0) GTEST_SKIP() << "mounting a tmpfs needs root";
-  // Other programs on this machine may mount removable media meanwhile, and
-  // the agent rightly runs the helper for those too: the checks below count
-  // only what the agent reports for the mounts made here.
-  TempDir dir;
-  std::string record = dir / "runs";
-  std::string appDir = dir.mkdir("Ferrimo.app");
-  // A stand-in helper that records its working directory and arguments.
-  std::string helper =
-      dir.touch("FerrimoHelper", "#!/bin/sh\necho \"$(pwd)|$*\" >> '" + record + "'\n");
+// A stand-in helper in `dir` running `body`; its path.
+std::string standInHelper(const TempDir& dir, const std::string& body) {
+  const std::string helper = dir.touch("FerrimoHelper", "#!/bin/sh\n" + body + "\n");
   chmod(helper.c_str(), 0755);
-  std::string other = dir.mkdir("other");
-  MediaMount card;
-  const std::string errPath = dir / "stderr";
-
-  Agent agent(dir, helper, appDir, {}, {"--verbose"});
-  ASSERT_TRUE(agent.started());
-  auto runs = waitForLines(record, 1, 5000);
-  ASSERT_GE(runs.size(), 1u);
-  EXPECT_EQ(runs[0], appDir + "|-setup");
-
-  // A mount that is not removable media (here a tmpfs in a temporary folder)
-  // starts nothing.
-  if (mount("tmpfs", other.c_str(), "tmpfs", 0, "size=1m") != 0)
-    GTEST_SKIP() << "cannot mount tmpfs here: " << strerror(errno);
-  EXPECT_TRUE(waitForText(errPath, "new mount " + other + " is not removable media", 5000));
-  umount(other.c_str());
-
-  // At once: the card's mount may get the mount id just freed by the unmount.
-  ASSERT_TRUE(card.mount()) << strerror(errno);
-  const std::string started = "new removable volume " + card.target() + ": started the helper";
-  const std::string ended = "new removable volume " + card.target() + ": the helper (pid ";
-  EXPECT_TRUE(waitForText(errPath, ended, 5000)) << readFile(errPath);
-  runs = lines(record);
-  EXPECT_NE(std::find(runs.begin() + 1, runs.end(), appDir + "|"), runs.end())
-      << "a mount run has no arguments";
-
-  ASSERT_TRUE(card.unmount());
-  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
-
-  const int status = agent.stop();
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "stops cleanly on SIGTERM";
-  const std::string log = readFile(errPath);
-  EXPECT_EQ(countOf(log, started), 1) << "one run for the card, none for its unmount:\n" << log;
-  EXPECT_EQ(countOf(log, other + ":"), 0) << "nothing for other mounts:\n" << log;
-  EXPECT_EQ(countOf(log, "login: started the helper"), 1) << log;
-  EXPECT_NE(log.find("login: the helper (pid "), std::string::npos) << log;
-  EXPECT_EQ(log.find("<"), std::string::npos) << "no priorities outside the journal: " << log;
+  return helper;
 }
+
+}  // namespace
 
 // Under systemd the agent's standard error is the journal: lines carry their
 // priority, and a helper that fails or dies is reported as an error.
 TEST(MountAgentRoot, ReportsHowTheHelperEndedWithJournalPriorities) {
   TempDir dir;
   std::string appDir = dir.mkdir("Ferrimo.app");
-  std::string helper = dir.touch("FerrimoHelper", "#!/bin/sh\nkill -TERM $$\n");
-  chmod(helper.c_str(), 0755);
+  const std::string helper = standInHelper(dir, "kill -TERM $$");
   // The stream the journal would have handed over: the file that will be the
   // agent's standard error.
   std::string errPath = dir.touch("stderr");
@@ -211,29 +166,42 @@ TEST(MountAgentRoot, LockFolderBelowTmpMustBeTheUsersOwn) {
   rmdir(folder.c_str());
 }
 
-// Fifty mounts in quick succession, two card slots taking turns, each
-// unmounted as soon as the agent has started its helper run (the run still
-// going): one run per mount, none for the unmounts; then a burst of mounts and
+// The agent runs the helper once at start with "-setup", in the application
+// folder; then fifty mounts in quick succession, two card slots taking turns,
+// each unmounted as soon as the agent has started its helper run (the run
+// still going): one run per mount, without arguments, none for the unmounts
+// or for a mount that is not removable media; then a burst of mounts and
 // unmounts faster than the agent can look, after which it still answers the
-// next mount. Nothing hangs, and every run started is reported ended.
+// next mount. Nothing hangs, and every run started is reported ended. Other
+// programs on this machine may mount removable media meanwhile, and the agent
+// rightly runs the helper for those too: the checks count only what the agent
+// reports for the mounts made here.
 TEST(MountAgentRoot, FiftyQuickMountsStartOneRunEach) {
   if (geteuid() != 0) GTEST_SKIP() << "mounting a tmpfs needs root";
   TempDir dir;
   const std::string record = dir / "runs";
   const std::string appDir = dir.mkdir("Ferrimo.app");
-  // A helper slower than the unmount that follows its start.
+  // A helper slower than the unmount that follows its start; it records its
+  // working folder and arguments.
   const std::string helper =
-      dir.touch("FerrimoHelper", "#!/bin/sh\necho \"$*\" >> '" + record + "'\nsleep 0.05\n");
-  chmod(helper.c_str(), 0755);
+      standInHelper(dir, "echo \"$(pwd)|$*\" >> '" + record + "'\nsleep 0.05");
   MediaMount slots[2] = {MediaMount("A"), MediaMount("B")};
-  const std::string errPath = dir / "stderr";
+  const std::string errPath = dir / "stderr", other = dir.mkdir("other");
   Agent agent(dir, helper, appDir, {}, {"--verbose"});
   ASSERT_TRUE(agent.started());
   ASSERT_GE(waitForLines(record, 1, 5000).size(), 1u);
+  EXPECT_EQ(lines(record)[0], appDir + "|-setup");
   auto startedFor = [](const MediaMount& m) {
     return "new removable volume " + m.target() + ": started the helper";
   };
   auto runsFor = [&](const MediaMount& m) { return countOf(readFile(errPath), startedFor(m)); };
+
+  // A mount that is not removable media (a tmpfs in a temporary folder)
+  // starts nothing.
+  if (mount("tmpfs", other.c_str(), "tmpfs", 0, "size=1m") != 0)
+    GTEST_SKIP() << "cannot mount tmpfs here: " << strerror(errno);
+  EXPECT_TRUE(waitForText(errPath, "new mount " + other + " is not removable media", 5000));
+  umount(other.c_str());
 
   const auto begin = std::chrono::steady_clock::now();
   for (int i = 0; i < 50; ++i) {
@@ -250,6 +218,8 @@ TEST(MountAgentRoot, FiftyQuickMountsStartOneRunEach) {
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   EXPECT_EQ(runsFor(slots[0]), 25) << readFile(errPath);
   EXPECT_EQ(runsFor(slots[1]), 25) << readFile(errPath);
+  const auto runs = lines(record);
+  EXPECT_GE(std::count(runs.begin() + 1, runs.end(), appDir + "|"), 50) << "no arguments";
 
   // One slot, remounted the moment its run started: the unmount and the next
   // mount may come in one reading of the table, with the same mount id and
@@ -296,6 +266,10 @@ TEST(MountAgentRoot, FiftyQuickMountsStartOneRunEach) {
   EXPECT_EQ(countOf(log, ": the helper (pid "), countOf(log, ": started the helper"))
       << "every run's end is reported:\n"
       << log;
+  EXPECT_EQ(countOf(log, other + ":"), 0) << "nothing for other mounts:\n" << log;
+  EXPECT_EQ(countOf(log, "login: started the helper"), 1) << log;
+  EXPECT_NE(log.find("login: the helper (pid "), std::string::npos) << log;
+  EXPECT_EQ(log.find("<"), std::string::npos) << "no priorities outside the journal: " << log;
 }
 
 // With the desktop set to never start programs on media insertion (a stand-in
@@ -306,9 +280,7 @@ TEST(MountAgentRoot, AutorunNeverStartsNothingForACard) {
   TempDir dir;
   const std::string record = dir / "runs";
   const std::string appDir = dir.mkdir("Ferrimo.app");
-  const std::string helper =
-      dir.touch("FerrimoHelper", "#!/bin/sh\necho \"$*\" >> '" + record + "'\n");
-  chmod(helper.c_str(), 0755);
+  const std::string helper = standInHelper(dir, "echo \"$*\" >> '" + record + "'");
   const std::string tools = dir.mkdir("tools");
   const std::string gsettings = dir.touch("tools/gsettings", "#!/bin/sh\necho true\n");
   chmod(gsettings.c_str(), 0755);

@@ -1,6 +1,5 @@
 // The Linux folder table under a temporary HOME, without and with XDG variables.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include "platform/Platform.h"
 #include "support/ScopedEnv.h"
