@@ -452,7 +452,8 @@ bool KdFileManager::decompressFile(const std::string& archivePath,
   Utf8Names names;
   const std::string& folder = toDestinationFolder;
   const std::string parent = kd::path::deletingLastComponent(folder);
-  if (!parent.empty() && !exists(parent)) kd::createFolders(parent, 0777, std::nullopt);
+  // A parent that cannot be made shows as the extraction's failure below.
+  if (!parent.empty() && !exists(parent)) (void)kd::createFolders(parent, 0777, std::nullopt);
   const std::string partial = files::temporarySibling(folder, "kdunzip");
   std::string why;
   bool extracted = false;

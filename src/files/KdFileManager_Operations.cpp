@@ -111,9 +111,10 @@ bool KdFileManager::createDirectory(const std::string& path, bool shouldAuth) {
     kd::platform().systemLog("Unable to create directory. Drive is not mounted.");
     return files::failWith(kd::Error::described("the drive is not mounted"));
   }
-  errno = 0;
-  if (!path.empty() && kd::createFolders(path, 0777, std::nullopt)) return true;
-  const kd::Error error{path.empty() ? ENOENT : (errno ? errno : EIO)};
+  const kd::Result<void> made = kd::createFolders(path, 0777, std::nullopt);
+  if (made) return true;
+  // The reason told is the system's text alone, without the step.
+  const kd::Error error{made.error().code};
   files::failWithCode(error.code);
   KdLog::appendLog("Error creating folder: %@. Authorizing...", error.message());
   if (!fallsBack(shouldAuth, error)) return false;

@@ -105,12 +105,16 @@ bool KdFileManager::trashFile(const std::string& givenPath, bool shouldAuth) {
   std::string why;
   if (std::optional<HomeTrash> home = homeTrash()) {
     kd::TrashRequest request{path, home->folder, home->uid, home->owner, kd::TrashNaming::Numbered};
-    if (std::optional<kd::TrashSlot> slot = kd::claimTrashSlot(request, &why)) {
-      const kd::Result<void> renamed = files::renameNoReplace(path, slot->destination);
-      if (renamed) return true;
+    if (kd::Result<kd::TrashSlot> slot = kd::claimTrashSlot(request); !slot) {
+      // Claimed as this user, with rights too: rights would not help.
+      why = slot.error().message();
+    } else if (const kd::Result<void> renamed = files::renameNoReplace(path, slot->destination);
+               !renamed) {
       kd::releaseTrashSlot(*slot);
       why = renamed.error().message();
       rightsWouldHelp = kd::isRightsError(renamed.error().code);
+    } else {
+      return true;
     }
   } else {
     why = "the user has no home trash";
