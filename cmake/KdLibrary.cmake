@@ -61,6 +61,7 @@ set(KD_PUBLIC_HEADERS
     KdExport.h
     auth/KdAuthorization.h
     common/DateText.h
+    common/Error.h
     common/FileOwner.h
     common/Path.h
     common/PropertyList.h

@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   // The extractor logs its refusals. No log is opened here (a root run's log
   // would be the console user's): the lines go to standard output, which the
   // fuzz runs close (-close_fd_mask=1).
-  std::atexit([] { kd::files::removeTree(gBox); });
+  std::atexit([] { (void)kd::files::removeTree(gBox); });
   return 0;
 }
 
@@ -65,6 +65,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (made != ok || (made && !S_ISDIR(st.st_mode))) std::abort();
   after.erase("out");
   if (after != before) std::abort();  // a partial folder left behind, or a stray entry
-  kd::files::removeTree(destination);
+  (void)kd::files::removeTree(destination);
   return 0;
 }

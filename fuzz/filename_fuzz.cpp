@@ -23,7 +23,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   const char* base = ::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
   gFolder = std::string(base) + "/kdfuzz-names." + std::to_string(::getpid());
   ::mkdir(gFolder.c_str(), 0700);
-  std::atexit([] { kd::files::removeTree(gFolder); });
+  std::atexit([] { (void)kd::files::removeTree(gFolder); });
   return 0;
 }
 

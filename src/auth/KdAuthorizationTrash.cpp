@@ -63,10 +63,10 @@ bool KdAuthorization::trashInto(const std::string& source, bool deleteOnRootAcco
       request.uid = home.st_uid;
     }
   }
-  std::string why;
-  std::optional<kd::TrashSlot> slot = kd::claimTrashSlot(request, &why);
+  kd::Result<kd::TrashSlot> slot = kd::claimTrashSlot(request);
   if (!slot) {
-    kd::platform().systemLog(kd::format("Unable to trash path %@: %@.", source, why));
+    kd::platform().systemLog(
+        kd::format("Unable to trash path %@: %@.", source, slot.error().message()));
     return false;
   }
   // mv -n reports success when it skips an existing destination: look.

@@ -14,9 +14,8 @@ namespace kd {
 
 namespace {
 
-bool fail(std::string* error, const std::string& what, const std::string& path, int err) {
-  if (error) *error = what + " " + path + ": " + std::strerror(err);
-  return false;
+Error fail(const std::string& what, const std::string& path, int err) {
+  return Error{err, what + " " + path};
 }
 
 UniqueFd openFolder(int at, const char* name, bool followLinks) {
@@ -26,12 +25,12 @@ UniqueFd openFolder(int at, const char* name, bool followLinks) {
 
 }  // namespace
 
-bool createFolders(const std::string& path, mode_t mode, const std::optional<FileOwner>& owner,
-                   std::string* error) {
-  if (path.empty()) return fail(error, "cannot create", path, ENOENT);
+Result<void> createFolders(const std::string& path, mode_t mode,
+                           const std::optional<FileOwner>& owner) {
+  if (path.empty()) return fail("cannot create", path, ENOENT);
   // Relative paths start at the working folder, absolute ones at "/".
   UniqueFd at = openFolder(AT_FDCWD, path[0] == '/' ? "/" : ".", true);
-  if (!at) return fail(error, "cannot open", path[0] == '/' ? "/" : ".", errno);
+  if (!at) return fail("cannot open", path[0] == '/' ? "/" : ".", errno);
   std::string done = path[0] == '/' ? "/" : "";
   for (const auto& part : path::components(path)) {
     if (part == "/") continue;
@@ -42,23 +41,30 @@ bool createFolders(const std::string& path, mode_t mode, const std::optional<Fil
     if (!next && errno == ENOENT) {
       if (owner) {
         struct stat parent {};
-        if (::fstat(at.get(), &parent) != 0) return fail(error, "cannot look at", done, errno);
+        if (::fstat(at.get(), &parent) != 0) return fail("cannot look at", done, errno);
         if (parent.st_uid != owner->uid)
-          return fail(error, "will not create for another user", done, EPERM);
+          return fail("will not create for another user", done, EPERM);
       }
       if (::mkdirat(at.get(), part.c_str(), mode) != 0 && errno != EEXIST)
-        return fail(error, "cannot create", done, errno);
+        return fail("cannot create", done, errno);
       // The new folder is opened without following links: if someone swapped
       // a link in, this fails instead of handing over what the link names.
       next = openFolder(at.get(), part.c_str(), false);
-      if (!next) return fail(error, "cannot open", done, errno);
+      if (!next) return fail("cannot open", done, errno);
       if (owner && ::fchown(next.get(), owner->uid, owner->gid) != 0)
-        return fail(error, "cannot give to its owner", done, errno);
+        return fail("cannot give to its owner", done, errno);
     }
-    if (!next) return fail(error, "cannot open", done, errno);
+    if (!next) return fail("cannot open", done, errno);
     at = std::move(next);
   }
-  return true;
+  return success();
+}
+
+bool createFolders(const std::string& path, mode_t mode, const std::optional<FileOwner>& owner,
+                   std::string* error) {
+  const Result<void> made = createFolders(path, mode, owner);
+  if (!made && error) *error = made.error().message();
+  return made.ok();
 }
 
 std::optional<FileOwner> ownerOfNearestFolder(const std::string& path) {

@@ -8,21 +8,26 @@
 #include <optional>
 #include <string>
 
+#include "common/Error.h"
 #include "common/FileOwner.h"
 
 namespace kd {
 
 // Creates `path` and its missing parents with `mode` (settings, logs and crash
-// reports are private to their user: 0700). True when `path` is a folder
-// afterwards, also when it already was; otherwise `error` gets the reason.
+// reports are private to their user: 0700). Succeeds when `path` is a folder
+// afterwards, also when it already was; the error names the step and the
+// folder ("cannot create /a/b").
 //
 // With `owner` (a root process making folders in a user's home), each folder
 // it creates is given to that owner through a descriptor opened without
 // following links, and a folder is only ever created inside a folder that
 // already belongs to that owner: links the user placed on the way can never
 // make root create, or hand over, folders outside the user's own tree.
+Result<void> createFolders(const std::string& path, mode_t mode,
+                           const std::optional<FileOwner>& owner);
+// The same, true or false with the reason as text in `error` (when given).
 bool createFolders(const std::string& path, mode_t mode, const std::optional<FileOwner>& owner,
-                   std::string* error = nullptr);
+                   std::string* error);
 
 // The owner of the nearest existing folder at or above `path`; none when no
 // part of the path can be looked at.

@@ -414,12 +414,17 @@ class BinaryWriter {
 
 }  // namespace
 
-bool readBinary(std::string_view bytes, PlistValue& root, std::string& reason) {
-  return BinaryReader(bytes).read(root, reason);
+Result<PlistValue> readBinary(std::string_view bytes) {
+  PlistValue root;
+  std::string reason;
+  if (!BinaryReader(bytes).read(root, reason)) return Error::described(std::move(reason));
+  return root;
 }
 
-bool writeBinary(const PlistDict& root, std::string& out, std::string& error) {
-  return BinaryWriter(out, error).document(root);
+Result<std::string> writeBinary(const PlistDict& root) {
+  std::string out, error;
+  if (!BinaryWriter(out, error).document(root)) return Error::described(std::move(error));
+  return out;
 }
 
 }  // namespace kd::plist

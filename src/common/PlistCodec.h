@@ -8,17 +8,18 @@
 #include <string>
 #include <string_view>
 
+#include "common/Error.h"
 #include "common/PropertyList.h"
 
 namespace kd::plist {
 
-// Each reader gives the root value, or false with a short reason.
-bool readXml(std::string_view bytes, PlistValue& root, std::string& reason);
-bool readBinary(std::string_view bytes, PlistValue& root, std::string& reason);
+// Each reader gives the root value, or a short reason (without a code).
+Result<PlistValue> readXml(std::string_view bytes);
+Result<PlistValue> readBinary(std::string_view bytes);
 
-// Each writer appends the whole file to `out`, or gives false with a reason.
-bool writeXml(const PlistDict& root, std::string& out, std::string& error);
-bool writeBinary(const PlistDict& root, std::string& out, std::string& error);
+// Each writer gives the whole file, or a short reason (without a code).
+Result<std::string> writeXml(const PlistDict& root);
+Result<std::string> writeBinary(const PlistDict& root);
 
 // Seconds between 1970-01-01 and the property-list reference date 2001-01-01.
 inline constexpr long long kReferenceSince1970 = 978307200;

@@ -404,12 +404,17 @@ class XmlWriter {
 
 }  // namespace
 
-bool readXml(std::string_view bytes, PlistValue& root, std::string& reason) {
-  return PlistReader(bytes).read(root, reason);
+Result<PlistValue> readXml(std::string_view bytes) {
+  PlistValue root;
+  std::string reason;
+  if (!PlistReader(bytes).read(root, reason)) return Error::described(std::move(reason));
+  return root;
 }
 
-bool writeXml(const PlistDict& root, std::string& out, std::string& error) {
-  return XmlWriter(out, error).document(root);
+Result<std::string> writeXml(const PlistDict& root) {
+  std::string out, error;
+  if (!XmlWriter(out, error).document(root)) return Error::described(std::move(error));
+  return out;
 }
 
 }  // namespace kd::plist

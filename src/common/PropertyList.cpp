@@ -46,20 +46,18 @@ PlistValue dateValue(double since) {
 PlistFile parsePlist(std::string_view bytes) {
   PlistFile file;
   file.status = PlistReadStatus::Damaged;
-  PlistValue root;
-  bool ok;
   if (bytes.empty()) {
     file.reason = "an empty file";
     return file;
   }
-  if (bytes.starts_with("bplist")) {
-    file.format = PlistFormat::Binary;
-    ok = plist::readBinary(bytes, root, file.reason);
-  } else {
-    ok = plist::readXml(bytes, root, file.reason);
+  const bool binary = bytes.starts_with("bplist");
+  if (binary) file.format = PlistFormat::Binary;
+  Result<PlistValue> root = binary ? plist::readBinary(bytes) : plist::readXml(bytes);
+  if (!root) {
+    file.reason = root.error().message();
+    return file;
   }
-  if (!ok) return file;
-  PlistDict* dict = root.get<PlistDict>();
+  PlistDict* dict = root->get<PlistDict>();
   if (!dict) {
     file.reason = "the root is not a dictionary";
     return file;
@@ -85,14 +83,13 @@ PlistFile readPlistFile(const std::string& path, bool followLinks) {
 
 std::optional<std::string> serializePlist(const PlistDict& dict, PlistFormat format,
                                           std::string* error) {
-  std::string out, why;
-  bool ok = format == PlistFormat::Binary ? plist::writeBinary(dict, out, why)
-                                          : plist::writeXml(dict, out, why);
-  if (!ok) {
-    if (error) *error = std::move(why);
+  Result<std::string> out =
+      format == PlistFormat::Binary ? plist::writeBinary(dict) : plist::writeXml(dict);
+  if (!out) {
+    if (error) *error = out.error().message();
     return std::nullopt;
   }
-  return out;
+  return std::move(out).toOptional();
 }
 
 bool writePlistFileAtomically(const PlistDict& dict, const std::string& path, PlistFormat format,

@@ -18,12 +18,6 @@ namespace kd {
 
 namespace {
 
-bool fail(std::string* error, int* errorNumber, const std::string& text, int err) {
-  if (error) *error = text;
-  if (errorNumber) *errorNumber = err;
-  return false;
-}
-
 std::string localTime(const char* format) {
   std::time_t now = std::time(nullptr);
   std::tm tm{};
@@ -145,14 +139,12 @@ std::optional<std::string> mountTopOf(const std::string& path) {
   return top;
 }
 
-std::optional<TrashSlot> claimTrashSlot(const TrashRequest& request, std::string* error,
-                                        int* errorNumber) {
+Result<TrashSlot> claimTrashSlot(const TrashRequest& request) {
   const std::string& item = request.item;
   const std::string name = path::lastComponent(item);
   if (item.empty() || item[0] != '/' || name.empty() || name == "/" || name == "." ||
       name == "..") {
-    fail(error, errorNumber, "not an item that can be trashed", EINVAL);
-    return std::nullopt;
+    return Error::described("not an item that can be trashed");
   }
   struct stat itemStat {};
   if (::lstat(item.c_str(), &itemStat) != 0) {
@@ -160,14 +152,12 @@ std::optional<TrashSlot> claimTrashSlot(const TrashRequest& request, std::string
     // A place the user may not look into: its folder tells the volume.
     if (err == ENOENT || err == ENOTDIR ||
         ::stat(path::deletingLastComponent(item).c_str(), &itemStat) != 0) {
-      fail(error, errorNumber, std::strerror(err), err);
-      return std::nullopt;
+      return Error{err};
     }
     itemStat.st_uid = request.uid;
   } else if (isMountRoot(item)) {
     // Its volume's trash would be made on the volume above, for nothing.
-    fail(error, errorNumber, "it is where a volume is mounted (unmount the volume instead)", EBUSY);
-    return std::nullopt;
+    return Error::described("it is where a volume is mounted (unmount the volume instead)");
   }
 
   const std::string parent = realParent(item);
@@ -176,17 +166,15 @@ std::optional<TrashSlot> claimTrashSlot(const TrashRequest& request, std::string
   bool home = deviceOfNearest(request.homeTrash) == itemStat.st_dev;
   if (home) {
     trash = request.homeTrash;
-    if (!createFolders(trash, 0700, request.owner)) {
-      fail(error, errorNumber, "cannot create the trash " + trash, errno ? errno : EIO);
-      return std::nullopt;
+    if (!createFolders(trash, 0700, request.owner).ok()) {
+      return Error::described("cannot create the trash " + trash);
     }
   } else {
     std::optional<std::string> top = mountTopOf(parent);
     std::optional<std::string> folder =
         top ? volumeTrash(*top, request.uid, itemStat.st_uid, request.owner) : std::nullopt;
     if (!folder) {
-      fail(error, errorNumber, "no trash can be made on the item's volume", EXDEV);
-      return std::nullopt;
+      return Error::described("no trash can be made on the item's volume");
     }
     trash = *folder;
     // The record of a volume trash names the item from the volume's top.
@@ -198,24 +186,20 @@ std::optional<TrashSlot> claimTrashSlot(const TrashRequest& request, std::string
   for (const std::string& folder : {files, info}) {
     if (!usableFolder(folder, request.owner ? request.owner->uid : request.uid, itemStat.st_uid,
                       request.owner)) {
-      const int err = errno ? errno : EACCES;
-      fail(error, errorNumber, "cannot use the trash folder " + folder, err);
-      return std::nullopt;
+      return Error::described("cannot use the trash folder " + folder);
     }
   }
   struct stat filesStat {};
   if (::stat(files.c_str(), &filesStat) != 0 || filesStat.st_dev != itemStat.st_dev) {
     // Moving there would copy the whole item across volumes.
-    fail(error, errorNumber, "it is not on the volume of the trash", EXDEV);
-    return std::nullopt;
+    return Error::described("it is not on the volume of the trash");
   }
 
   UniqueFd infoFd(retryOnEintr(
       [&] { return ::open(info.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
   if (!infoFd) {
     const int err = errno;
-    fail(error, errorNumber, std::strerror(err), err);
-    return std::nullopt;
+    return Error{err};
   }
   const std::string stamp = localTime("%Y%m%d%H%M%S");
   const std::string text = "[Trash Info]\nPath=" + encodePath(recordPath) +
@@ -233,8 +217,7 @@ std::optional<TrashSlot> claimTrashSlot(const TrashRequest& request, std::string
     if (!fd) {
       if (errno == EEXIST) continue;
       const int err = errno;
-      fail(error, errorNumber, std::strerror(err), err);
-      return std::nullopt;
+      return Error{err};
     }
     bool written = retryOnEintr([&] { return ::write(fd.get(), text.data(), text.size()); }) ==
                    static_cast<ssize_t>(text.size());
@@ -243,13 +226,11 @@ std::optional<TrashSlot> claimTrashSlot(const TrashRequest& request, std::string
     if (!written) {
       const int err = errno ? errno : EIO;
       ::unlinkat(infoFd.get(), recordName.c_str(), 0);
-      fail(error, errorNumber, std::strerror(err), err);
-      return std::nullopt;
+      return Error{err};
     }
     return TrashSlot{path::append(files, candidate), path::append(info, recordName), home};
   }
-  fail(error, errorNumber, "no free name in the trash", EEXIST);
-  return std::nullopt;
+  return Error::described("no free name in the trash");
 }
 
 std::string trashedName(const std::string& name, TrashNaming naming, int attempt) {

@@ -21,6 +21,7 @@
 #include <optional>
 #include <string>
 
+#include "common/Error.h"
 #include "common/FileOwner.h"
 
 namespace kd {
@@ -48,11 +49,9 @@ struct TrashSlot {
 };
 
 // Picks the trash for the item, makes its folders where missing and writes
-// the record. None with `error` set when the item cannot be trashed: it is
-// missing, no trash on its file system can be used, or the record cannot be
-// written. `errorNumber` (when given) gets the system's error number.
-std::optional<TrashSlot> claimTrashSlot(const TrashRequest& request, std::string* error,
-                                        int* errorNumber = nullptr);
+// the record. Fails when the item cannot be trashed: it is missing, no trash
+// on its file system can be used, or the record cannot be written.
+Result<TrashSlot> claimTrashSlot(const TrashRequest& request);
 
 // The name tried at `attempt` (0 is the item's own name) for an item named
 // `name` when earlier names were taken.

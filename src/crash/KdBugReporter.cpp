@@ -49,7 +49,7 @@ void recordDate(const std::optional<std::string>& plistPath, const char* key) {
   // in a home belongs to that home's user, the record file included; it is
   // handed over by descriptor before it takes its name.
   const auto owner = kd::ownerForUserPath(*path);
-  kd::createFolders(kd::path::deletingLastComponent(*path), 0700, owner);
+  (void)kd::createFolders(kd::path::deletingLastComponent(*path), 0700, owner);
   // A record file that cannot be read is left alone, a damaged one kept aside:
   // it may be a settings file that holds another program's keys.
   kd::Settings record = kd::loadSettings(*path, !owner);

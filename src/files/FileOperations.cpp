@@ -1,5 +1,5 @@
 // The plain file operations under KdFileManager's: removing, copying and
-// moving trees without ever replacing anything, and the failure record.
+// moving trees without ever replacing anything.
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -29,14 +29,6 @@
 namespace kd::files {
 
 namespace {
-
-// The failure record of the current thread.
-struct Failure {
-  std::string reason;
-  bool needsRights = false;
-};
-thread_local Failure tFailure;
-thread_local std::vector<std::string> tAttributesNotKept;
 
 struct DirCloser {
   void operator()(DIR* d) const { closedir(d); }
@@ -136,15 +128,19 @@ void keepOwner(int fd, const struct stat& st) {
 // Puts the extended attributes of the open item `from` (labels, tags, the
 // stored creation date) on its open copy `to`; those the copy's file system
 // cannot hold are noted for the caller to tell.
-void keepAttributes(int from, int to, const char* name) {
+void keepAttributes(int from, int to, const char* name, AttributeNotes& notes) {
   const std::vector<std::string> lost =
       kd::platform().fileMetadata().copyExtendedAttributes(from, to);
-  if (!lost.empty()) noteAttributesNotKept(name, lost);
+  if (lost.empty()) return;
+  std::string note = std::string(name) + ":";
+  for (std::size_t i = 0; i < lost.size(); ++i) note += (i ? ", " : " ") + lost[i];
+  notes.push_back(std::move(note));
 }
 
 // Copies `name` of the folder `from` to `name` of the folder `to` (which must
-// not exist there).
-int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toName) {
+// not exist there), noting the attributes it could not keep.
+int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toName,
+           AttributeNotes& notes) {
   struct stat st {};
   if (::fstatat(fromFolder, fromName, &st, AT_SYMLINK_NOFOLLOW) != 0) return errno;
   if (S_ISLNK(st.st_mode)) {
@@ -168,7 +164,7 @@ int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toNam
     }));
     if (!out) return errno;
     if (int err = copyData(in.get(), out.get())) return err;
-    keepAttributes(in.get(), out.get(), fromName);
+    keepAttributes(in.get(), out.get(), fromName, notes);
     keepOwner(out.get(), st);
     if (::fchmod(out.get(), st.st_mode & 07777) != 0) return errno;
     if (int err = fileio::setTimes(out.get(), st.st_atim, st.st_mtim)) return err;
@@ -185,8 +181,8 @@ int copyAt(int fromFolder, const char* fromName, int toFolder, const char* toNam
     std::optional<std::vector<std::string>> names = namesAt(in.get());
     if (!names) return errno;
     for (const std::string& name : *names)
-      if (int err = copyAt(in.get(), name.c_str(), out.get(), name.c_str())) return err;
-    keepAttributes(in.get(), out.get(), fromName);
+      if (int err = copyAt(in.get(), name.c_str(), out.get(), name.c_str(), notes)) return err;
+    keepAttributes(in.get(), out.get(), fromName, notes);
     keepOwner(out.get(), st);
     if (::fchmod(out.get(), st.st_mode & 07777) != 0) return errno;
     return fileio::setTimes(out.get(), st.st_atim, st.st_mtim);
@@ -202,77 +198,39 @@ locale_t utf8Locale() {
 
 }  // namespace
 
-void clearFailure() {
-  tFailure = Failure{};
-  tAttributesNotKept.clear();
-}
-
-void noteAttributesNotKept(const std::string& item, const std::vector<std::string>& names) {
-  std::string note = item + ":";
-  for (std::size_t i = 0; i < names.size(); ++i) note += (i ? ", " : " ") + names[i];
-  tAttributesNotKept.push_back(std::move(note));
-}
-
-const std::vector<std::string>& attributesNotKept() {
-  return tAttributesNotKept;
-}
-
-const std::string& failureReason() {
-  return tFailure.reason;
-}
-
-bool failureNeedsRights() {
-  return tFailure.needsRights;
-}
-
-void recordFailure(int error) {
-  tFailure = Failure{std::strerror(error), isRightsError(error)};
-}
-
-void recordFailure(const std::string& reason, bool needsRights) {
-  tFailure = Failure{reason, needsRights};
-}
-
-bool isRightsError(int error) {
-  return error == EACCES || error == EPERM;
-}
-
 std::string withoutTrailingSlashes(std::string path) {
   while (path.size() > 1 && path.back() == '/') path.pop_back();
   return path;
 }
 
-bool refusesSystemPath(const std::string& path, const char* message) {
+Result<void> checkNotSystemPath(const std::string& path, const char* message) {
   // The same rule as the privileged commands: a root process takes the
   // ordinary way, and must not remove or move the system away either.
   if (!KdLocalPaths::isPathSystemDirectory(path, true) && !KdAuthorization::isProtectedTarget(path))
-    return false;
+    return success();
   kd::platform().systemLog(kd::format(message, path));
-  recordFailure("a system folder is never changed", false);
-  return true;
+  return Error::described("a system folder is never changed");
 }
 
-bool refusesFolderAlias(const std::string& path, const char* message) {
-  if (!namesFolderByAlias(path)) return false;
+Result<void> checkNotFolderAlias(const std::string& path, const char* message) {
+  if (!namesFolderByAlias(path)) return success();
   KdLog::appendLog(message, path);
-  recordFailure(
+  return Error::described(
       "a path ending in \".\" or \"..\" names a folder by another name; name the "
-      "folder itself",
-      false);
-  return true;
+      "folder itself");
 }
 
-int removeTree(const std::string& path) {
-  if (namesFolderByAlias(path)) return EINVAL;
+Result<void> removeTree(const std::string& path) {
+  if (namesFolderByAlias(path)) return Error{EINVAL};
   const std::string name = path::lastComponent(path);
-  if (name == "/") return EBUSY;
+  if (name == "/") return Error{EBUSY};
   std::string parent = path::deletingLastComponent(path);
   if (parent.empty()) parent = ".";
   // The folder that holds the item is followed as given; the item never is.
   UniqueFd folder(
       retryOnEintr([&] { return ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-  if (!folder) return errno == ENOENT ? 0 : errno;
-  return removeAt(folder.get(), name.c_str());
+  if (!folder) return errno == ENOENT ? success() : Error::fromErrno();
+  return fromCode(removeAt(folder.get(), name.c_str()));
 }
 
 bool namesFolderByAlias(const std::string& path) {
@@ -280,15 +238,15 @@ bool namesFolderByAlias(const std::string& path) {
   return name == "." || name == "..";
 }
 
-int setModificationTime(const std::string& path, const struct timespec& modified) {
+Result<void> setModificationTime(const std::string& path, const struct timespec& modified) {
   struct stat st {};
-  if (::lstat(path.c_str(), &st) != 0) return errno;
-  return fileio::setTimesAt(AT_FDCWD, path, st.st_atim, modified);
+  if (::lstat(path.c_str(), &st) != 0) return Error::fromErrno();
+  return fromCode(fileio::setTimesAt(AT_FDCWD, path, st.st_atim, modified));
 }
 
-int renameNoReplace(const std::string& from, const std::string& to) {
+Result<void> renameNoReplace(const std::string& from, const std::string& to) {
   // Where the file system cannot refuse by itself, it is looked at first.
-  return fileio::renameNoReplaceOrLook(AT_FDCWD, from, AT_FDCWD, to);
+  return fromCode(fileio::renameNoReplaceOrLook(AT_FDCWD, from, AT_FDCWD, to));
 }
 
 std::string temporarySibling(const std::string& path, std::string_view purpose) {
@@ -300,11 +258,11 @@ std::string temporarySibling(const std::string& path, std::string_view purpose) 
                       "." + name + "." + std::string(purpose) + "-" + unique);
 }
 
-int copyTree(const std::string& from, const std::string& to) {
+Result<AttributeNotes> copyTree(const std::string& from, const std::string& to) {
   struct stat st {
   }, there{};
-  if (::lstat(from.c_str(), &st) != 0) return errno;
-  if (::lstat(to.c_str(), &there) == 0) return EEXIST;
+  if (::lstat(from.c_str(), &st) != 0) return Error::fromErrno();
+  if (::lstat(to.c_str(), &there) == 0) return Error{EEXIST};
   std::string parent = path::deletingLastComponent(to);
   if (parent.empty()) parent = ".";
   std::string fromParent = path::deletingLastComponent(from);
@@ -312,46 +270,55 @@ int copyTree(const std::string& from, const std::string& to) {
   // The source's folder is followed as given; the item itself never is.
   UniqueFd fromFolder(
       retryOnEintr([&] { return ::open(fromParent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-  if (!fromFolder) return errno;
+  if (!fromFolder) return Error::fromErrno();
   UniqueFd toFolder(
       retryOnEintr([&] { return ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-  if (!toFolder) return errno;
+  if (!toFolder) return Error::fromErrno();
   // A folder copied into itself would copy its copy for ever.
   char realFrom[PATH_MAX], realParent[PATH_MAX];
   if (S_ISDIR(st.st_mode) && ::realpath(from.c_str(), realFrom) &&
       ::realpath(parent.c_str(), realParent)) {
     const std::string inside = std::string(realFrom) + "/";
     if (std::string(realParent) + "/" == inside || std::string(realParent).starts_with(inside))
-      return EINVAL;
+      return Error{EINVAL};
   }
   const std::string partial = path::lastComponent(temporarySibling(to, "kdcopy"));
   const std::string fromName = path::lastComponent(from);
-  int err = copyAt(fromFolder.get(), fromName.c_str(), toFolder.get(), partial.c_str());
+  AttributeNotes notes;
+  const int err =
+      copyAt(fromFolder.get(), fromName.c_str(), toFolder.get(), partial.c_str(), notes);
   const std::string partialPath = path::append(parent, partial);
-  if (err == 0) err = renameNoReplace(partialPath, to);
-  if (err != 0) removeTree(partialPath);
-  return err;
+  Result<void> done = fromCode(err);
+  if (done) done = renameNoReplace(partialPath, to);
+  if (done) return notes;
+  (void)removeTree(partialPath);  // what is left of the copy; the failure told is the copy's
+  return done.error();
 }
 
-int moveItem(const std::string& from, const std::string& to) {
-  int err = renameNoReplace(from, to);
-  if (err != EXDEV) return err;
-  if ((err = copyTree(from, to)) != 0) return err;
+Result<AttributeNotes> moveItem(const std::string& from, const std::string& to) {
+  Result<void> renamed = renameNoReplace(from, to);
+  if (renamed) return AttributeNotes{};
+  if (renamed.error().code != EXDEV) return renamed.error();
+  Result<AttributeNotes> copied = copyTree(from, to);
+  if (!copied) return copied;
   // The copy is complete under its name: only now does the source go.
-  return removeTree(from);
+  if (Result<void> removed = removeTree(from); !removed) return removed.error();
+  return copied;
 }
 
-std::optional<std::vector<std::string>> entryNames(const std::string& folder, bool followLink) {
+Result<std::vector<std::string>> entryNames(const std::string& folder, bool followLink) {
   UniqueFd fd(retryOnEintr([&] {
     return ::open(folder.c_str(),
                   O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followLink ? 0 : O_NOFOLLOW));
   }));
-  if (!fd) return std::nullopt;
-  return namesAt(fd.get());
+  if (!fd) return Error::fromErrno();
+  return entryNamesAt(fd.get());
 }
 
-std::optional<std::vector<std::string>> entryNamesAt(int folder) {
-  return namesAt(folder);
+Result<std::vector<std::string>> entryNamesAt(int folder) {
+  std::optional<std::vector<std::string>> names = namesAt(folder);
+  if (!names) return Error::fromErrno();
+  return std::move(*names);
 }
 
 std::string lowercase(std::string_view text) {

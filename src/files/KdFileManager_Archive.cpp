@@ -26,6 +26,7 @@
 #include "common/Utf8.h"
 #include "files/FileOperations.h"
 #include "files/KdFileManager.h"
+#include "files/KdFileManager_Failure.h"
 #include "log/KdLog.h"
 #include "platform/FileIO.h"
 
@@ -105,8 +106,8 @@ class ZipWriter {
       }));
       if (!folder) return failed(name, std::strerror(errno));
       if (withEntry && !header(st, name + "/", nullptr)) return false;
-      std::optional<std::vector<std::string>> names = files::entryNamesAt(folder.get());
-      if (!names) return failed(name, std::strerror(errno));
+      kd::Result<std::vector<std::string>> names = files::entryNamesAt(folder.get());
+      if (!names) return failed(name, std::strerror(names.error().code));
       for (const std::string& child : *names)
         if (!add(folder.get(), child, name.empty() ? child : name + "/" + child, false))
           return false;
@@ -391,7 +392,7 @@ class Extractor {
 
 bool KdFileManager::compressFile(const std::string& source, const std::string& toDestinationFile,
                                  bool includeParent) {
-  files::clearFailure();
+  files::clearLastFailure();
   Utf8Names names;
   const std::string& destination = toDestinationFile;
   std::string sourceFolder = kd::path::deletingLastComponent(source);
@@ -436,23 +437,23 @@ bool KdFileManager::compressFile(const std::string& source, const std::string& t
     // replacement is complete.
     if (exists(destination) && !trashFile(destination))
       why = destination + ": it cannot be moved to the trash (" + lastFailureReason() + ")";
-    const int err = files::renameNoReplace(partial, destination);
-    if (err == 0) return true;
-    if (why.empty()) why = destination + ": " + std::strerror(err);
+    const kd::Result<void> renamed = files::renameNoReplace(partial, destination);
+    if (renamed) return true;
+    if (why.empty()) why = renamed.error().within(destination).message();
   }
   ::unlink(partial.c_str());
-  files::recordFailure(why, false);
   KdLog::appendLog("Unable to compress %@: %@", source, why);
-  return false;
+  return files::failWith(kd::Error::described(why));
 }
 
 bool KdFileManager::decompressFile(const std::string& archivePath,
                                    const std::string& toDestinationFolder) {
-  files::clearFailure();
+  files::clearLastFailure();
   Utf8Names names;
   const std::string& folder = toDestinationFolder;
   const std::string parent = kd::path::deletingLastComponent(folder);
-  if (!parent.empty() && !exists(parent)) kd::createFolders(parent, 0777, std::nullopt);
+  // A parent that cannot be made shows as the extraction's failure below.
+  if (!parent.empty() && !exists(parent)) (void)kd::createFolders(parent, 0777, std::nullopt);
   const std::string partial = files::temporarySibling(folder, "kdunzip");
   std::string why;
   bool extracted = false;
@@ -483,12 +484,11 @@ bool KdFileManager::decompressFile(const std::string& archivePath,
     // The folder there before goes to the trash only now that its
     // replacement is complete.
     if (exists(folder)) trashFile(folder, false);
-    const int err = files::renameNoReplace(partial, folder);
-    if (err == 0) return true;
-    why = folder + ": " + std::strerror(err);
+    const kd::Result<void> renamed = files::renameNoReplace(partial, folder);
+    if (renamed) return true;
+    why = renamed.error().within(folder).message();
   }
-  files::removeTree(partial);
-  files::recordFailure(why, false);
+  (void)files::removeTree(partial);  // the partial folder; the failure told is the extraction's
   KdLog::appendLog("Unable to extract %@: %@", archivePath, why);
-  return false;
+  return files::failWith(kd::Error::described(why));
 }

@@ -62,9 +62,8 @@ void lockTree(const std::string& folder, bool lock, bool top) {
 }
 
 void setLocked(const std::string& path, bool locked) {
-  std::string error;
-  if (!kd::platform().fileMetadata().setLocked(path, locked, &error))
-    KdLog::fastAppendLog("Unable to unlock file %@: %@", path, error);
+  const kd::Result<void> done = kd::platform().fileMetadata().setLocked(path, locked);
+  if (!done) KdLog::fastAppendLog("Unable to unlock file %@: %@", path, done.error().message());
 }
 
 }  // namespace

@@ -65,11 +65,12 @@ void KdFileManager::setFinderProgress(float progress, const std::string& forFile
       metadata.setExtendedAttribute(forFile, kSavedCreationAttr,
                                     before ? dateText(*before) : std::string("none"));
     }
-    metadata.setCreationDate(forFile, Date(kProgressMarkerDate));
+    // A progress marker is a hint: a file that keeps no date shows none.
+    (void)metadata.setCreationDate(forFile, Date(kProgressMarkerDate));
   } else {  // negative, or not a number
     metadata.removeExtendedAttribute(forFile, kProgressAttr);
     if (auto saved = readSmallAttr(metadata, forFile, kSavedCreationAttr)) {
-      metadata.setCreationDate(forFile, parseDate(*saved));
+      (void)metadata.setCreationDate(forFile, parseDate(*saved));
       metadata.removeExtendedAttribute(forFile, kSavedCreationAttr);
     }
   }

@@ -12,6 +12,7 @@
 #include "common/Path.h"
 #include "files/FileOperations.h"
 #include "files/KdFileManager.h"
+#include "files/KdFileManager_Failure.h"
 #include "log/Format.h"
 #include "log/KdLog.h"
 #include "paths/KdLocalPaths.h"
@@ -31,91 +32,131 @@ KdAuthorization& rights() {
 }
 
 // The fall-back decision: asked for, and needed because rights were missing.
-bool fallsBack(bool shouldAuth, int error) {
-  return shouldAuth && files::isRightsError(error);
+bool fallsBack(bool shouldAuth, const kd::Error& error) {
+  return shouldAuth && kd::isRightsError(error.code);
 }
+
+// The outcome of the last operation on this thread (KdFileManager_Failure.h).
+struct LastFailure {
+  std::string reason;
+  bool needsRights = false;
+  std::vector<std::string> attributesNotKept;
+};
+thread_local LastFailure tLast;
 
 }  // namespace
 
+namespace kd::files {
+
+void clearLastFailure() {
+  tLast = LastFailure{};
+}
+
+bool failWith(const Error& error, bool needsRights) {
+  tLast.reason = error.message();
+  tLast.needsRights = needsRights;
+  return false;
+}
+
+bool failWithCode(int code) {
+  return failWith(Error{code}, isRightsError(code));
+}
+
+void noteAttributesNotKept(std::vector<std::string> notes) {
+  tLast.attributesNotKept = std::move(notes);
+}
+
+}  // namespace kd::files
+
 std::string KdFileManager::lastFailureReason() {
-  return files::failureReason();
+  return tLast.reason;
 }
 
 std::vector<std::string> KdFileManager::lastAttributesNotKept() {
-  return files::attributesNotKept();
+  return tLast.attributesNotKept;
 }
 
 bool KdFileManager::lastFailureNeedsRights() {
-  return files::failureNeedsRights();
+  return tLast.needsRights;
 }
 
 bool KdFileManager::removeFile(const std::string& givenPath, bool shouldAuth) {
-  files::clearFailure();
+  files::clearLastFailure();
   if (givenPath.empty()) return true;
   const std::string path = files::withoutTrailingSlashes(givenPath);
-  if (files::refusesFolderAlias(path, "Unable to delete path %@: it ends in \".\" or \"..\"."))
-    return false;
+  if (auto refused =
+          files::checkNotFolderAlias(path, "Unable to delete path %@: it ends in \".\" or \"..\".");
+      !refused)
+    return files::failWith(refused.error());
   if (!exists(path)) {
     // Something may be there that this user may not look at.
     if (errno == ENOENT || errno == ENOTDIR) return true;
   }
-  if (files::refusesSystemPath(path, "Unable to delete path %@ because it is a system directory."))
-    return false;
+  if (auto refused = files::checkNotSystemPath(
+          path, "Unable to delete path %@ because it is a system directory.");
+      !refused)
+    return files::failWith(refused.error());
   if (exists(path)) unlockFile(path);
-  const int err = files::removeTree(path);
-  if (err == 0) return true;
-  files::recordFailure(err);
-  KdLog::appendLog("Error removing file: %@. Authorizing...", std::strerror(err));
-  if (!fallsBack(shouldAuth, err)) return false;
+  const kd::Result<void> removed = files::removeTree(path);
+  if (removed) return true;
+  files::failWithCode(removed.error().code);
+  KdLog::appendLog("Error removing file: %@. Authorizing...", removed.error().message());
+  if (!fallsBack(shouldAuth, removed.error())) return false;
   return rights().authRemoveFile(path);
 }
 
 bool KdFileManager::createDirectory(const std::string& path, bool shouldAuth) {
-  files::clearFailure();
+  files::clearLastFailure();
   if (!isDriveMountedForPath(path)) {
     kd::platform().systemLog("Unable to create directory. Drive is not mounted.");
-    files::recordFailure("the drive is not mounted", false);
-    return false;
+    return files::failWith(kd::Error::described("the drive is not mounted"));
   }
-  errno = 0;
-  if (!path.empty() && kd::createFolders(path, 0777, std::nullopt)) return true;
-  const int err = path.empty() ? ENOENT : (errno ? errno : EIO);
-  files::recordFailure(err);
-  KdLog::appendLog("Error creating folder: %@. Authorizing...", std::strerror(err));
-  if (!fallsBack(shouldAuth, err)) return false;
+  const kd::Result<void> made = kd::createFolders(path, 0777, std::nullopt);
+  if (made) return true;
+  // The reason told is the system's text alone, without the step.
+  const kd::Error error{made.error().code};
+  files::failWithCode(error.code);
+  KdLog::appendLog("Error creating folder: %@. Authorizing...", error.message());
+  if (!fallsBack(shouldAuth, error)) return false;
   return rights().authCreateDir(path);
 }
 
 bool KdFileManager::copyFile(const std::optional<std::string>& source,
                              const std::optional<std::string>& toPath, bool shouldAuth) {
-  files::clearFailure();
+  files::clearLastFailure();
   if (!source) {
     KdLog::appendLogAndPrint("Error copying file: source path is nil");
-    files::recordFailure("no source", false);
-    return false;
+    return files::failWith(kd::Error::described("no source"));
   }
   if (!toPath) {
     KdLog::appendLogAndPrint("Error copying file %@: destination path is nil", *source);
-    files::recordFailure("no destination", false);
-    return false;
+    return files::failWith(kd::Error::described("no destination"));
   }
   const std::string parent = kd::path::deletingLastComponent(*toPath);
   if (!parent.empty() && exists(parent)) unlockFile(parent);
-  const int err = files::copyTree(*source, *toPath);
-  if (err == 0) return true;
-  files::recordFailure(err);
-  KdLog::appendLog("Error copying file: %@. Authorizing...", std::strerror(err));
-  if (!fallsBack(shouldAuth, err)) return false;
+  kd::Result<files::AttributeNotes> copied = files::copyTree(*source, *toPath);
+  if (copied) {
+    files::noteAttributesNotKept(std::move(*copied));
+    return true;
+  }
+  files::failWithCode(copied.error().code);
+  KdLog::appendLog("Error copying file: %@. Authorizing...", copied.error().message());
+  if (!fallsBack(shouldAuth, copied.error())) return false;
   return rights().authCopyFile(source, toPath);
 }
 
 bool KdFileManager::moveFile(const std::string& givenSource, const std::string& toPath,
                              bool shouldAuth) {
-  files::clearFailure();
+  files::clearLastFailure();
   const std::string source = files::withoutTrailingSlashes(givenSource);
-  if (files::refusesFolderAlias(source, "Unable to move path %@: it ends in \".\" or \"..\".") ||
-      files::refusesSystemPath(source, "Unable to move path %@ because it is a system directory."))
-    return false;
+  if (auto refused =
+          files::checkNotFolderAlias(source, "Unable to move path %@: it ends in \".\" or \"..\".");
+      !refused)
+    return files::failWith(refused.error());
+  if (auto refused = files::checkNotSystemPath(
+          source, "Unable to move path %@ because it is a system directory.");
+      !refused)
+    return files::failWith(refused.error());
   // Nothing is ever replaced, so the only destination a move changes is the
   // source itself under another letter case: only that one is unlocked.
   // Anything else there makes the move fail below, untouched.
@@ -129,31 +170,32 @@ bool KdFileManager::moveFile(const std::string& givenSource, const std::string& 
   // take for a move onto itself: through a free intermediate name.
   if (files::lowercase(source) == files::lowercase(toPath) && source != toPath) {
     const std::string between = uniqueFilename(toPath);
-    if (files::renameNoReplace(source, between) == 0) {
+    if (files::renameNoReplace(source, between)) {
       if (between == toPath) return true;  // the volume tells the names apart
-      if (files::renameNoReplace(between, toPath) == 0) return true;
+      if (files::renameNoReplace(between, toPath)) return true;
       // Never leave the item under the intermediate name.
-      files::renameNoReplace(between, source);
+      (void)files::renameNoReplace(between, source);
     }
   }
 
-  const int err = files::moveItem(source, toPath);
-  if (err == 0) return true;
-  files::recordFailure(err);
-  KdLog::appendLog("Error moving file: %@.", std::strerror(err));
-  if (!fallsBack(shouldAuth, err)) return false;
+  kd::Result<files::AttributeNotes> moved = files::moveItem(source, toPath);
+  if (moved) {
+    files::noteAttributesNotKept(std::move(*moved));
+    return true;
+  }
+  files::failWithCode(moved.error().code);
+  KdLog::appendLog("Error moving file: %@.", moved.error().message());
+  if (!fallsBack(shouldAuth, moved.error())) return false;
   KdLog::appendLog("Authorizing...");
   return rights().authMoveFile(source, toPath);
 }
 
 bool KdFileManager::createEmptyFile(const std::string& path) {
-  files::clearFailure();
+  files::clearLastFailure();
   const std::string temporary = KdLocalPaths::tempFile();
   std::string why;
-  if (!kd::writeFileAtomically(temporary, "", &why)) {
-    files::recordFailure(why, false);
-    return false;
-  }
+  if (!kd::writeFileAtomically(temporary, "", &why))
+    return files::failWith(kd::Error::described(why));
   if (moveFile(temporary, path)) return true;
   ::unlink(temporary.c_str());
   return false;

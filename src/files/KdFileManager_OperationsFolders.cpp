@@ -17,10 +17,10 @@ bool ignoredEntry(const std::string& name) {
 }
 
 bool folderEmpty(const std::string& path, bool top) {
-  std::optional<std::vector<std::string>> names = files::entryNames(path, top);
+  kd::Result<std::vector<std::string>> names = files::entryNames(path, top);
   // Only a folder that is not there counts as empty; one that cannot be read
   // may hold anything.
-  if (!names) return top && errno == ENOENT;
+  if (!names) return top && names.error().code == ENOENT;
   for (const std::string& name : *names) {
     if (ignoredEntry(name)) continue;
     struct stat st {};

@@ -63,7 +63,7 @@ bool KdFileManager::moveFile(const std::string& source, const std::string& toPat
 
 bool KdFileManager::copyContentsOfDirectory(const std::string& folder, const std::string& toPath,
                                             int timeout) {
-  std::optional<std::vector<std::string>> names = files::entryNames(folder);
+  kd::Result<std::vector<std::string>> names = files::entryNames(folder);
   if (!names) return true;
   for (const std::string& name : *names) {
     KdLog::fastAppendLog("File: %@", name);

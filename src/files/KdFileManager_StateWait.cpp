@@ -36,7 +36,8 @@ bool KdFileManager::touchFile(const std::optional<std::string>& path, bool setCr
     // The path comes after "--" so that a name starting with "-" is no option.
     KdTaskEx::runTask(kTouch, {"-c", "--", *path}, 5.0);
     result = true;
-    if (setCreationDate) metadata.setCreationDate(*path, Clock::now());
+    // The answer is the touch's; a file system without dates keeps its own.
+    if (setCreationDate) (void)metadata.setCreationDate(*path, Clock::now());
   } else {
     struct stat st {};
     if (::lstat(path->c_str(), &st) != 0) {
@@ -44,7 +45,7 @@ bool KdFileManager::touchFile(const std::optional<std::string>& path, bool setCr
       kd::platform().desktop().noteFileSystemChanged(*path);
       return false;
     }
-    if (setCreationDate) metadata.setCreationDate(*path, Clock::now());
+    if (setCreationDate) (void)metadata.setCreationDate(*path, Clock::now());
     // With administrator rights, waiting for the tool (root runs it itself).
     result = KdAuthorization::sharedController().authExecTask(kTouch, {"-c", "--", *path},
                                                               /*async=*/false) == 0;
@@ -63,7 +64,7 @@ bool KdFileManager::setModificationDate(Date date, const std::string& forFile) {
     modified.tv_nsec += 1000000000;
     --modified.tv_sec;
   }
-  return kd::files::setModificationTime(forFile, modified) == 0;
+  return kd::files::setModificationTime(forFile, modified).ok();
 }
 
 void KdFileManager::waitForFileCreation(const std::string& path, long timeout) {

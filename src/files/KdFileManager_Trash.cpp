@@ -12,6 +12,7 @@
 #include "common/Trash.h"
 #include "files/FileOperations.h"
 #include "files/KdFileManager.h"
+#include "files/KdFileManager_Failure.h"
 #include "log/Format.h"
 #include "paths/KdLocalPaths.h"
 #include "platform/Platform.h"
@@ -61,7 +62,7 @@ std::string absolute(const std::string& path) {
 // followed.
 void walk(const std::string& folder, bool top,
           const std::function<void(const std::string& path, const std::string& name)>& visit) {
-  std::optional<std::vector<std::string>> names = files::entryNames(folder, top);
+  kd::Result<std::vector<std::string>> names = files::entryNames(folder, top);
   if (!names) return;
   for (const std::string& name : *names) {
     const std::string path = kd::path::append(folder, name);
@@ -77,21 +78,24 @@ void walk(const std::string& folder, bool top,
 }  // namespace
 
 bool KdFileManager::trashFile(const std::string& givenPath, bool shouldAuth) {
-  files::clearFailure();
+  files::clearLastFailure();
   if (givenPath.empty()) return true;
   const std::string path = files::withoutTrailingSlashes(absolute(givenPath));
-  if (files::refusesFolderAlias(path, "Unable to trash path %@: it ends in \".\" or \"..\"."))
-    return false;
+  if (auto refused =
+          files::checkNotFolderAlias(path, "Unable to trash path %@: it ends in \".\" or \"..\".");
+      !refused)
+    return files::failWith(refused.error());
   struct stat st {};
   if (::lstat(path.c_str(), &st) != 0 && (errno == ENOENT || errno == ENOTDIR)) return true;
-  if (files::refusesSystemPath(path, "Unable to trash path %@ because it is a system directory."))
-    return false;
+  if (auto refused = files::checkNotSystemPath(
+          path, "Unable to trash path %@ because it is a system directory.");
+      !refused)
+    return files::failWith(refused.error());
   if (kd::isMountRoot(path)) {
     // Refused before anything is unlocked or made: a volume is unmounted.
     const std::string why = "it is where a volume is mounted (unmount the volume instead)";
-    files::recordFailure(why, false);
     kd::platform().systemLog(kd::format("Unable to trash path %@: %@.", path, why));
-    return false;
+    return files::failWith(kd::Error::described(why));
   }
   if (::lstat(path.c_str(), &st) == 0) unlockFile(path);
   // Only a move that the user's rights refused is tried again with rights:
@@ -101,17 +105,21 @@ bool KdFileManager::trashFile(const std::string& givenPath, bool shouldAuth) {
   std::string why;
   if (std::optional<HomeTrash> home = homeTrash()) {
     kd::TrashRequest request{path, home->folder, home->uid, home->owner, kd::TrashNaming::Numbered};
-    if (std::optional<kd::TrashSlot> slot = kd::claimTrashSlot(request, &why)) {
-      const int err = files::renameNoReplace(path, slot->destination);
-      if (err == 0) return true;
+    if (kd::Result<kd::TrashSlot> slot = kd::claimTrashSlot(request); !slot) {
+      // Claimed as this user, with rights too: rights would not help.
+      why = slot.error().message();
+    } else if (const kd::Result<void> renamed = files::renameNoReplace(path, slot->destination);
+               !renamed) {
       kd::releaseTrashSlot(*slot);
-      why = std::strerror(err);
-      rightsWouldHelp = files::isRightsError(err);
+      why = renamed.error().message();
+      rightsWouldHelp = kd::isRightsError(renamed.error().code);
+    } else {
+      return true;
     }
   } else {
     why = "the user has no home trash";
   }
-  files::recordFailure(why, rightsWouldHelp);
+  files::failWith(kd::Error::described(why), rightsWouldHelp);
   // Only the outcome is reported: a lack of rights is for the caller to mend
   // (with rights, now or on a second call), so it is recorded, not logged.
   if (!rightsWouldHelp) {
@@ -120,18 +128,16 @@ bool KdFileManager::trashFile(const std::string& givenPath, bool shouldAuth) {
   }
   if (!shouldAuth) return false;
   if (!KdAuthorization::sharedController().authTrashFile(path)) return false;
-  files::clearFailure();
+  files::clearLastFailure();
   return true;
 }
 
 bool KdFileManager::trashDirectoryContents(const std::string& folder, bool shouldAuth) {
-  files::clearFailure();
-  std::optional<std::vector<std::string>> names = files::entryNames(folder);
+  files::clearLastFailure();
+  kd::Result<std::vector<std::string>> names = files::entryNames(folder);
   if (!names) {
-    const int err = errno;
-    if (err == ENOENT) return true;  // nothing there: nothing to trash
-    files::recordFailure(err);
-    return false;
+    if (names.error().code == ENOENT) return true;  // nothing there: nothing to trash
+    return files::failWithCode(names.error().code);
   }
   bool allTrashed = true;
   std::string firstFailure;
@@ -143,7 +149,7 @@ bool KdFileManager::trashDirectoryContents(const std::string& folder, bool shoul
       firstNeedsRights = lastFailureNeedsRights();
     }
   }
-  if (!allTrashed) files::recordFailure(firstFailure, firstNeedsRights);
+  if (!allTrashed) files::failWith(kd::Error::described(firstFailure), firstNeedsRights);
   return allTrashed;
 }
 

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "../KdExport.h"
+#include "../common/Error.h"
 
 #include <array>
 #include <chrono>
@@ -58,18 +59,25 @@ class KD_EXPORT FileMetadata {
   virtual std::optional<FileDate> creationDate(const std::string& path) = 0;
   // Sets the creation date. None takes back a date set earlier where the
   // platform keeps set dates apart from the file system's own; elsewhere it
-  // fails. `error` receives the reason of a failure.
-  virtual bool setCreationDate(const std::string& path, std::optional<FileDate> date,
-                               std::string* error = nullptr) = 0;
+  // fails.
+  virtual Result<void> setCreationDate(const std::string& path, std::optional<FileDate> date) = 0;
   // The same for an open item.
-  virtual bool setCreationDateOf(int fd, FileDate date, std::string* error = nullptr) = 0;
+  virtual Result<void> setCreationDateOf(int fd, FileDate date) = 0;
+  // The same, answering true or false with the failure's message in `error`
+  // (when given): for callers that keep the reason as text.
+  bool setCreationDate(const std::string& path, std::optional<FileDate> date, std::string* error) {
+    return keptAsText(setCreationDate(path, date), error);
+  }
+  bool setCreationDateOf(int fd, FileDate date, std::string* error) {
+    return keptAsText(setCreationDateOf(fd, date), error);
+  }
 
   // --- Locked (immutable) state of the item itself --------------------------
   virtual bool isLocked(const std::string& path) = 0;
   // Locks or unlocks; true when the item is in the asked state afterwards or
   // when the platform cannot lock items on that file system at all (nothing
-  // to undo). `error` receives the reason of a failure.
-  virtual bool setLocked(const std::string& path, bool locked, std::string* error = nullptr) = 0;
+  // to undo).
+  virtual Result<void> setLocked(const std::string& path, bool locked) = 0;
 
   // --- Label numbers 0 (none) to 7 -----------------------------------------
   virtual int labelNumber(const std::string& path) = 0;
@@ -79,6 +87,12 @@ class KD_EXPORT FileMetadata {
   // Whether any process holds the file (links followed) open for writing or
   // for reading and writing.
   virtual bool isOpenForWriting(const std::string& path) = 0;
+
+ private:
+  static bool keptAsText(const Result<void>& result, std::string* error) {
+    if (!result && error) *error = result.error().message();
+    return result.ok();
+  }
 };
 
 class KD_EXPORT ForwardingFileMetadata : public FileMetadata {
@@ -104,16 +118,17 @@ class KD_EXPORT ForwardingFileMetadata : public FileMetadata {
   std::optional<FileDate> creationDate(const std::string& path) override {
     return target_.creationDate(path);
   }
-  bool setCreationDate(const std::string& path, std::optional<FileDate> date,
-                       std::string* error) override {
-    return target_.setCreationDate(path, date, error);
+  using FileMetadata::setCreationDate;  // the adaptors too, beside the overrides
+  using FileMetadata::setCreationDateOf;
+  Result<void> setCreationDate(const std::string& path, std::optional<FileDate> date) override {
+    return target_.setCreationDate(path, date);
   }
-  bool setCreationDateOf(int fd, FileDate date, std::string* error) override {
-    return target_.setCreationDateOf(fd, date, error);
+  Result<void> setCreationDateOf(int fd, FileDate date) override {
+    return target_.setCreationDateOf(fd, date);
   }
   bool isLocked(const std::string& path) override { return target_.isLocked(path); }
-  bool setLocked(const std::string& path, bool locked, std::string* error) override {
-    return target_.setLocked(path, locked, error);
+  Result<void> setLocked(const std::string& path, bool locked) override {
+    return target_.setLocked(path, locked);
   }
   int labelNumber(const std::string& path) override { return target_.labelNumber(path); }
   bool setLabelNumber(const std::string& path, int number) override {

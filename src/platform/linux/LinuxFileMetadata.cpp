@@ -44,10 +44,6 @@ std::string linuxName(const std::string& name) {
   return "user." + name;
 }
 
-std::string errorText(int err) {
-  return std::strerror(err);
-}
-
 // A whole attribute value (links not followed unless asked); none when it is
 // missing or cannot be read.
 std::optional<std::string> readAttr(const std::string& path, const char* name, bool follow) {
@@ -229,8 +225,7 @@ class LinuxFileMetadata final : public FileMetadata {
         std::chrono::nanoseconds(stx.stx_btime.tv_nsec)));
   }
 
-  bool setCreationDate(const std::string& path, std::optional<FileDate> date,
-                       std::string* error) override {
+  Result<void> setCreationDate(const std::string& path, std::optional<FileDate> date) override {
     int rc = 0;
     if (!date) {
       rc = ::lremovexattr(path.c_str(), kCreationDateAttr);
@@ -239,15 +234,14 @@ class LinuxFileMetadata final : public FileMetadata {
       const std::string text = creationDateText(*date);
       rc = ::lsetxattr(path.c_str(), kCreationDateAttr, text.data(), text.size(), 0);
     }
-    if (rc != 0 && error) *error = errorText(errno);
-    return rc == 0;
+    if (rc != 0) return Error::fromErrno();
+    return success();
   }
 
-  bool setCreationDateOf(int fd, FileDate date, std::string* error) override {
+  Result<void> setCreationDateOf(int fd, FileDate date) override {
     const std::string text = creationDateText(date);
-    if (::fsetxattr(fd, kCreationDateAttr, text.data(), text.size(), 0) == 0) return true;
-    if (error) *error = errorText(errno);
-    return false;
+    if (::fsetxattr(fd, kCreationDateAttr, text.data(), text.size(), 0) == 0) return success();
+    return Error::fromErrno();
   }
 
   bool isLocked(const std::string& path) override {
@@ -260,17 +254,13 @@ class LinuxFileMetadata final : public FileMetadata {
     return ::lgetxattr(path.c_str(), kLockedAttr, nullptr, 0) >= 0;
   }
 
-  bool setLocked(const std::string& path, bool locked, std::string* error) override {
-    auto fail = [&](int err) {
-      if (error) *error = errorText(err);
-      return false;
-    };
+  Result<void> setLocked(const std::string& path, bool locked) override {
     struct stat st {};
-    if (::lstat(path.c_str(), &st) != 0) return fail(errno);
-    if (S_ISLNK(st.st_mode)) return true;  // a link has neither flag nor bits of its own
+    if (::lstat(path.c_str(), &st) != 0) return Error::fromErrno();
+    if (S_ISLNK(st.st_mode)) return success();  // a link has neither flag nor bits of its own
     UniqueFd fd = openForFlags(path, st);
     std::optional<int> flags = fd ? inodeFlags(fd.get()) : std::nullopt;
-    return locked ? lock(path, st, fd, flags, fail) : unlock(path, fd, flags, fail);
+    return fromCode(locked ? lock(path, st, fd, flags) : unlock(path, fd, flags));
   }
 
   int labelNumber(const std::string& path) override {
@@ -317,53 +307,52 @@ class LinuxFileMetadata final : public FileMetadata {
   }
 
  private:
-  template <class Fail>
-  bool lock(const std::string& path, const struct stat& st, const UniqueFd& fd,
-            std::optional<int> flags, Fail& fail) {
-    if (flags && (*flags & FS_IMMUTABLE_FL)) return true;
+  // Locks or unlocks: 0 or the error number of the step that failed.
+  int lock(const std::string& path, const struct stat& st, const UniqueFd& fd,
+           std::optional<int> flags) {
+    if (flags && (*flags & FS_IMMUTABLE_FL)) return 0;
     // The immutable flag where this process may set it (root, or the
     // capability to change it)...
     if (flags) {
       int want = *flags | FS_IMMUTABLE_FL;
-      if (::ioctl(fd.get(), FS_IOC_SETFLAGS, &want) == 0) return true;
+      if (::ioctl(fd.get(), FS_IOC_SETFLAGS, &want) == 0) return 0;
     }
     // ...otherwise our marker with the bits to restore, and no write bits.
-    if (::lgetxattr(path.c_str(), kLockedAttr, nullptr, 0) >= 0) return true;  // locked by us
+    if (::lgetxattr(path.c_str(), kLockedAttr, nullptr, 0) >= 0) return 0;  // locked by us
     char bits[16];
     std::snprintf(bits, sizeof bits, "%04o", static_cast<unsigned>(st.st_mode & 07777));
     if (::lsetxattr(path.c_str(), kLockedAttr, bits, std::strlen(bits), XATTR_CREATE) != 0)
-      return fail(errno);
+      return errno;
     if (::fchmodat(AT_FDCWD, path.c_str(), st.st_mode & 07777 & ~0222u, AT_SYMLINK_NOFOLLOW) != 0) {
       int err = errno;
       ::lremovexattr(path.c_str(), kLockedAttr);
-      return fail(err);
+      return err;
     }
-    return true;
+    return 0;
   }
 
-  template <class Fail>
-  bool unlock(const std::string& path, const UniqueFd& fd, std::optional<int> flags, Fail& fail) {
+  int unlock(const std::string& path, const UniqueFd& fd, std::optional<int> flags) {
     if (flags && (*flags & FS_IMMUTABLE_FL)) {
       int want = *flags & ~FS_IMMUTABLE_FL;
-      if (::ioctl(fd.get(), FS_IOC_SETFLAGS, &want) != 0) return fail(errno);
+      if (::ioctl(fd.get(), FS_IOC_SETFLAGS, &want) != 0) return errno;
     }
     auto marker = readAttr(path, kLockedAttr, /*follow=*/false);
     if (!marker) {
       // Never locked by us, or a file system without attributes (exFAT and
       // FAT cards): nothing to undo.
-      if (errno == ENODATA || isUnsupported(errno)) return true;
-      return fail(errno);
+      if (errno == ENODATA || isUnsupported(errno)) return 0;
+      return errno;
     }
     char* end = nullptr;
     unsigned long bits = std::strtoul(marker->c_str(), &end, 8);
     if (end == marker->c_str() || bits > 07777) {
       ::lremovexattr(path.c_str(), kLockedAttr);  // not ours to interpret: drop it
-      return true;
+      return 0;
     }
     if (::fchmodat(AT_FDCWD, path.c_str(), static_cast<mode_t>(bits), AT_SYMLINK_NOFOLLOW) != 0)
-      return fail(errno);
-    if (::lremovexattr(path.c_str(), kLockedAttr) != 0 && errno != ENODATA) return fail(errno);
-    return true;
+      return errno;
+    if (::lremovexattr(path.c_str(), kLockedAttr) != 0 && errno != ENODATA) return errno;
+    return 0;
   }
 };
 
