@@ -70,15 +70,15 @@ PlistFile parsePlist(std::string_view bytes) {
 PlistFile readPlistFile(const std::string& path, bool followLinks) {
   // Settings files are never refused for their size below this.
   constexpr std::size_t kReadLimit = std::size_t{1} << 30;
-  FileReadResult read = readRegularFile(path, kReadLimit, followLinks);
-  if (!read.bytes) {
+  Result<std::string, ReadError> read = readRegularFile(path, kReadLimit, followLinks);
+  if (!read) {
     PlistFile file;
-    file.status = read.failure == ReadFailure::Missing ? PlistReadStatus::Missing
-                                                       : PlistReadStatus::Unreadable;
-    file.reason = std::move(read.reason);
+    file.status = read.error().kind == ReadFailure::Missing ? PlistReadStatus::Missing
+                                                            : PlistReadStatus::Unreadable;
+    file.reason = read.error().error.message();
     return file;
   }
-  return parsePlist(*read.bytes);
+  return parsePlist(*read);
 }
 
 std::optional<std::string> serializePlist(const PlistDict& dict, PlistFormat format,
@@ -100,7 +100,9 @@ bool writePlistFileAtomically(const PlistDict& dict, const std::string& path, Pl
     if (error) *error = "cannot write " + path + ": " + why;
     return false;
   }
-  return writeFileAtomically(path, *bytes, error, owner);
+  Result<void> written = writeFileAtomically(path, *bytes, owner);
+  if (!written && error) *error = written.error().message();
+  return written.ok();
 }
 
 bool writePlistDictionaryAtomically(const PlistDict& dict, const std::string& path,
