@@ -41,6 +41,17 @@ PlistValue dateValue(double since) {
   return PlistStoredDate{since};
 }
 
+Result<std::string> write(const PlistDict& root, PlistFormat format) {
+  return format == PlistFormat::Binary ? writeBinary(root) : writeXml(root);
+}
+
+Result<void> writeFile(const PlistDict& root, const std::string& path, PlistFormat format,
+                       const std::optional<FileOwner>& owner) {
+  Result<std::string> bytes = write(root, format);
+  if (!bytes) return bytes.error().within("cannot write " + path);
+  return writeFileAtomically(path, *bytes, owner);
+}
+
 }  // namespace plist
 
 PlistFile parsePlist(std::string_view bytes) {
@@ -83,8 +94,7 @@ PlistFile readPlistFile(const std::string& path, bool followLinks) {
 
 std::optional<std::string> serializePlist(const PlistDict& dict, PlistFormat format,
                                           std::string* error) {
-  Result<std::string> out =
-      format == PlistFormat::Binary ? plist::writeBinary(dict) : plist::writeXml(dict);
+  Result<std::string> out = plist::write(dict, format);
   if (!out) {
     if (error) *error = out.error().message();
     return std::nullopt;
@@ -94,13 +104,7 @@ std::optional<std::string> serializePlist(const PlistDict& dict, PlistFormat for
 
 bool writePlistFileAtomically(const PlistDict& dict, const std::string& path, PlistFormat format,
                               std::string* error, const std::optional<FileOwner>& owner) {
-  std::string why;
-  auto bytes = serializePlist(dict, format, &why);
-  if (!bytes) {
-    if (error) *error = "cannot write " + path + ": " + why;
-    return false;
-  }
-  Result<void> written = writeFileAtomically(path, *bytes, owner);
+  Result<void> written = plist::writeFile(dict, path, format, owner);
   if (!written && error) *error = written.error().message();
   return written.ok();
 }
