@@ -9,19 +9,20 @@
 #include <string>
 #include <string_view>
 
+#include "common/Error.h"
 #include "common/FileOwner.h"
 
 namespace kd {
 
 // Replaces `path` with `bytes`: a temporary file in the same folder flushed
-// to the device, rename over the target, the folder flushed. The target is either the old
-// file or the new one, never a mixture. The new file keeps the mode of a
-// regular file it replaces and, with `owner`, belongs to that user before it
-// is renamed into place (by descriptor, so nobody can swap a link in between). On failure `error`
-// gets the reason.
-bool writeFileAtomically(const std::string& path, std::string_view bytes,
-                         std::string* error = nullptr,
-                         const std::optional<FileOwner>& owner = std::nullopt);
+// to the device, rename over the target, the folder flushed. The target is
+// either the old file or the new one, never a mixture. The new file keeps the
+// mode of a regular file it replaces and, with `owner`, belongs to that user
+// before it is renamed into place (by descriptor, so nobody can swap a link in
+// between). The error says which step failed on which file ("cannot write
+// <temporary>: ...").
+Result<void> writeFileAtomically(const std::string& path, std::string_view bytes,
+                                 const std::optional<FileOwner>& owner = std::nullopt);
 
 // Whether writeFileAtomicallyAt may replace a file already at the name.
 enum class AtomicReplace { Replace, NoReplace };
@@ -31,42 +32,44 @@ enum class AtomicReplace { Replace, NoReplace };
 // file is created with `mode` (less the umask) and never follows a link. With
 // NoReplace an existing entry at `name` is never replaced: the file is moved
 // into place with a rename that never replaces (fileio::renameNoReplace), or
-// where the file system lacks
-// that, linked into place, or as a last resort (file systems without either,
-// such as exFAT) created there exclusively and written, so that a crash may
-// leave it partial but nothing is ever overwritten.
-bool writeFileAtomicallyAt(int dirFd, const std::string& name, std::string_view bytes,
-                           AtomicReplace how, mode_t mode = 0644, std::string* error = nullptr);
+// where the file system lacks that, linked into place, or as a last resort
+// (file systems without either, such as exFAT) created there exclusively and
+// written, so that a crash may leave it partial but nothing is ever
+// overwritten.
+Result<void> writeFileAtomicallyAt(int dirFd, const std::string& name, std::string_view bytes,
+                                   AtomicReplace how, mode_t mode = 0644);
 
-// Why a whole-file read gave nothing.
+// The same with the reason as text in `error`: a thin adaptor kept only for the
+// offload's transfer reports (OffloadFinish.cpp) until they take the Result.
+bool writeFileAtomicallyAt(int dirFd, const std::string& name, std::string_view bytes,
+                           AtomicReplace how, mode_t mode, std::string* error);
+
+// What kind of failure kept a whole-file read from its bytes: callers treat a
+// missing file (a first run) apart from one they refuse.
 enum class ReadFailure {
-  None,
   Missing,     // nothing at the path (or a dangling link)
   NotRegular,  // a folder, a named pipe, a device, or a link where links are refused
   TooLarge,    // larger than the caller's limit
   Unreadable,  // exists but cannot be opened or read (permissions, I/O error)
 };
 
-struct FileReadResult {
-  std::optional<std::string> bytes;
-  ReadFailure failure = ReadFailure::None;
-  std::string reason;  // strerror text or a short description when bytes is empty
+// Why a whole-file read failed: the kind and the error ("Permission denied",
+// "not a regular file", "larger than 4096 bytes").
+struct ReadError {
+  ReadFailure kind;
+  Error error;
 };
 
 // The whole contents of a regular file of at most `maxBytes`. The file is
 // opened without blocking (a named pipe or device never stalls the caller)
 // and checked to be a regular file before anything is read. With
 // `followLinks` false a symbolic link at `path` is refused.
-FileReadResult readRegularFile(const std::string& path, std::size_t maxBytes,
-                               bool followLinks = true);
+Result<std::string, ReadError> readRegularFile(const std::string& path, std::size_t maxBytes,
+                                               bool followLinks = true);
 
 // As readRegularFile, for `name` relative to the folder `dirFd` (AT_FDCWD for
 // the working folder).
-FileReadResult readRegularFileAt(int dirFd, const std::string& name, std::size_t maxBytes,
-                                 bool followLinks = true);
-
-// As readRegularFile, the bytes only.
-std::optional<std::string> readWholeFile(const std::string& path,
-                                         std::size_t maxBytes = std::size_t{1} << 30);
+Result<std::string, ReadError> readRegularFileAt(int dirFd, const std::string& name,
+                                                 std::size_t maxBytes, bool followLinks = true);
 
 }  // namespace kd

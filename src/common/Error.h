@@ -56,12 +56,14 @@ inline bool isRightsError(int code) {
 
 // A value of T or the Error that kept it from being made. Asking a failed
 // Result for its value, or a good one for its error, is undefined, as
-// dereferencing an empty std::optional is: look at ok() first.
-template <class T>
+// dereferencing an empty std::optional is: look at ok() first. `E` is Error
+// unless a call's callers branch on more than it holds (a whole-file read
+// tells a missing file from one it refuses).
+template <class T, class E = Error>
 class [[nodiscard]] Result {
  public:
   Result(T value) : state_(std::in_place_index<0>, std::move(value)) {}
-  Result(Error error) : state_(std::in_place_index<1>, std::move(error)) {}
+  Result(E error) : state_(std::in_place_index<1>, std::move(error)) {}
 
   bool ok() const { return state_.index() == 0; }
   explicit operator bool() const { return ok(); }
@@ -74,7 +76,7 @@ class [[nodiscard]] Result {
   T& operator*() & { return value(); }
   const T& operator*() const& { return value(); }
 
-  const Error& error() const { return *std::get_if<1>(&state_); }
+  const E& error() const { return *std::get_if<1>(&state_); }
 
   // The value, or none: for callers whose own answer is a value or nothing.
   std::optional<T> toOptional() && {
@@ -83,22 +85,22 @@ class [[nodiscard]] Result {
   }
 
  private:
-  std::variant<T, Error> state_;
+  std::variant<T, E> state_;
 };
 
 // Success, or the Error that kept the work from being done.
-template <>
-class [[nodiscard]] Result<void> {
+template <class E>
+class [[nodiscard]] Result<void, E> {
  public:
   Result() = default;
-  Result(Error error) : error_(std::move(error)) {}
+  Result(E error) : error_(std::move(error)) {}
 
   bool ok() const { return !error_; }
   explicit operator bool() const { return ok(); }
-  const Error& error() const { return *error_; }
+  const E& error() const { return *error_; }
 
  private:
-  std::optional<Error> error_;
+  std::optional<E> error_;
 };
 
 // Success, for the Result<void> of a function whose work is done.

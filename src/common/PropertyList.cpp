@@ -41,6 +41,17 @@ PlistValue dateValue(double since) {
   return PlistStoredDate{since};
 }
 
+Result<std::string> write(const PlistDict& root, PlistFormat format) {
+  return format == PlistFormat::Binary ? writeBinary(root) : writeXml(root);
+}
+
+Result<void> writeFile(const PlistDict& root, const std::string& path, PlistFormat format,
+                       const std::optional<FileOwner>& owner) {
+  Result<std::string> bytes = write(root, format);
+  if (!bytes) return bytes.error().within("cannot write " + path);
+  return writeFileAtomically(path, *bytes, owner);
+}
+
 }  // namespace plist
 
 PlistFile parsePlist(std::string_view bytes) {
@@ -70,21 +81,20 @@ PlistFile parsePlist(std::string_view bytes) {
 PlistFile readPlistFile(const std::string& path, bool followLinks) {
   // Settings files are never refused for their size below this.
   constexpr std::size_t kReadLimit = std::size_t{1} << 30;
-  FileReadResult read = readRegularFile(path, kReadLimit, followLinks);
-  if (!read.bytes) {
+  Result<std::string, ReadError> read = readRegularFile(path, kReadLimit, followLinks);
+  if (!read) {
     PlistFile file;
-    file.status = read.failure == ReadFailure::Missing ? PlistReadStatus::Missing
-                                                       : PlistReadStatus::Unreadable;
-    file.reason = std::move(read.reason);
+    file.status = read.error().kind == ReadFailure::Missing ? PlistReadStatus::Missing
+                                                            : PlistReadStatus::Unreadable;
+    file.reason = read.error().error.message();
     return file;
   }
-  return parsePlist(*read.bytes);
+  return parsePlist(*read);
 }
 
 std::optional<std::string> serializePlist(const PlistDict& dict, PlistFormat format,
                                           std::string* error) {
-  Result<std::string> out =
-      format == PlistFormat::Binary ? plist::writeBinary(dict) : plist::writeXml(dict);
+  Result<std::string> out = plist::write(dict, format);
   if (!out) {
     if (error) *error = out.error().message();
     return std::nullopt;
@@ -94,13 +104,9 @@ std::optional<std::string> serializePlist(const PlistDict& dict, PlistFormat for
 
 bool writePlistFileAtomically(const PlistDict& dict, const std::string& path, PlistFormat format,
                               std::string* error, const std::optional<FileOwner>& owner) {
-  std::string why;
-  auto bytes = serializePlist(dict, format, &why);
-  if (!bytes) {
-    if (error) *error = "cannot write " + path + ": " + why;
-    return false;
-  }
-  return writeFileAtomically(path, *bytes, error, owner);
+  Result<void> written = plist::writeFile(dict, path, format, owner);
+  if (!written && error) *error = written.error().message();
+  return written.ok();
 }
 
 bool writePlistDictionaryAtomically(const PlistDict& dict, const std::string& path,

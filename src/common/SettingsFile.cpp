@@ -3,9 +3,9 @@
 #include <fcntl.h>
 
 #include <cerrno>
-#include <cstring>
 #include <ctime>
 
+#include "common/PlistCodec.h"
 #include "platform/FileIO.h"
 
 namespace kd {
@@ -21,16 +21,29 @@ std::string utcStamp() {
 }
 
 // Moves a damaged file aside without ever replacing another file; the name it
-// took, or none.
-std::optional<std::string> keepAside(const std::string& path) {
+// took.
+Result<std::string> keepAside(const std::string& path) {
   const std::string base = path + ".damaged-" + utcStamp();
   for (int n = 1; n < 100; ++n) {
     std::string aside = n == 1 ? base : base + "-" + std::to_string(n);
     const int e = fileio::renameNoReplace(AT_FDCWD, path, AT_FDCWD, aside);
     if (e == 0) return aside;
-    if (e != EEXIST) return std::nullopt;
+    // The system's own error (EINVAL where the file system lacks the flag,
+    // which `e` reports as ENOTSUP), as the message has always named it.
+    if (e != EEXIST) return Error::fromErrno();
   }
-  return std::nullopt;
+  return Error{EEXIST};
+}
+
+// The settings written back in their form, or in the binary form when the XML
+// form cannot carry them.
+Result<void> writeSettings(const Settings& settings, const std::string& path,
+                           const std::optional<FileOwner>& owner) {
+  if (!settings.writable)
+    return Error::described("the settings file could not be read, so it is left as it is");
+  PlistFormat format = settings.format;
+  if (format == PlistFormat::Xml && !plist::writeXml(settings.dict)) format = PlistFormat::Binary;
+  return plist::writeFile(settings.dict, path, format, owner);
 }
 
 }  // namespace
@@ -51,13 +64,13 @@ Settings loadSettings(const std::string& path, bool followLinks) {
                          "); it is left as it is and no settings are written";
       break;
     case PlistReadStatus::Damaged:
-      if (auto aside = keepAside(path)) {
+      if (Result<std::string> aside = keepAside(path)) {
         settings.message = "Settings file " + path + " is damaged (" + file.reason + "); kept as " +
                            *aside + " and started afresh";
       } else {
         settings.writable = false;
         settings.message = "Settings file " + path + " is damaged (" + file.reason +
-                           ") and cannot be kept aside (" + std::strerror(errno) +
+                           ") and cannot be kept aside (" + aside.error().message() +
                            "); it is left as it is and no settings are written";
       }
       break;
@@ -67,14 +80,9 @@ Settings loadSettings(const std::string& path, bool followLinks) {
 
 bool saveSettings(const Settings& settings, const std::string& path,
                   const std::optional<FileOwner>& owner, std::string* error) {
-  if (!settings.writable) {
-    if (error) *error = "the settings file could not be read, so it is left as it is";
-    return false;
-  }
-  PlistFormat format = settings.format;
-  if (format == PlistFormat::Xml && !serializePlist(settings.dict, PlistFormat::Xml))
-    format = PlistFormat::Binary;
-  return writePlistFileAtomically(settings.dict, path, format, error, owner);
+  Result<void> written = writeSettings(settings, path, owner);
+  if (!written && error) *error = written.error().message();
+  return written.ok();
 }
 
 }  // namespace kd

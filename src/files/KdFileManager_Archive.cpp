@@ -84,39 +84,43 @@ bool exists(const std::string& path) {
 // --- Writing -------------------------------------------------------------------------
 
 // Adds files, folders and links to an open zip writer. Borrows the writer
-// and the reason text from its caller; one thread, one archive.
+// from its caller; one thread, one archive. A failure names the entry
+// ("Clips/a.mov: Permission denied").
 class ZipWriter {
  public:
   // `output` is the archive being written, which is never put into itself.
-  ZipWriter(archive* a, const struct stat& output, std::string* why)
-      : a_(a), output_(output), why_(why) {}
+  ZipWriter(archive* a, const struct stat& output) : a_(a), output_(output) {}
 
   // Adds the item at `path` (opened relative to `at`) as `name`, and
   // everything below a folder. `follow` follows a link at the item itself.
-  bool add(int at, const std::string& item, const std::string& name, bool follow,
-           bool withEntry = true) {
+  kd::Result<void> add(int at, const std::string& item, const std::string& name, bool follow,
+                       bool withEntry = true) {
     struct stat st {};
     if (::fstatat(at, item.c_str(), &st, follow ? 0 : AT_SYMLINK_NOFOLLOW) != 0)
-      return failed(name, std::strerror(errno));
-    if (st.st_dev == output_.st_dev && st.st_ino == output_.st_ino) return true;
+      return failed(name);
+    if (st.st_dev == output_.st_dev && st.st_ino == output_.st_ino) return kd::success();
     if (S_ISDIR(st.st_mode)) {
       kd::UniqueFd folder(kd::retryOnEintr([&] {
         return ::openat(at, item.c_str(),
                         O_RDONLY | O_DIRECTORY | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW));
       }));
-      if (!folder) return failed(name, std::strerror(errno));
-      if (withEntry && !header(st, name + "/", nullptr)) return false;
+      if (!folder) return failed(name);
+      if (withEntry) {
+        if (kd::Result<void> added = header(st, name + "/", nullptr); !added) return added;
+      }
       kd::Result<std::vector<std::string>> names = files::entryNamesAt(folder.get());
-      if (!names) return failed(name, std::strerror(names.error().code));
-      for (const std::string& child : *names)
-        if (!add(folder.get(), child, name.empty() ? child : name + "/" + child, false))
-          return false;
-      return true;
+      if (!names) return kd::Error{names.error().code, shownAs(name)};
+      for (const std::string& child : *names) {
+        kd::Result<void> added =
+            add(folder.get(), child, name.empty() ? child : name + "/" + child, false);
+        if (!added) return added;
+      }
+      return kd::success();
     }
     if (S_ISLNK(st.st_mode)) {
       std::string target(static_cast<std::size_t>(st.st_size > 0 ? st.st_size : 4096) + 1, '\0');
       const ssize_t n = ::readlinkat(at, item.c_str(), target.data(), target.size());
-      if (n < 0) return failed(name, std::strerror(errno));
+      if (n < 0) return failed(name);
       target.resize(static_cast<std::size_t>(n));
       return header(st, name, &target);
     }
@@ -124,14 +128,14 @@ class ZipWriter {
     kd::UniqueFd file(kd::retryOnEintr([&] {
       return ::openat(at, item.c_str(), O_RDONLY | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW));
     }));
-    if (!file) return failed(name, std::strerror(errno));
-    if (!header(st, name, nullptr)) return false;
+    if (!file) return failed(name);
+    if (kd::Result<void> added = header(st, name, nullptr); !added) return added;
     std::unique_ptr<char[]> buffer(new (std::nothrow) char[kChunk]);
-    if (!buffer) return failed(name, std::strerror(ENOMEM));
+    if (!buffer) return kd::Error{ENOMEM, shownAs(name)};
     std::uint64_t total = 0;
     for (;;) {
       const ssize_t n = kd::retryOnEintr([&] { return ::read(file.get(), buffer.get(), kChunk); });
-      if (n < 0) return failed(name, std::strerror(errno));
+      if (n < 0) return failed(name);
       if (n == 0) break;
       if (archive_write_data(a_, buffer.get(), static_cast<std::size_t>(n)) != n)
         return failed(name, archive_error_string(a_));
@@ -140,11 +144,12 @@ class ZipWriter {
     // A file that changed size while it was read would be stored wrong.
     if (total != static_cast<std::uint64_t>(st.st_size))
       return failed(name, "it changed while read");
-    return true;
+    return kd::success();
   }
 
  private:
-  bool header(const struct stat& st, const std::string& name, const std::string* linkTarget) {
+  kd::Result<void> header(const struct stat& st, const std::string& name,
+                          const std::string* linkTarget) {
     // The archive promises UTF-8 names (and the library cannot take other
     // bytes as such): a name or link target that is none is refused.
     if (!kd::utf8::isValid(name))
@@ -154,7 +159,7 @@ class ZipWriter {
                            " is not valid UTF-8, as a zip archive's names must be")
                               .c_str());
     Entry entry(archive_entry_new());
-    if (!entry) return failed(name, std::strerror(ENOMEM));
+    if (!entry) return kd::Error{ENOMEM, shownAs(name)};
     archive_entry_set_pathname_utf8(entry.get(), name.c_str());
     archive_entry_set_perm(entry.get(), st.st_mode & 07777);
     archive_entry_set_mtime(entry.get(), st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
@@ -169,12 +174,15 @@ class ZipWriter {
     }
     if (archive_write_header(a_, entry.get()) < ARCHIVE_WARN)
       return failed(name, archive_error_string(a_));
-    return true;
+    return kd::success();
   }
 
-  bool failed(const std::string& name, const char* reason) {
-    *why_ = (name.empty() ? std::string(".") : name) + ": " + (reason ? reason : "write error");
-    return false;
+  // The entry as a failure names it: "." for the top folder without its entry.
+  static std::string shownAs(const std::string& name) { return name.empty() ? "." : name; }
+  // The system's error of the moment about the entry.
+  static kd::Error failed(const std::string& name) { return kd::Error::fromErrno(shownAs(name)); }
+  static kd::Error failed(const std::string& name, const char* reason) {
+    return kd::Error::described(shownAs(name) + ": " + (reason ? reason : "write error"));
   }
 
   // A name as it can be shown: bytes that are no UTF-8 as \xNN.
@@ -182,7 +190,6 @@ class ZipWriter {
 
   archive* a_;
   struct stat output_;
-  std::string* why_;
 };
 
 // --- Reading -------------------------------------------------------------------------
@@ -229,19 +236,20 @@ bool targetStaysInside(const std::string& target, std::size_t depth) {
 }
 
 // Extracts every entry of an open reader below an open folder. Borrows the
-// reader, the folder's descriptor and the reason text; owns the list of
-// folders whose permissions are set at the end. One thread, one archive.
+// reader and the folder's descriptor; owns the list of folders whose
+// permissions are set at the end. One thread, one archive. A failure names
+// the entry, or "the archive" when none is at fault.
 class Extractor {
  public:
-  Extractor(archive* a, int root, std::string* why) : a_(a), root_(root), why_(why) {}
+  Extractor(archive* a, int root) : a_(a), root_(root) {}
 
-  bool extractAll() {
+  kd::Result<void> extractAll() {
     archive_entry* entry = nullptr;
     for (;;) {
       const int rc = archive_read_next_header(a_, &entry);
       if (rc == ARCHIVE_EOF) break;
       if (rc < ARCHIVE_WARN) return failed("", archive_error_string(a_));
-      if (!extract(entry)) return false;
+      if (kd::Result<void> done = extract(entry); !done) return done;
     }
     // Folders get their own permissions and dates last, deepest first, once
     // nothing more is written into them.
@@ -251,7 +259,7 @@ class Extractor {
       ::fchmod(folder.get(), it->mode);
       kd::fileio::setTimes(folder.get(), it->mtime, it->mtime);
     }
-    return true;
+    return kd::success();
   }
 
  private:
@@ -279,13 +287,13 @@ class Extractor {
     return at;
   }
 
-  bool extract(archive_entry* entry) {
+  kd::Result<void> extract(archive_entry* entry) {
     const std::string name = nameOf(entry) ? nameOf(entry) : "";
     std::optional<std::vector<std::string>> parts = insideComponents(name);
     if (!parts) return outside(name);
-    if (parts->empty()) return true;  // the archive's own top folder ("./")
+    if (parts->empty()) return kd::success();  // the archive's own top folder ("./")
     kd::UniqueFd parent = open(*parts, parts->size() - 1, true);
-    if (!parent) return errno == ELOOP || errno == ENOTDIR ? outside(name) : failed(name, nullptr);
+    if (!parent) return errno == ELOOP || errno == ENOTDIR ? outside(name) : failed(name);
     const char* leaf = parts->back().c_str();
     const mode_t mode = archive_entry_perm(entry) & 0777;  // never set-id bits
     const struct timespec mtime = {archive_entry_mtime(entry), archive_entry_mtime_is_set(entry)
@@ -300,7 +308,7 @@ class Extractor {
       const char* targetLeaf = target->back().c_str();
       struct stat st {};
       if (::fstatat(targetParent.get(), targetLeaf, &st, AT_SYMLINK_NOFOLLOW) != 0)
-        return failed(name, nullptr);
+        return failed(name);
       if (S_ISLNK(st.st_mode)) {
         // A hard link to a link is that link at another depth, where its
         // target may lead out: it is checked like any link, and made as a
@@ -308,44 +316,41 @@ class Extractor {
         std::string linked(static_cast<std::size_t>(st.st_size > 0 ? st.st_size : 4096) + 1, '\0');
         const ssize_t n =
             ::readlinkat(targetParent.get(), targetLeaf, linked.data(), linked.size());
-        if (n < 0) return failed(name, nullptr);
+        if (n < 0) return failed(name);
         linked.resize(static_cast<std::size_t>(n));
         if (!targetStaysInside(linked, parts->size() - 1)) return outside(name);
-        if (::symlinkat(linked.c_str(), parent.get(), leaf) != 0) return failed(name, nullptr);
+        if (::symlinkat(linked.c_str(), parent.get(), leaf) != 0) return failed(name);
         kd::fileio::setTimesAt(parent.get(), leaf, mtime, mtime);
-        return true;
+        return kd::success();
       }
-      if (::linkat(targetParent.get(), targetLeaf, parent.get(), leaf, 0) != 0)
-        return failed(name, nullptr);
-      return true;
+      if (::linkat(targetParent.get(), targetLeaf, parent.get(), leaf, 0) != 0) return failed(name);
+      return kd::success();
     }
     switch (archive_entry_filetype(entry)) {
       case AE_IFDIR: {
-        if (::mkdirat(parent.get(), leaf, 0700) != 0 && errno != EEXIST)
-          return failed(name, nullptr);
+        if (::mkdirat(parent.get(), leaf, 0700) != 0 && errno != EEXIST) return failed(name);
         kd::UniqueFd folder(
             kd::retryOnEintr([&] { return ::openat(parent.get(), leaf, kFolderFlags); }));
-        if (!folder)
-          return errno == ELOOP || errno == ENOTDIR ? outside(name) : failed(name, nullptr);
+        if (!folder) return errno == ELOOP || errno == ENOTDIR ? outside(name) : failed(name);
         folders_.push_back({*parts, mode ? mode : 0755, mtime});
-        return true;
+        return kd::success();
       }
       case AE_IFLNK: {
         const char* utf8 = archive_entry_symlink_utf8(entry);
         const char* target = utf8 ? utf8 : archive_entry_symlink(entry);
         if (!target || !targetStaysInside(target, parts->size() - 1)) return outside(name);
-        if (::symlinkat(target, parent.get(), leaf) != 0) return failed(name, nullptr);
+        if (::symlinkat(target, parent.get(), leaf) != 0) return failed(name);
         kd::fileio::setTimesAt(parent.get(), leaf, mtime, mtime);
-        return true;
+        return kd::success();
       }
       case AE_IFREG: {
         kd::UniqueFd file(kd::retryOnEintr([&] {
           return ::openat(parent.get(), leaf, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                           0600);
         }));
-        if (!file) return errno == ELOOP ? outside(name) : failed(name, nullptr);
+        if (!file) return errno == ELOOP ? outside(name) : failed(name);
         std::unique_ptr<char[]> buffer(new (std::nothrow) char[kChunk]);
-        if (!buffer) return failed(name, std::strerror(ENOMEM));
+        if (!buffer) return kd::Error{ENOMEM, shownAs(name)};
         for (;;) {
           const la_ssize_t n = archive_read_data(a_, buffer.get(), kChunk);
           if (n < 0) return failed(name, archive_error_string(a_));
@@ -354,7 +359,7 @@ class Extractor {
             const ssize_t w = kd::retryOnEintr([&] {
               return ::write(file.get(), buffer.get() + done, static_cast<std::size_t>(n - done));
             });
-            if (w < 0) return failed(name, nullptr);
+            if (w < 0) return failed(name);
             done += w;
           }
         }
@@ -362,31 +367,85 @@ class Extractor {
         if (::fchmod(file.get(), mode) != 0 ||
             kd::fileio::setTimes(file.get(), mtime, mtime) != 0 ||
             kd::fileio::flushToDevice(file.get()) != 0)
-          return failed(name, nullptr);
+          return failed(name);
         const int fd = file.release();
-        if (::close(fd) != 0) return failed(name, nullptr);
-        return true;
+        if (::close(fd) != 0) return failed(name);
+        return kd::success();
       }
       default:
         return failed(name, "not a file, folder or link");
     }
   }
 
-  bool outside(const std::string& name) {
-    *why_ = "the entry " + name + " would land outside the folder";
-    return false;
+  static kd::Error outside(const std::string& name) {
+    return kd::Error::described("the entry " + name + " would land outside the folder");
   }
-  bool failed(const std::string& name, const char* reason) {
-    *why_ = (name.empty() ? std::string("the archive") : name) + ": " +
-            (reason ? reason : std::strerror(errno));
-    return false;
+  static std::string shownAs(const std::string& name) {
+    return name.empty() ? "the archive" : name;
+  }
+  // The system's error of the moment about the entry.
+  static kd::Error failed(const std::string& name) { return kd::Error::fromErrno(shownAs(name)); }
+  // The library's reason, or the system's error when it gives none.
+  static kd::Error failed(const std::string& name, const char* reason) {
+    if (!reason) return failed(name);
+    return kd::Error::described(shownAs(name) + ": " + reason);
   }
 
   archive* a_;
   int root_;
-  std::string* why_;
   std::vector<Folder> folders_;
 };
+
+// Writes the zip of `source` into the new file `partial`, which stands for
+// `destination` in what a failure says.
+kd::Result<void> writeZip(const std::string& source, const std::string& partial,
+                          const std::string& destination, bool includeParent) {
+  std::string sourceFolder = kd::path::deletingLastComponent(source);
+  if (sourceFolder.empty()) sourceFolder = ".";
+  kd::UniqueFd at(kd::retryOnEintr(
+      [&] { return ::open(sourceFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+  if (!at) return kd::Error::fromErrno(source);
+  kd::UniqueFd out(kd::retryOnEintr([&] {
+    return ::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+  }));
+  if (!out) return kd::Error::fromErrno(destination);
+  Writer writer(archive_write_new());
+  if (!writer) return kd::Error{ENOMEM};
+  if (archive_write_set_format_zip(writer.get()) != ARCHIVE_OK ||
+      archive_write_set_options(writer.get(), "zip:hdrcharset=UTF-8") < ARCHIVE_WARN ||
+      archive_write_open_fd(writer.get(), out.get()) != ARCHIVE_OK)
+    return kd::Error::described(errorOf(writer.get()));
+  struct stat self {};
+  ::fstat(out.get(), &self);
+  ZipWriter zip(writer.get(), self);
+  const std::string name = kd::path::lastComponent(source);
+  struct stat st {};
+  const bool folder = ::stat(source.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+  // Without the parent a folder's contents are the top entries.
+  kd::Result<void> added = zip.add(at.get(), name, includeParent || !folder ? name : std::string(),
+                                   true, includeParent || !folder);
+  if (!added) return added;
+  // Only a writer that finished has written the archive's directory.
+  if (archive_write_close(writer.get()) != ARCHIVE_OK)
+    return kd::Error::described(errorOf(writer.get()));
+  return kd::fromCode(kd::fileio::flushToDevice(out.get()), destination);
+}
+
+// Extracts `archivePath` into the new, empty folder `root`.
+kd::Result<void> extractZip(const std::string& archivePath, int root) {
+  Reader reader(archive_read_new());
+  if (!reader) return kd::Error{ENOMEM};
+  archive_read_support_format_zip(reader.get());
+  archive_read_support_format_tar(reader.get());
+  // Compression the library decodes itself; never a helper program.
+  archive_read_support_filter_gzip(reader.get());
+  archive_read_support_filter_bzip2(reader.get());
+  archive_read_support_filter_xz(reader.get());
+  archive_read_support_filter_zstd(reader.get());
+  if (archive_read_open_filename(reader.get(), archivePath.c_str(), kChunk) != ARCHIVE_OK)
+    return kd::Error::described(errorOf(reader.get()));
+  return Extractor(reader.get(), root).extractAll();
+}
 
 }  // namespace
 
@@ -395,55 +454,22 @@ bool KdFileManager::compressFile(const std::string& source, const std::string& t
   files::clearLastFailure();
   Utf8Names names;
   const std::string& destination = toDestinationFile;
-  std::string sourceFolder = kd::path::deletingLastComponent(source);
-  if (sourceFolder.empty()) sourceFolder = ".";
-  kd::UniqueFd at(kd::retryOnEintr(
-      [&] { return ::open(sourceFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
   const std::string partial = files::temporarySibling(destination, "kdzip");
-  std::string why;
-  bool written = false;
-  if (!at) {
-    why = source + ": " + std::strerror(errno);
-  } else if (kd::UniqueFd out(kd::retryOnEintr([&] {
-               return ::open(partial.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                             0666);
-             }));
-             !out) {
-    why = destination + ": " + std::strerror(errno);
-  } else {
-    Writer writer(archive_write_new());
-    if (writer && archive_write_set_format_zip(writer.get()) == ARCHIVE_OK &&
-        archive_write_set_options(writer.get(), "zip:hdrcharset=UTF-8") >= ARCHIVE_WARN &&
-        archive_write_open_fd(writer.get(), out.get()) == ARCHIVE_OK) {
-      struct stat self {};
-      ::fstat(out.get(), &self);
-      ZipWriter zip(writer.get(), self, &why);
-      const std::string name = kd::path::lastComponent(source);
-      struct stat st {};
-      const bool folder = ::stat(source.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-      // Without the parent a folder's contents are the top entries.
-      const bool added = zip.add(at.get(), name, includeParent || !folder ? name : std::string(),
-                                 true, includeParent || !folder);
-      // Only a writer that finished has written the archive's directory.
-      written = added && archive_write_close(writer.get()) == ARCHIVE_OK;
-      if (added && !written) why = errorOf(writer.get());
-      written = written && kd::fileio::flushToDevice(out.get()) == 0;
-    } else {
-      why = writer ? errorOf(writer.get()) : std::strerror(ENOMEM);
-    }
-  }
-  if (written) {
+  kd::Result<void> done = writeZip(source, partial, destination, includeParent);
+  if (done) {
     // The archive there before goes to the trash only now that its
     // replacement is complete.
+    std::optional<kd::Error> notTrashed;
     if (exists(destination) && !trashFile(destination))
-      why = destination + ": it cannot be moved to the trash (" + lastFailureReason() + ")";
+      notTrashed = kd::Error::described(destination + ": it cannot be moved to the trash (" +
+                                        lastFailureReason() + ")");
     const kd::Result<void> renamed = files::renameNoReplace(partial, destination);
     if (renamed) return true;
-    if (why.empty()) why = renamed.error().within(destination).message();
+    done = notTrashed ? *notTrashed : renamed.error().within(destination);
   }
   ::unlink(partial.c_str());
-  KdLog::appendLog("Unable to compress %@: %@", source, why);
-  return files::failWith(kd::Error::described(why));
+  KdLog::appendLog("Unable to compress %@: %@", source, done.error().message());
+  return files::failWith(done.error());
 }
 
 bool KdFileManager::decompressFile(const std::string& archivePath,
@@ -455,40 +481,23 @@ bool KdFileManager::decompressFile(const std::string& archivePath,
   // A parent that cannot be made shows as the extraction's failure below.
   if (!parent.empty() && !exists(parent)) (void)kd::createFolders(parent, 0777, std::nullopt);
   const std::string partial = files::temporarySibling(folder, "kdunzip");
-  std::string why;
-  bool extracted = false;
+  kd::Result<void> done = kd::success();
   if (::mkdir(partial.c_str(), 0777) != 0) {
-    why = folder + ": " + std::strerror(errno);
+    done = kd::Error::fromErrno(folder);
   } else {
     kd::UniqueFd root(kd::retryOnEintr([&] { return ::open(partial.c_str(), kFolderFlags); }));
-    Reader reader(archive_read_new());
-    if (!root || !reader) {
-      why = std::strerror(errno ? errno : ENOMEM);
-    } else {
-      archive_read_support_format_zip(reader.get());
-      archive_read_support_format_tar(reader.get());
-      // Compression the library decodes itself; never a helper program.
-      archive_read_support_filter_gzip(reader.get());
-      archive_read_support_filter_bzip2(reader.get());
-      archive_read_support_filter_xz(reader.get());
-      archive_read_support_filter_zstd(reader.get());
-      if (archive_read_open_filename(reader.get(), archivePath.c_str(), kChunk) != ARCHIVE_OK) {
-        why = errorOf(reader.get());
-      } else {
-        Extractor extractor(reader.get(), root.get(), &why);
-        extracted = extractor.extractAll();
-      }
+    done = root ? extractZip(archivePath, root.get()) : kd::Error::fromErrno();
+    if (done) {
+      // The folder there before goes to the trash only now that its
+      // replacement is complete.
+      if (exists(folder)) trashFile(folder, false);
+      const kd::Result<void> renamed = files::renameNoReplace(partial, folder);
+      if (renamed) return true;
+      done = renamed.error().within(folder);
     }
+    // The partial folder, ours; the failure told is the extraction's.
+    (void)files::removeTree(partial);
   }
-  if (extracted) {
-    // The folder there before goes to the trash only now that its
-    // replacement is complete.
-    if (exists(folder)) trashFile(folder, false);
-    const kd::Result<void> renamed = files::renameNoReplace(partial, folder);
-    if (renamed) return true;
-    why = renamed.error().within(folder).message();
-  }
-  (void)files::removeTree(partial);  // the partial folder; the failure told is the extraction's
-  KdLog::appendLog("Unable to extract %@: %@", archivePath, why);
-  return files::failWith(kd::Error::described(why));
+  KdLog::appendLog("Unable to extract %@: %@", archivePath, done.error().message());
+  return files::failWith(done.error());
 }

@@ -193,9 +193,8 @@ bool KdFileManager::moveFile(const std::string& givenSource, const std::string& 
 bool KdFileManager::createEmptyFile(const std::string& path) {
   files::clearLastFailure();
   const std::string temporary = KdLocalPaths::tempFile();
-  std::string why;
-  if (!kd::writeFileAtomically(temporary, "", &why))
-    return files::failWith(kd::Error::described(why));
+  if (kd::Result<void> made = kd::writeFileAtomically(temporary, ""); !made)
+    return files::failWith(made.error());
   if (moveFile(temporary, path)) return true;
   ::unlink(temporary.c_str());
   return false;

@@ -423,10 +423,12 @@ void KdLog::Impl::createNewLog(const std::optional<std::string>& name) {
     }
   }
 
-  std::string error;
-  if (!current) error = "no log folder";
-  if (!current || !kd::writeFileAtomically(*current, "", &error, kd::ownerForUserPath(*current))) {
-    printTrouble(kd::format("Unable to create log file %s - %s\n", current, error));
+  const kd::Result<void> created =
+      current ? kd::writeFileAtomically(*current, "", kd::ownerForUserPath(*current))
+              : kd::Error::described("no log folder");
+  if (!created) {
+    printTrouble(
+        kd::format("Unable to create log file %s - %s\n", current, created.error().message()));
     return;
   }
   int f = kd::retryOnEintr(

@@ -78,15 +78,18 @@ TEST(PropertyList, FileStatusesSayWhatIsThere) {
     PlistReadStatus status;
     bool followLinks = true;
     PlistFormat format = PlistFormat::Xml;
+    std::string reason = {};  // checked when given
   } cases[] = {
       {xml, PlistReadStatus::Ok},
       {bin, PlistReadStatus::Ok, true, PlistFormat::Binary},
       {dir / "link.plist", PlistReadStatus::Ok},
-      {dir / "link.plist", PlistReadStatus::Unreadable, false},
-      {dir / "missing.plist", PlistReadStatus::Missing},
+      {dir / "link.plist", PlistReadStatus::Unreadable, false, PlistFormat::Xml,
+       "Too many levels of symbolic links"},
+      {dir / "missing.plist", PlistReadStatus::Missing, true, PlistFormat::Xml,
+       "No such file or directory"},
       {dir / "dangling.plist", PlistReadStatus::Missing},
-      {dir / "ok.plist/below", PlistReadStatus::Missing},
-      {dir.path(), PlistReadStatus::Unreadable},
+      {dir / "ok.plist/below", PlistReadStatus::Missing, true, PlistFormat::Xml, "Not a directory"},
+      {dir.path(), PlistReadStatus::Unreadable, true, PlistFormat::Xml, "not a regular file"},
       {fifo, PlistReadStatus::Unreadable},  // and at once: nobody writes to it
       {"/dev/null", PlistReadStatus::Unreadable},
       {dir.touch("damaged.plist", "<plist><dict>"), PlistReadStatus::Damaged},
@@ -98,6 +101,9 @@ TEST(PropertyList, FileStatusesSayWhatIsThere) {
     EXPECT_EQ(file.status, c.status) << c.path << ": " << file.reason;
     EXPECT_EQ(file.format, c.format) << c.path;
     EXPECT_EQ(file.status == PlistReadStatus::Ok, file.reason.empty()) << c.path;
+    if (!c.reason.empty()) {
+      EXPECT_EQ(file.reason, c.reason) << c.path;
+    }
     // The dictionary forms (which follow links): a dictionary only from a file that reads.
     if (c.followLinks) {
       EXPECT_EQ(readPlistDictionary(c.path).has_value(), c.status == PlistReadStatus::Ok) << c.path;

@@ -36,9 +36,16 @@ TEST(SettingsFile, KeepsWhatItCannotUse) {
   const std::string folder = dir.mkdir("folder.plist");
   Settings unreadable = loadSettings(folder);
   EXPECT_FALSE(unreadable.writable);
+  EXPECT_EQ(unreadable.message, "Unable to read settings file " + folder +
+                                    " (not a regular file); it is left as it is and no settings "
+                                    "are written");
   std::string error;
   EXPECT_FALSE(saveSettings(unreadable, folder, std::nullopt, &error));
+  EXPECT_EQ(error, "the settings file could not be read, so it is left as it is");
   EXPECT_TRUE(std::filesystem::is_directory(folder));
+  EXPECT_FALSE(saveSettings(Settings{}, dir / "gone/s.plist", std::nullopt, &error));
+  EXPECT_EQ(error.rfind("cannot create " + (dir / "gone/.s.plist.tmp"), 0), 0u) << error;
+  EXPECT_NE(error.find(": No such file or directory"), std::string::npos) << error;
 
   ASSERT_EQ(symlink(path.c_str(), (dir / "link.plist").c_str()), 0);
   EXPECT_FALSE(loadSettings(dir / "link.plist", false).writable) << "links refused when asked";

@@ -201,7 +201,23 @@ TEST_F(Archives, DamagedOrMissingArchivesFail) {
   EXPECT_FALSE(FM::decompressFile(work("junk.zip"), work("out")));
   EXPECT_FALSE(FM::decompressFile(work("missing.zip"), work("out")));
   EXPECT_FALSE(exists(work("out")));
-  EXPECT_FALSE(FM::compressFile(work("missing"), work("a.zip")));
+  // What each failure says, in the log line and the reason, word for word.
+  const struct {
+    bool compress;
+    std::string from, to, reason;
+  } told[] = {
+      {true, work("missing"), work("a.zip"), "missing: No such file or directory"},
+      {true, work("gone/x"), work("a.zip"), work("gone/x") + ": No such file or directory"},
+      {true, work("junk.zip"), work("gone/a.zip"),
+       work("gone/a.zip") + ": No such file or directory"},
+      {false, work("junk.zip"), work("junk.zip/out"), work("junk.zip/out") + ": Not a directory"},
+  };
+  for (const auto& c : told) {
+    EXPECT_FALSE(c.compress ? FM::compressFile(c.from, c.to) : FM::decompressFile(c.from, c.to));
+    EXPECT_EQ(FM::lastFailureReason(), c.reason);
+    EXPECT_EQ(logged().back(), (c.compress ? "Unable to compress " : "Unable to extract ") +
+                                   c.from + ": " + c.reason);
+  }
   EXPECT_FALSE(exists(work("a.zip")));
   EXPECT_EQ(namesIn(dir_.path(), true), std::set<std::string>{"junk.zip"});
 }

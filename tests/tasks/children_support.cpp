@@ -70,7 +70,7 @@ KD_CHILD_MODE("orphan", leaveOrphan);
 
 // pidfile PATH: writes its process id to PATH, then sleeps a second.
 int writePid(const std::vector<std::string>& args) {
-  writeFileAtomically(arg(args, 0), std::to_string(::getpid()));
+  (void)writeFileAtomically(arg(args, 0), std::to_string(::getpid()));
   sleepSeconds("1");
   return 0;
 }

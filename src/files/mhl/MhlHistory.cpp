@@ -81,14 +81,14 @@ UniqueFd openHistoryFolder(int trackedFd, const std::string& where, std::string&
   return dir;
 }
 
-std::string describe(const FileReadResult& r) {
-  switch (r.failure) {
+std::string describe(const ReadError& r) {
+  switch (r.kind) {
     case ReadFailure::NotRegular:
       return "a link or not a regular file";
     case ReadFailure::TooLarge:
-      return "too large (" + r.reason + ")";
+      return "too large (" + r.error.message() + ")";
     default:
-      return r.reason;
+      return r.error.message();
   }
 }
 
@@ -142,10 +142,11 @@ bool MhlHistory::loadAt(int trackedFolder, const std::string& shownAs, MhlHistor
     return true;
   }
   const std::string chainName(kChainName);
-  FileReadResult chainFile = readRegularFileAt(dir.get(), chainName, kMaxChainBytes, false);
-  if (!chainFile.bytes) {
-    if (chainFile.failure != ReadFailure::Missing) {
-      error = where + "/" + chainName + ": " + describe(chainFile);
+  Result<std::string, ReadError> chainFile =
+      readRegularFileAt(dir.get(), chainName, kMaxChainBytes, false);
+  if (!chainFile) {
+    if (chainFile.error().kind != ReadFailure::Missing) {
+      error = where + "/" + chainName + ": " + describe(chainFile.error());
       return false;
     }
     if (holdsManifests(dir.get())) {
@@ -156,32 +157,33 @@ bool MhlHistory::loadAt(int trackedFolder, const std::string& shownAs, MhlHistor
     out = std::move(history);
     return true;
   }
-  if (!parseMhlChain(*chainFile.bytes, history.chain_, why)) {
+  if (!parseMhlChain(*chainFile, history.chain_, why)) {
     error = "damaged " + where + "/" + chainName + ": " + why;
     return false;
   }
   for (const MhlChainEntry& entry : history.chain_) {
     const std::string path = where + "/" + entry.file;
-    FileReadResult file = readRegularFileAt(dir.get(), entry.file, kMaxManifestBytes, false);
-    if (!file.bytes) {
-      error = file.failure == ReadFailure::Missing
+    Result<std::string, ReadError> file =
+        readRegularFileAt(dir.get(), entry.file, kMaxManifestBytes, false);
+    if (!file) {
+      error = file.error().kind == ReadFailure::Missing
                   ? "generation " + std::to_string(entry.sequence) + "'s manifest " + path +
                         " is missing"
-                  : path + ": " + describe(file);
+                  : path + ": " + describe(file.error());
       return false;
     }
-    if (mhlC4Id(*file.bytes) != entry.c4) {
+    if (mhlC4Id(*file) != entry.c4) {
       error = path + " does not match the C4 ID the chain records for it (altered or damaged)";
       return false;
     }
     MhlManifest manifest;
-    if (!parseMhlManifest(*file.bytes, manifest, why)) {
+    if (!parseMhlManifest(*file, manifest, why)) {
       error = "damaged " + path + ": " + why;
       return false;
     }
     history.index(entry, manifest);
   }
-  history.chainBytes_ = std::move(chainFile.bytes);
+  history.chainBytes_ = std::move(*chainFile);
   history.loaded_ = true;
   out = std::move(history);
   return true;
@@ -282,18 +284,25 @@ std::optional<std::string> MhlHistory::addGeneration(const MhlCreator& creator,
   // Someone else may have added a generation since the history was read: never
   // write a chain that would drop theirs.
   const std::string chainName(kChainName);
-  FileReadResult current = readRegularFileAt(dir.get(), chainName, kMaxChainBytes, false);
-  const bool unchanged =
-      chainBytes_ ? current.bytes == chainBytes_ : current.failure == ReadFailure::Missing;
+  const Result<std::string, ReadError> current =
+      readRegularFileAt(dir.get(), chainName, kMaxChainBytes, false);
+  const bool unchanged = chainBytes_ ? current && *current == *chainBytes_
+                                     : !current && current.error().kind == ReadFailure::Missing;
   if (!unchanged) {
     error = where + "/" + chainName + " changed since the history was read; nothing is written";
     return std::nullopt;
   }
-  if (!writeFileAtomicallyAt(dir.get(), file, *bytes, AtomicReplace::NoReplace, 0666, &error))
+  if (Result<void> written =
+          writeFileAtomicallyAt(dir.get(), file, *bytes, AtomicReplace::NoReplace, 0666);
+      !written) {
+    error = written.error().message();
     return std::nullopt;
-  if (!writeFileAtomicallyAt(dir.get(), chainName, *chainBytes, AtomicReplace::Replace, 0666,
-                             &error)) {
+  }
+  if (Result<void> written =
+          writeFileAtomicallyAt(dir.get(), chainName, *chainBytes, AtomicReplace::Replace, 0666);
+      !written) {
     ::unlinkat(dir.get(), file.c_str(), 0);  // ours, and listed nowhere
+    error = written.error().message();
     return std::nullopt;
   }
   index(chain.back(), written);

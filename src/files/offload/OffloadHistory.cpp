@@ -76,12 +76,14 @@ bool copyVerified(int dir, const std::string& name, const std::string& bytes, At
   struct stat st {};
   const bool there = ::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
   if (there && how == AtomicReplace::NoReplace) {
-    const FileReadResult old = readRegularFileAt(dir, name, bytes.size() + 1, false);
-    if (old.bytes != bytes) {
+    const Result<std::string, ReadError> old =
+        readRegularFileAt(dir, name, bytes.size() + 1, false);
+    if (!old || *old != bytes) {
       error = "another file named " + name + " is already there; it was left as it is";
       return false;
     }
-  } else if (!writeFileAtomicallyAt(dir, name, bytes, how, 0644, &error)) {
+  } else if (Result<void> written = writeFileAtomicallyAt(dir, name, bytes, how); !written) {
+    error = written.error().message();
     return false;
   }
   const std::optional<KdFileManager::CopyDigest> kind = KdFileManager::copyDigestNamed("xxh128");
@@ -287,14 +289,13 @@ UniqueFd CardHistories::install(const History& h, int destination, const std::st
   }
   for (std::size_t i = there.chain().size(); i < chain.size(); ++i) {
     const MhlChainEntry& entry = chain[i];
-    const FileReadResult bytes =
+    const Result<std::string, ReadError> bytes =
         readRegularFileAt(source.get(), entry.file, kMaxManifestBytes, false);
-    if (!bytes.bytes || mhlC4Id(*bytes.bytes) != entry.c4) {
+    if (!bytes || mhlC4Id(*bytes) != entry.c4) {
       error = cardFolder + "/" + entry.file + " changed on the card since it was read";
       return {};
     }
-    if (!copyVerified(dir.get(), entry.file, *bytes.bytes, AtomicReplace::NoReplace, error))
-      return {};
+    if (!copyVerified(dir.get(), entry.file, *bytes, AtomicReplace::NoReplace, error)) return {};
   }
   if (!copyVerified(dir.get(), std::string(MhlHistory::kChainName), h.chainBytes,
                     AtomicReplace::Replace, error))
