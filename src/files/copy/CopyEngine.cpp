@@ -30,6 +30,7 @@
 
 #include "common/ThreadAnnotations.h"
 #include "files/copy/FileDigest.h"
+#include "platform/FileIO.h"
 #include "platform/Platform.h"
 
 namespace kd::copy {
@@ -472,8 +473,8 @@ class Pipeline {
     // exFAT through FUSE drops a modification date sent alone.
     struct stat own {};
     if (::fstat(d.fd.get(), &own) != 0) own.st_atim.tv_nsec = UTIME_OMIT;
-    const struct timespec times[2] = {own.st_atim, metadata_.st.st_mtim};
-    if (::futimens(d.fd.get(), times) != 0) d.metadataError = errorText(errno);
+    if (const int error = fileio::setTimes(d.fd.get(), own.st_atim, metadata_.st.st_mtim))
+      d.metadataError = errorText(error);
   }
 
   // With the whole source copied, puts its metadata on the destination; then
@@ -486,7 +487,7 @@ class Pipeline {
     if (!d.fd) return;
     if (!cancellation_->cancelled()) {
       if (complete_) applyMetadata(d);
-      if (::fdatasync(d.fd.get()) != 0) d.flushError = errno;
+      if (const int error = fileio::flushToDevice(d.fd.get())) d.flushError = error;
       if (complete_) checkLength(d);
       struct stat written {
       }, named{};
@@ -537,7 +538,7 @@ Outcome copyDescriptors(const Source& source, std::vector<Target> targets,
                         const std::shared_ptr<KdCancellation>& cancellation,
                         const OnChunk& onChunk) {
   Outcome outcome;
-  ::posix_fadvise(source.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  fileio::readSequentially(source.fd);
   const bool verifying = static_cast<bool>(kind.make);
   std::vector<Destination> open;
   open.reserve(targets.size());
