@@ -315,14 +315,17 @@ TEST_F(Offload, AFolderReplacedDuringTheRunIsNotWrittenThrough) {
   ASSERT_EQ(report.destinations.size(), 1u);
   const OffloadDestination& d = report.destinations[0];
   EXPECT_FALSE(report.allGood());
-  EXPECT_EQ(d.filesCopied, 2u);
-  ASSERT_EQ(d.failures.size(), 2u);
+  // The second file may still be on its way when the third starts: it
+  // fails too then. Every file is either copied before the swap or failed.
+  EXPECT_GE(d.filesCopied, 1u);
+  ASSERT_EQ(d.filesCopied + d.failures.size(), 4u);
   EXPECT_NE(d.failures[0].reason.find("the folder CLIP was moved or replaced"), std::string::npos)
       << d.failures[0].reason;
   EXPECT_TRUE(fs::is_empty(elsewhere));
-  EXPECT_EQ(listing(dir_ / "d1/A001/moved"),
-            (std::vector<std::string>{dir_ / "d1/A001/moved/C0001.MXF",
-                                      dir_ / "d1/A001/moved/C0002.MXF"}));
+  std::vector<std::string> kept;
+  for (std::size_t i = 1; i <= d.filesCopied; ++i)
+    kept.push_back(dir_ / ("d1/A001/moved/C000" + std::to_string(i) + ".MXF"));
+  EXPECT_EQ(listing(dir_ / "d1/A001/moved"), kept);
 }
 
 // A damaged hash list at a destination is left byte for byte; the files are

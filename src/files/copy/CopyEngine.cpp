@@ -140,9 +140,9 @@ class SlotBuffers {
 
 // Threads kept from one copy to the next to run the stages of the copies'
 // pipelines, so that copying many files does not start and end threads for
-// each. It starts a thread whenever no idle one can take a job, and keeps at
-// most kKept idle. Never destroyed (idle threads may outlive main); callable
-// from any thread.
+// each (and whole copies run beside each other, runOnKeptThread). It starts
+// a thread whenever no idle one can take a job, and keeps at most kKept idle. Never destroyed (idle
+// threads may outlive main); callable from any thread.
 class StageThreads {
  public:
   using Job = std::function<void()>;
@@ -530,6 +530,10 @@ class Pipeline {
 
 void setAfterWriteHookForTesting(AfterWriteHook hook) {
   afterWriteHook = hook;
+}
+
+bool runOnKeptThread(std::function<void()> job) {
+  return StageThreads::shared().run(std::move(job));
 }
 
 Outcome copyDescriptors(const Source& source, std::vector<Target> targets,

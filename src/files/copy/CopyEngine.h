@@ -112,6 +112,11 @@ Outcome copyDescriptors(const Source& source, std::vector<Target> targets,
                         const std::shared_ptr<KdCancellation>& cancellation,
                         const OnChunk& onChunk);
 
+// Runs `job` on one of the threads the engine keeps for its copies (a new
+// one when none is idle), so that a caller copying many files beside each
+// other does not start a thread for each. False when no thread could be had.
+bool runOnKeptThread(std::function<void()> job);
+
 // A copy's progress told straight to its caller, on the copying thread, with
 // no delegate and no work queue between: `bytes` hears the running total at
 // each progress step and once at the end; `stop`, read after every chunk,
