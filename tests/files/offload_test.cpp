@@ -4,6 +4,7 @@
 // was, and kd offload's summary and exit statuses.
 #include "files/offload/Offload.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +20,8 @@
 #include "FaultShim.h"
 #include "FilesFixture.h"
 #include "OffloadSupport.h"
+#include "common/UniqueFd.h"
+#include "files/copy/FileDigest.h"
 #include "files/mhl/MhlHistory.h"
 
 namespace kd::test {
@@ -85,6 +88,23 @@ TEST_F(Offload, EveryLayoutWithEveryHashReachesBothDestinations) {
         EXPECT_EQ(d.manifest.has_value(), h.mhl);
         if (h.mhl && xmllint) {
           EXPECT_EQ(historyProblems(d.folder + "/ascmhl"), "");
+        }
+        // Each file is recorded with its own digest, in the report and in
+        // the hash list, whichever copy ended first.
+        MhlHistory history;
+        std::string error;
+        if (h.mhl) {
+          ASSERT_TRUE(MhlHistory::load(d.folder, history, error)) << error;
+        }
+        for (const OffloadCardFile& f : report.cardFiles) {
+          const UniqueFd fd(::open((card + "/" + f.path).c_str(), O_RDONLY | O_CLOEXEC));
+          const std::optional<std::string> own = copy::digestOfOpenFile(
+              fd.get(), *KdFileManager::copyDigestNamed(h.hash), nullptr, error);
+          ASSERT_TRUE(own) << f.path << ": " << error;
+          EXPECT_EQ(f.digest, own) << f.path;
+          if (!h.mhl) continue;
+          const std::optional<MhlHash> recorded = history.latest(f.path, h.hash);
+          EXPECT_EQ(recorded ? recorded->digest : "", *own) << d.folder << "/" << f.path;
         }
       }
       for (const char* d : {"d1", "d2"}) removeTree(dir_ / d), dir_.mkdir(d);
