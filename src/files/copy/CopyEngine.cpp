@@ -388,11 +388,13 @@ class Pipeline {
         if (published_ <= seq) break;
       }
       process(stage, slots_[seq % kSlots]);
+      bool last = false;  // the last stage done with the slot: the caller may wait for it
       {
         kd::MutexLock lock(mu_);
         consumed_[stage] = seq + 1;
+        last = allConsumed(seq + 1);
       }
-      consumed_cv_.notify_all();
+      if (last) consumed_cv_.notify_all();
     }
     if (stage < destinations_.size() && !inlineAfterFailure_) finishDestination(stage);
   }
@@ -518,7 +520,7 @@ class Pipeline {
 
   kd::Mutex mu_;
   std::condition_variable published_cv_;        // a slot was published, or the ring closed
-  std::condition_variable consumed_cv_;         // a stage finished a slot
+  std::condition_variable consumed_cv_;         // every stage finished a slot
   std::condition_variable ended_cv_;            // a stage ended
   std::size_t running_ KD_GUARDED_BY(mu_) = 0;  // stages running on threads
   std::uint64_t published_ KD_GUARDED_BY(mu_) = 0;
