@@ -435,13 +435,21 @@ class Pipeline {
       hook(d.fd.get(), slot.offset, slot.length);
     // The file is read again and compared with the slot, which holds the
     // source's bytes as read for this copy until every stage is done with
-    // it. A short write, a short read-back or a failed one differs.
-    const std::size_t got =
-        readFully(d.fd.get(), d.readBack.get(), slot.length, at, true, record.readBackError);
+    // it. A short write, a short read-back or a failed one differs. It is
+    // read a chunk at a time, so that what is compared is still in the
+    // processor's cache.
+    if (shortWrite) d.differs = true;
+    for (std::size_t done = 0; done < slot.length;) {
+      const std::size_t length = std::min(kChunk, slot.length - done);
+      const std::size_t got = readFully(d.fd.get(), d.readBack.get(), length,
+                                        at + static_cast<off_t>(done), true, record.readBackError);
+      if (got != length || std::memcmp(d.readBack.get(), slot.data.get() + done, length) != 0) {
+        d.differs = true;
+        break;
+      }
+      done += length;
+    }
     if (d.readBackError == 0) d.readBackError = record.readBackError;
-    if (shortWrite || got != slot.length ||
-        std::memcmp(d.readBack.get(), slot.data.get(), slot.length) != 0)
-      d.differs = true;
   }
 
   // With the whole source copied: a byte past the end differs too; and a copy
