@@ -314,7 +314,7 @@ TEST_F(Offload, DestinationLinksAndTemporaryNamesOnTheCard) {
 }
 
 // A folder of a destination moved aside or swapped for a link during the run
-// (after the run has written two files into it) is never written through,
+// (after the run has written files into it) is never written through,
 // and no copy in it counts as verified.
 TEST_F(Offload, AFolderReplacedDuringTheRunIsNotWrittenThrough) {
   const std::string card = dir_.mkdir("cards/A001");
@@ -327,7 +327,7 @@ TEST_F(Offload, AFolderReplacedDuringTheRunIsNotWrittenThrough) {
   options.destinations = {dir_ / "d1"};
   OffloadProgress progress;
   progress.fileStarted = [&](const std::string& path, std::uint64_t) {
-    if (path != "CLIP/C0003.MXF") return;
+    if (path != "CLIP/C0004.MXF") return;
     ASSERT_EQ(::rename((dir_ / "d1/A001/CLIP").c_str(), (dir_ / "d1/A001/moved").c_str()), 0);
     ASSERT_EQ(::symlink(elsewhere.c_str(), (dir_ / "d1/A001/CLIP").c_str()), 0);
   };
@@ -335,8 +335,8 @@ TEST_F(Offload, AFolderReplacedDuringTheRunIsNotWrittenThrough) {
   ASSERT_EQ(report.destinations.size(), 1u);
   const OffloadDestination& d = report.destinations[0];
   EXPECT_FALSE(report.allGood());
-  // The second file may still be on its way when the third starts: it
-  // fails too then. Every file is either copied before the swap or failed.
+  // The files before the fourth may still be on their way when it starts:
+  // they fail too then. Every file is either copied before the swap or failed.
   EXPECT_GE(d.filesCopied, 1u);
   ASSERT_EQ(d.filesCopied + d.failures.size(), 4u);
   EXPECT_NE(d.failures[0].reason.find("the folder CLIP was moved or replaced"), std::string::npos)

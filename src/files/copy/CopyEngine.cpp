@@ -37,6 +37,8 @@ namespace kd::copy {
 namespace {
 
 std::atomic<AfterWriteHook> afterWriteHook{nullptr};
+// The calling thread's WhenSourceRead, if any.
+thread_local const std::function<void()>* sourceRead = nullptr;
 
 constexpr std::size_t kChunksPerSlot = 8;
 constexpr std::size_t kSlotSize = kChunk * kChunksPerSlot;  // 512 KiB
@@ -121,7 +123,7 @@ class SlotBuffers {
   }
 
  private:
-  static constexpr std::size_t kKept = 24;
+  static constexpr std::size_t kKept = 32;
 
   void give(unsigned char* buffer) {
     {
@@ -297,6 +299,7 @@ class Pipeline {
       ++seq;
       if (slot.length < kSlotSize) break;
     }
+    if (sourceRead) (*sourceRead)();
     {
       kd::MutexLock lock(mu_);
       complete_ = readError == 0 && !stopAccounting &&
@@ -540,6 +543,14 @@ class Pipeline {
 
 void setAfterWriteHookForTesting(AfterWriteHook hook) {
   afterWriteHook = hook;
+}
+
+WhenSourceRead::WhenSourceRead(std::function<void()> readDone) : readDone_(std::move(readDone)) {
+  sourceRead = &readDone_;
+}
+
+WhenSourceRead::~WhenSourceRead() {
+  sourceRead = nullptr;
 }
 
 bool runOnKeptThread(std::function<void()> job) {

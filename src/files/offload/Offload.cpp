@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <future>
 #include <memory>
 #include <thread>
@@ -61,22 +62,28 @@ OffloadReport Run::go() {
     report_.error = tree_.error;
   } else if (useCardHistories() && preflight() && prepareTargets()) {
     ran_ = true;
-    // Two files on their way at a time: the next file's copy starts before
-    // the previous one's ends, so that one's last writes, read-backs and
-    // flushes, and its taking its names, overlap the next one's first reads.
-    // Files are finished in the card's order, so the report and the hash
-    // lists come out as with one at a time. The folders held open are those
-    // of the file before: a file in another folder waits for it.
-    std::unique_ptr<Pending> previous;
+    // A few files on their way at a time: once a file has been read from
+    // the card, the next one is read, while the earlier ones' last writes,
+    // read-backs and flushes, and their taking their names, go on. The card
+    // is read one file after the other, from start to end, as before. Files
+    // are finished in the card's order, so the report and the hash lists
+    // come out as with one at a time. The folders held open are those of
+    // the files on their way: a file in another folder waits for them.
+    std::deque<std::unique_ptr<Pending>> onTheirWay;
+    auto finishFirst = [&] {
+      finishFile(*onTheirWay.front());
+      onTheirWay.pop_front();
+    };
     for (std::size_t i = 0; i < tree_.files.size() && report_.error.empty(); ++i) {
-      if (previous && folderOf(tree_.files[previous->index].path) != folderOf(tree_.files[i].path))
-        finishFile(*std::exchange(previous, nullptr));
+      if (!onTheirWay.empty() &&
+          folderOf(tree_.files[onTheirWay.back()->index].path) != folderOf(tree_.files[i].path))
+        while (!onTheirWay.empty()) finishFirst();
       if (!report_.error.empty()) break;
-      std::unique_ptr<Pending> next = startFile(i, previous.get());
-      if (previous) finishFile(*previous);
-      previous = std::move(next);
+      if (!onTheirWay.empty()) waitRead(*onTheirWay.back());
+      onTheirWay.push_back(startFile(i, onTheirWay));
+      if (onTheirWay.size() == kFilesOnTheirWay) finishFirst();
     }
-    if (previous) finishFile(*previous);
+    while (!onTheirWay.empty()) finishFirst();
     if (options_.sourceVerify && report_.error.empty()) readCardAgain();
     finish();
   }
@@ -111,7 +118,8 @@ bool Run::uses(const Pending& pending, const Target& t) {
          std::find(pending.confirm.begin(), pending.confirm.end(), &t) != pending.confirm.end();
 }
 
-std::unique_ptr<Run::Pending> Run::startFile(std::size_t index, const Pending* previous) {
+std::unique_ptr<Run::Pending> Run::startFile(std::size_t index,
+                                             const std::deque<std::unique_ptr<Pending>>& before) {
   auto pending = std::make_unique<Pending>();
   pending->index = index;
   const CardFile& file = tree_.files[index];
@@ -127,10 +135,11 @@ std::unique_ptr<Run::Pending> Run::startFile(std::size_t index, const Pending* p
   std::vector<KdFileManager::OpenDestination> opened;
   for (Target& t : targets_) {
     if (!t.live()) continue;
-    // The file before, when it is still on its way here, is lost with the
+    // The files before that are still on their way here are lost with the
     // destination too.
-    const bool busy = previous && uses(*previous, t);
-    const std::uint64_t lostAfter = remainingAfter + (busy ? 1 : 0);
+    const auto busy = static_cast<std::uint64_t>(std::count_if(
+        before.begin(), before.end(), [&](const auto& pending) { return uses(*pending, t); }));
+    const std::uint64_t lostAfter = remainingAfter + busy;
     // A destination unmounted under the run leaves an empty mount point:
     // nothing may be made there, on the disk below it.
     if (std::optional<std::string> gone = t.gone()) {
@@ -139,7 +148,7 @@ std::unique_ptr<Run::Pending> Run::startFile(std::size_t index, const Pending* p
     }
     const std::string final = t.folder + "/" + file.path;
     if (std::optional<std::string> problem =
-            busy ? t.intact() : t.enter(folderOf(file.path), true)) {
+            busy != 0 ? t.intact() : t.enter(folderOf(file.path), true)) {
       loseOrFail(t, final, *problem, lostAfter);
       continue;
     }
@@ -172,13 +181,22 @@ std::unique_ptr<Run::Pending> Run::startFile(std::size_t index, const Pending* p
     opened.push_back({part.path, folder, part.name, std::move(fd)});
     pending->copyTo.push_back(std::move(part));
   }
-  if (pending->copyTo.empty()) return pending;
+  if (pending->copyTo.empty()) {
+    markRead(*pending);  // a file already there is read when it finishes
+    return pending;
+  }
 
   // The copy runs on a kept thread; where none can be had, here.
   auto copy = std::make_shared<std::packaged_task<KdFileManager::CopyResult()>>(
-      [this, source, &told = pending->told, opened = std::move(opened)]() mutable {
-        return copy::copyToOpenFiles(source, std::move(opened), digest_, otherDigests_,
-                                     /*keepPermissions=*/true, copyProgress(told));
+      [this, source, &p = *pending, opened = std::move(opened)]() mutable {
+        KdFileManager::CopyResult result;
+        {
+          const copy::WhenSourceRead read([&] { markRead(p); });
+          result = copy::copyToOpenFiles(source, std::move(opened), digest_, otherDigests_,
+                                         /*keepPermissions=*/true, copyProgress(p.told));
+        }
+        markRead(p);
+        return result;
       });
   pending->copied = copy->get_future();
   if (!copy::runOnKeptThread([copy] { (*copy)(); })) (*copy)();
@@ -354,6 +372,19 @@ void Run::finishCopies(std::size_t index, const std::vector<Part>& copyTo,
     t.report.bytesCopied += result.bytesCopied;
     record(t, index, result.bytesCopied, *result.sourceDigest, MhlAction::Original, now);
   }
+}
+
+void Run::markRead(Pending& pending) {
+  {
+    kd::MutexLock lock(progressMu_);
+    pending.read = true;
+  }
+  readCv_.notify_all();
+}
+
+void Run::waitRead(const Pending& pending) {
+  kd::MutexLock lock(progressMu_);
+  while (!pending.read) lock.wait(readCv_);
 }
 
 void Run::advance(std::uint64_t more) {

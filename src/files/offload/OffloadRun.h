@@ -10,7 +10,9 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <future>
 #include <memory>
@@ -120,8 +122,8 @@ struct Target {
 };
 
 // The run itself; one per call of offloadCard, on the caller's thread. The
-// copies run beside it, on the copy engine's kept threads, at most two at a
-// time (see startFile); they touch only their own files and the progress.
+// copies run beside it, on the copy engine's kept threads, a few at a
+// time (kFilesOnTheirWay); they touch only their own files and the progress.
 class Run {
  public:
   using Clock = std::chrono::steady_clock;
@@ -158,15 +160,23 @@ class Run {
     std::vector<Target*> confirm;  // destinations where a file of its size is already
     std::future<KdFileManager::CopyResult> copied;
     std::uint64_t told = 0;  // its bytes told to the progress (by the copy's thread, then here)
+    bool read = false;       // its card file read to the end, or its copy over; under progressMu_
   };
+  // Marks the file's card file read; waits until it is.
+  void markRead(Pending& pending);
+  void waitRead(const Pending& pending);
+
+  // At most this many files on their way at a time.
+  static constexpr std::size_t kFilesOnTheirWay = 3;
 
   // Opens the file's copies in every live destination and starts its copy.
-  // `previous`, when given, is the file before it, in the same folder, still
-  // on its way: where it has a copy or a file to confirm, the folders held
-  // open are its own and are left as they are (a folder moved meanwhile
-  // fails this file there; the next file opens them anew).
-  std::unique_ptr<Pending> startFile(std::size_t index, const Pending* previous);
-  // Whether the file uses the folders held open in `t`.
+  // `before` are the files before it, in the same folder, still on their
+  // way: where one has a copy or a file to confirm, the folders held open
+  // are theirs and are left as they are (a folder moved meanwhile fails this
+  // file there; a file after them opens them anew).
+  std::unique_ptr<Pending> startFile(std::size_t index,
+                                     const std::deque<std::unique_ptr<Pending>>& before);
+  // Whether the file on its way uses the folders held open in `t`.
   static bool uses(const Pending& pending, const Target& t);
   // Waits for the file's copy and finishes it: the copies take their names,
   // files already there are confirmed, the hash list entries recorded. After
@@ -262,7 +272,8 @@ class Run {
   CardTree tree_;
   offload::CardHistories cardHistories_;  // the card's own hash lists, when it keeps any
   std::vector<Target> targets_;
-  kd::Mutex progressMu_;                               // one call of the progress at a time
+  kd::Mutex progressMu_;            // one call of the progress at a time; Pending::read
+  std::condition_variable readCv_;  // a file on its way was read to the end
   std::uint64_t done_ KD_GUARDED_BY(progressMu_) = 0;  // bytes told to the progress
   std::uint64_t progressTotal_ = 0;                    // the card's bytes, twice with sourceVerify
   bool ran_ = false;  // past the checks: the destinations were touched
