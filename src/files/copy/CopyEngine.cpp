@@ -96,7 +96,8 @@ bool sameFile(const struct stat& a, const struct stat& b) {
 
 // Buffers of one slot's size kept from one copy to the next, so that copying
 // many files does not map, fault in and unmap fresh memory for each. Holds at
-// most kKept buffers (the ring and the read-backs of a few destinations);
+// most kKept buffers (the rings and read-backs of the three copies that an
+// offload runs beside each other, each with two destinations);
 // more are freed. Thread-safe.
 class SlotBuffers {
  public:
