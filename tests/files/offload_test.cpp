@@ -40,14 +40,14 @@ class Offload : public FilesTest {
     return root;
   }
   OffloadReport offload(const std::string& card, std::string hash = "xxh64", bool mhl = true,
-                        bool reverify = false) {
+                        bool reverify = false, const OffloadProgress& progress = {}) {
     OffloadOptions options;
     options.card = card;
     options.destinations = {dir_ / "d1", dir_ / "d2"};
     options.hash = std::move(hash);
     options.mhl = mhl;
     options.reverify = reverify;
-    return offloadCard(options);
+    return offloadCard(options, progress);
   }
   static std::vector<std::string> listing(const std::string& folder) {
     std::vector<std::string> names;
@@ -78,8 +78,18 @@ TEST_F(Offload, EveryLayoutWithEveryHashReachesBothDestinations) {
     const std::string card = makeCard(sample);
     for (const auto& h : hashes) {
       SCOPED_TRACE(std::string(sample.name) + " " + h.hash);
-      const OffloadReport report = offload(card, h.hash, h.mhl);
+      // The copies run beside each other: the bytes told never go back.
+      std::uint64_t told = 0;
+      bool back = false;
+      OffloadProgress progress;
+      progress.bytes = [&](std::uint64_t done, std::uint64_t) {
+        back = back || done < told;
+        told = done;
+      };
+      const OffloadReport report = offload(card, h.hash, h.mhl, false, progress);
       ASSERT_TRUE(report.allGood()) << report.error;
+      EXPECT_FALSE(back);
+      EXPECT_EQ(told, report.bytes);
       EXPECT_EQ(report.files, sample.files.size());
       EXPECT_EQ(report.excluded.size(), 5u);  // the four system folders and "._notes"
       for (const OffloadDestination& d : report.destinations) {
