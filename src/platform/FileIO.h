@@ -29,6 +29,11 @@ int flushFolderToDevice(int folder);
 // report (macOS reads past its cache with F_NOCACHE instead).
 void dropCachedPages(int fd);
 
+// Tells the system that an open file is read from start to end, so that it
+// reads further ahead (posix_fadvise(POSIX_FADV_SEQUENTIAL) on Linux; macOS
+// reads ahead by itself). Advice, so nothing to report.
+void readSequentially(int fd);
+
 // Sets the access and modification times of an open file.
 int setTimes(int fd, const struct timespec& accessed, const struct timespec& modified);
 

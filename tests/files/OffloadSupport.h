@@ -38,6 +38,13 @@ inline const std::vector<SampleCard>& sampleCards() {
         {"DCIM/100EOS5D/EMPTY.TXT", 0},
         {".hidden_settings", 5}}},
       {"DJI_0001", {{"0001_0042_20240315_A/DJI_0042.mov", 1u << 20}}},
+      // Large and small files in turn in one folder: each small file's copy
+      // ends before the large one's before it.
+      {"A002",
+       {{"CLIPS/A002C001.MOV", 3u << 20},
+        {"CLIPS/A002C001.XML", 900},
+        {"CLIPS/A002C002.MOV", (2u << 20) + 5},
+        {"CLIPS/A002C002.XML", 10}}},
   };
   return cards;
 }

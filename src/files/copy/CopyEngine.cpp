@@ -30,12 +30,15 @@
 
 #include "common/ThreadAnnotations.h"
 #include "files/copy/FileDigest.h"
+#include "platform/FileIO.h"
 #include "platform/Platform.h"
 
 namespace kd::copy {
 namespace {
 
 std::atomic<AfterWriteHook> afterWriteHook{nullptr};
+// The calling thread's WhenSourceRead, if any.
+thread_local const std::function<void()>* sourceRead = nullptr;
 
 constexpr std::size_t kChunksPerSlot = 8;
 constexpr std::size_t kSlotSize = kChunk * kChunksPerSlot;  // 512 KiB
@@ -93,7 +96,8 @@ bool sameFile(const struct stat& a, const struct stat& b) {
 
 // Buffers of one slot's size kept from one copy to the next, so that copying
 // many files does not map, fault in and unmap fresh memory for each. Holds at
-// most kKept buffers (the ring and the read-backs of a few destinations);
+// most kKept buffers (the rings and read-backs of the three copies that an
+// offload runs beside each other, each with two destinations);
 // more are freed. Thread-safe.
 class SlotBuffers {
  public:
@@ -120,7 +124,7 @@ class SlotBuffers {
   }
 
  private:
-  static constexpr std::size_t kKept = 24;
+  static constexpr std::size_t kKept = 32;
 
   void give(unsigned char* buffer) {
     {
@@ -139,9 +143,9 @@ class SlotBuffers {
 
 // Threads kept from one copy to the next to run the stages of the copies'
 // pipelines, so that copying many files does not start and end threads for
-// each. It starts a thread whenever no idle one can take a job, and keeps at
-// most kKept idle. Never destroyed (idle threads may outlive main); callable
-// from any thread.
+// each (and whole copies run beside each other, runOnKeptThread). It starts
+// a thread whenever no idle one can take a job, and keeps at most kKept idle. Never destroyed (idle
+// threads may outlive main); callable from any thread.
 class StageThreads {
  public:
   using Job = std::function<void()>;
@@ -296,6 +300,7 @@ class Pipeline {
       ++seq;
       if (slot.length < kSlotSize) break;
     }
+    if (sourceRead) (*sourceRead)();
     {
       kd::MutexLock lock(mu_);
       complete_ = readError == 0 && !stopAccounting &&
@@ -387,11 +392,13 @@ class Pipeline {
         if (published_ <= seq) break;
       }
       process(stage, slots_[seq % kSlots]);
+      bool last = false;  // the last stage done with the slot: the caller may wait for it
       {
         kd::MutexLock lock(mu_);
         consumed_[stage] = seq + 1;
+        last = allConsumed(seq + 1);
       }
-      consumed_cv_.notify_all();
+      if (last) consumed_cv_.notify_all();
     }
     if (stage < destinations_.size() && !inlineAfterFailure_) finishDestination(stage);
   }
@@ -432,13 +439,21 @@ class Pipeline {
       hook(d.fd.get(), slot.offset, slot.length);
     // The file is read again and compared with the slot, which holds the
     // source's bytes as read for this copy until every stage is done with
-    // it. A short write, a short read-back or a failed one differs.
-    const std::size_t got =
-        readFully(d.fd.get(), d.readBack.get(), slot.length, at, true, record.readBackError);
+    // it. A short write, a short read-back or a failed one differs. It is
+    // read a chunk at a time, so that what is compared is still in the
+    // processor's cache.
+    if (shortWrite) d.differs = true;
+    for (std::size_t done = 0; done < slot.length;) {
+      const std::size_t length = std::min(kChunk, slot.length - done);
+      const std::size_t got = readFully(d.fd.get(), d.readBack.get(), length,
+                                        at + static_cast<off_t>(done), true, record.readBackError);
+      if (got != length || std::memcmp(d.readBack.get(), slot.data.get() + done, length) != 0) {
+        d.differs = true;
+        break;
+      }
+      done += length;
+    }
     if (d.readBackError == 0) d.readBackError = record.readBackError;
-    if (shortWrite || got != slot.length ||
-        std::memcmp(d.readBack.get(), slot.data.get(), slot.length) != 0)
-      d.differs = true;
   }
 
   // With the whole source copied: a byte past the end differs too; and a copy
@@ -472,8 +487,8 @@ class Pipeline {
     // exFAT through FUSE drops a modification date sent alone.
     struct stat own {};
     if (::fstat(d.fd.get(), &own) != 0) own.st_atim.tv_nsec = UTIME_OMIT;
-    const struct timespec times[2] = {own.st_atim, metadata_.st.st_mtim};
-    if (::futimens(d.fd.get(), times) != 0) d.metadataError = errorText(errno);
+    if (const int error = fileio::setTimes(d.fd.get(), own.st_atim, metadata_.st.st_mtim))
+      d.metadataError = errorText(error);
   }
 
   // With the whole source copied, puts its metadata on the destination; then
@@ -486,7 +501,7 @@ class Pipeline {
     if (!d.fd) return;
     if (!cancellation_->cancelled()) {
       if (complete_) applyMetadata(d);
-      if (::fdatasync(d.fd.get()) != 0) d.flushError = errno;
+      if (const int error = fileio::flushToDevice(d.fd.get())) d.flushError = error;
       if (complete_) checkLength(d);
       struct stat written {
       }, named{};
@@ -517,7 +532,7 @@ class Pipeline {
 
   kd::Mutex mu_;
   std::condition_variable published_cv_;        // a slot was published, or the ring closed
-  std::condition_variable consumed_cv_;         // a stage finished a slot
+  std::condition_variable consumed_cv_;         // every stage finished a slot
   std::condition_variable ended_cv_;            // a stage ended
   std::size_t running_ KD_GUARDED_BY(mu_) = 0;  // stages running on threads
   std::uint64_t published_ KD_GUARDED_BY(mu_) = 0;
@@ -531,13 +546,25 @@ void setAfterWriteHookForTesting(AfterWriteHook hook) {
   afterWriteHook = hook;
 }
 
+WhenSourceRead::WhenSourceRead(std::function<void()> readDone) : readDone_(std::move(readDone)) {
+  sourceRead = &readDone_;
+}
+
+WhenSourceRead::~WhenSourceRead() {
+  sourceRead = nullptr;
+}
+
+bool runOnKeptThread(std::function<void()> job) {
+  return StageThreads::shared().run(std::move(job));
+}
+
 Outcome copyDescriptors(const Source& source, std::vector<Target> targets,
                         const KdFileManager::CopyDigest& kind,
                         const std::vector<KdFileManager::CopyDigest>& moreKinds,
                         const std::shared_ptr<KdCancellation>& cancellation,
                         const OnChunk& onChunk) {
   Outcome outcome;
-  ::posix_fadvise(source.fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  fileio::readSequentially(source.fd);
   const bool verifying = static_cast<bool>(kind.make);
   std::vector<Destination> open;
   open.reserve(targets.size());

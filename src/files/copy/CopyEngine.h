@@ -112,6 +112,27 @@ Outcome copyDescriptors(const Source& source, std::vector<Target> targets,
                         const std::shared_ptr<KdCancellation>& cancellation,
                         const OnChunk& onChunk);
 
+// Runs `job` on one of the threads the engine keeps for its copies (a new
+// one when none is idle), so that a caller copying many files beside each
+// other does not start a thread for each. False when no thread could be had.
+bool runOnKeptThread(std::function<void()> job);
+
+// While it lives, every copy made on the thread that made it calls
+// `readDone`, on that thread, once the copy has read its source to the end
+// or stopped reading, before its destinations are finished: a caller that
+// copies files beside each other starts reading the next one then. One at a
+// time per thread.
+class WhenSourceRead {
+ public:
+  explicit WhenSourceRead(std::function<void()> readDone);
+  ~WhenSourceRead();
+  WhenSourceRead(const WhenSourceRead&) = delete;
+  WhenSourceRead& operator=(const WhenSourceRead&) = delete;
+
+ private:
+  std::function<void()> readDone_;
+};
+
 // A copy's progress told straight to its caller, on the copying thread, with
 // no delegate and no work queue between: `bytes` hears the running total at
 // each progress step and once at the end; `stop`, read after every chunk,

@@ -11,7 +11,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <deque>
+#include <future>
+#include <memory>
 #include <thread>
+#include <utility>
 
 #include "common/UniqueFd.h"
 #include "files/copy/CopyEngine.h"
@@ -58,7 +62,28 @@ OffloadReport Run::go() {
     report_.error = tree_.error;
   } else if (useCardHistories() && preflight() && prepareTargets()) {
     ran_ = true;
-    for (std::size_t i = 0; i < tree_.files.size() && report_.error.empty(); ++i) offloadFile(i);
+    // A few files on their way at a time: once a file has been read from
+    // the card, the next one is read, while the earlier ones' last writes,
+    // read-backs and flushes, and their taking their names, go on. The card
+    // is read one file after the other, from start to end, as before. Files
+    // are finished in the card's order, so the report and the hash lists
+    // come out as with one at a time. The folders held open are those of
+    // the files on their way: a file in another folder waits for them.
+    std::deque<std::unique_ptr<Pending>> onTheirWay;
+    auto finishFirst = [&] {
+      finishFile(*onTheirWay.front());
+      onTheirWay.pop_front();
+    };
+    for (std::size_t i = 0; i < tree_.files.size() && report_.error.empty(); ++i) {
+      if (!onTheirWay.empty() &&
+          folderOf(tree_.files[onTheirWay.back()->index].path) != folderOf(tree_.files[i].path))
+        while (!onTheirWay.empty()) finishFirst();
+      if (!report_.error.empty()) break;
+      if (!onTheirWay.empty()) waitRead(*onTheirWay.back());
+      onTheirWay.push_back(startFile(i, onTheirWay));
+      if (onTheirWay.size() == kFilesOnTheirWay) finishFirst();
+    }
+    while (!onTheirWay.empty()) finishFirst();
     if (options_.sourceVerify && report_.error.empty()) readCardAgain();
     finish();
   }
@@ -69,57 +94,75 @@ OffloadReport Run::go() {
   return std::move(report_);
 }
 
-void Run::offloadFile(std::size_t index) {
+// A file that failed at a destination is marked so there, whatever way it
+// failed: the failures recorded while it lives are counted.
+struct MarkFailures {
+  std::vector<Target>& targets;
+  std::size_t index;
+  std::vector<std::size_t> before;
+  MarkFailures(std::vector<Target>& targets, std::size_t index) : targets(targets), index(index) {
+    for (const Target& t : targets) before.push_back(t.report.failures.size());
+  }
+  ~MarkFailures() {
+    for (std::size_t i = 0; i < targets.size(); ++i)
+      if (targets[i].report.failures.size() > before[i])
+        targets[i].report.states[index] = OffloadFileState::Failed;
+  }
+  MarkFailures(const MarkFailures&) = delete;
+  MarkFailures& operator=(const MarkFailures&) = delete;
+};
+
+bool Run::uses(const Pending& pending, const Target& t) {
+  return std::any_of(pending.copyTo.begin(), pending.copyTo.end(),
+                     [&](const Part& part) { return part.target == &t; }) ||
+         std::find(pending.confirm.begin(), pending.confirm.end(), &t) != pending.confirm.end();
+}
+
+std::unique_ptr<Run::Pending> Run::startFile(std::size_t index,
+                                             const std::deque<std::unique_ptr<Pending>>& before) {
+  auto pending = std::make_unique<Pending>();
+  pending->index = index;
   const CardFile& file = tree_.files[index];
   const std::string source = trimmed(options_.card) + "/" + file.path;
-  if (progress_.fileStarted) progress_.fileStarted(file.path, file.size);
+  if (progress_.fileStarted) {
+    kd::MutexLock lock(progressMu_);
+    progress_.fileStarted(file.path, file.size);
+  }
   const std::uint64_t remainingAfter = tree_.files.size() - index - 1;
   const std::string name = baseName(file.path);
-  std::vector<std::size_t> failuresBefore, entriesBefore;
-  for (const Target& t : targets_) {
-    failuresBefore.push_back(t.report.failures.size());
-    entriesBefore.push_back(t.entries.size());
-  }
-  // A file that failed at a destination is marked so there, whatever way
-  // it failed.
-  struct MarkFailures {
-    Run& run;
-    std::size_t index;
-    const std::vector<std::size_t>& before;
-    ~MarkFailures() {
-      for (std::size_t i = 0; i < run.targets_.size(); ++i)
-        if (run.targets_[i].report.failures.size() > before[i])
-          run.targets_[i].report.states[index] = OffloadFileState::Failed;
-    }
-  } mark{*this, index, failuresBefore};
+  MarkFailures mark(targets_, index);
 
-  std::vector<Part> copyTo;
   std::vector<KdFileManager::OpenDestination> opened;
-  std::vector<Target*> confirm;
   for (Target& t : targets_) {
     if (!t.live()) continue;
+    // The files before that are still on their way here are lost with the
+    // destination too.
+    const auto busy = static_cast<std::uint64_t>(std::count_if(
+        before.begin(), before.end(), [&](const auto& pending) { return uses(*pending, t); }));
+    const std::uint64_t lostAfter = remainingAfter + busy;
     // A destination unmounted under the run leaves an empty mount point:
     // nothing may be made there, on the disk below it.
     if (std::optional<std::string> gone = t.gone()) {
-      t.lose(*gone, remainingAfter + 1);
+      t.lose(*gone, lostAfter + 1);
       continue;
     }
     const std::string final = t.folder + "/" + file.path;
-    if (std::optional<std::string> problem = t.enter(folderOf(file.path), true)) {
-      loseOrFail(t, final, *problem, remainingAfter);
+    if (std::optional<std::string> problem =
+            busy != 0 ? t.intact() : t.enter(folderOf(file.path), true)) {
+      loseOrFail(t, final, *problem, lostAfter);
       continue;
     }
     const int folder = t.current();
     struct stat st {};
     if (::fstatat(folder, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
       if (S_ISREG(st.st_mode) && static_cast<std::uint64_t>(st.st_size) == file.size)
-        confirm.push_back(&t);
+        pending->confirm.push_back(&t);
       else
         t.fail(final, "something else is already there; it was left as it is");
       continue;
     }
     if (errno != ENOENT) {
-      loseOrFail(t, final, std::strerror(errno), remainingAfter);
+      loseOrFail(t, final, std::strerror(errno), lostAfter);
       continue;
     }
     Part part{&t, partOf(file), ""};
@@ -132,20 +175,54 @@ void Run::offloadFile(std::size_t index) {
                       0600);
     }));
     if (!fd) {
-      loseOrFail(t, part.path, std::strerror(errno), remainingAfter);
+      loseOrFail(t, part.path, std::strerror(errno), lostAfter);
       continue;
     }
     opened.push_back({part.path, folder, part.name, std::move(fd)});
-    copyTo.push_back(std::move(part));
+    pending->copyTo.push_back(std::move(part));
+  }
+  if (pending->copyTo.empty()) {
+    markRead(*pending);  // a file already there is read when it finishes
+    return pending;
   }
 
+  // The copy runs on a kept thread; where none can be had, here.
+  auto copy = std::make_shared<std::packaged_task<KdFileManager::CopyResult()>>(
+      [this, source, &p = *pending, opened = std::move(opened)]() mutable {
+        KdFileManager::CopyResult result;
+        {
+          const copy::WhenSourceRead read([&] { markRead(p); });
+          result = copy::copyToOpenFiles(source, std::move(opened), digest_, otherDigests_,
+                                         /*keepPermissions=*/true, copyProgress(p.told));
+        }
+        markRead(p);
+        return result;
+      });
+  pending->copied = copy->get_future();
+  if (!copy::runOnKeptThread([copy] { (*copy)(); })) (*copy)();
+  return pending;
+}
+
+void Run::finishFile(Pending& pending) {
+  const std::size_t index = pending.index;
+  const CardFile& file = tree_.files[index];
+  const std::string source = trimmed(options_.card) + "/" + file.path;
+  const std::uint64_t remainingAfter = tree_.files.size() - index - 1;
+  std::optional<KdFileManager::CopyResult> result;
+  if (pending.copied.valid()) result = pending.copied.get();
+  if (!report_.error.empty()) {
+    // An earlier file stopped the run: this one counts as not copied.
+    for (const Part& part : pending.copyTo)
+      ::unlinkat(part.target->current(), part.name.c_str(), 0);
+    return;
+  }
+  MarkFailures mark(targets_, index);
+  std::vector<std::size_t> entriesBefore;
+  for (const Target& t : targets_) entriesBefore.push_back(t.entries.size());
+
   std::optional<std::string> sourceDigest;
-  const std::uint64_t before = done_;
-  if (!copyTo.empty()) {
-    const KdFileManager::CopyResult result =
-        copy::copyToOpenFiles(source, std::move(opened), digest_, otherDigests_,
-                              /*keepPermissions=*/true, copyProgress(before));
-    if (!result.completed) {
+  if (result) {
+    if (!result->completed) {
       if (stopAsked()) {
         report_.error = "Stopped on request while copying " + source;
         for (Target& t : targets_) t.lose(report_.error, remainingAfter + 1);
@@ -154,20 +231,20 @@ void Run::offloadFile(std::size_t index) {
       }
       return;
     }
-    sourceDigest = result.sourceDigest;
+    sourceDigest = result->sourceDigest;
     report_.cardFiles[index].digest = sourceDigest;
-    for (const std::optional<std::string>& other : result.moreSourceDigests)
+    for (const std::optional<std::string>& other : result->moreSourceDigests)
       report_.cardFiles[index].otherDigests.push_back(other.value_or(""));
-    report_.bytesRead += result.bytesCopied;
-    finishCopies(index, copyTo, result, remainingAfter);
+    report_.bytesRead += result->bytesCopied;
+    finishCopies(index, pending.copyTo, *result, remainingAfter);
   }
 
-  if (!confirm.empty() && !sourceDigest) {
+  if (!pending.confirm.empty() && !sourceDigest) {
     std::string error;
     std::vector<KdFileManager::CopyDigest> kinds = {digest_};
     kinds.insert(kinds.end(), otherDigests_.begin(), otherDigests_.end());
     std::optional<std::vector<std::string>> digests =
-        offload::digestsOfFile(AT_FDCWD, source, kinds, false, readReporter(before), error);
+        offload::digestsOfFile(AT_FDCWD, source, kinds, false, readReporter(pending.told), error);
     if (!digests) {
       cardFailed(source, index, error);
       return;
@@ -177,10 +254,12 @@ void Run::offloadFile(std::size_t index) {
     report_.cardFiles[index].otherDigests.assign(digests->begin() + 1, digests->end());
     report_.bytesRead += file.size;
   }
-  for (Target* t : confirm) confirmPresent(*t, index, *sourceDigest);
+  // A destination given up while the file before finished counts this one
+  // as missing.
+  for (Target* t : pending.confirm)
+    if (t->live()) confirmPresent(*t, index, *sourceDigest);
   if (sourceDigest) checkAgainstCardHistory(index, source, *sourceDigest, entriesBefore);
-  done_ = before + file.size;
-  if (progress_.bytes) progress_.bytes(done_, progressTotal_);
+  advance(file.size > pending.told ? file.size - pending.told : 0);
 }
 
 std::string Run::partOf(const CardFile& file) const {
@@ -237,6 +316,11 @@ void Run::finishCopies(std::size_t index, const std::vector<Part>& copyTo,
     Target& t = *copyTo[i].target;
     const std::string& part = copyTo[i].name;
     const int folder = t.current();
+    // Given up while the file before finished: this one counts as missing.
+    if (!t.live()) {
+      ::unlinkat(folder, part.c_str(), 0);
+      continue;
+    }
     const KdFileManager::CopyOutcome& outcome = result.destinations[i];
     const std::string final = t.folder + "/" + file.path;
     std::string failure;
@@ -290,21 +374,41 @@ void Run::finishCopies(std::size_t index, const std::vector<Part>& copyTo,
   }
 }
 
-copy::DirectProgress Run::copyProgress(std::uint64_t before) {
+void Run::markRead(Pending& pending) {
+  {
+    kd::MutexLock lock(progressMu_);
+    pending.read = true;
+  }
+  readCv_.notify_all();
+}
+
+void Run::waitRead(const Pending& pending) {
+  kd::MutexLock lock(progressMu_);
+  while (!pending.read) lock.wait(readCv_);
+}
+
+void Run::advance(std::uint64_t more) {
+  kd::MutexLock lock(progressMu_);
+  done_ += more;
+  if (progress_.bytes) progress_.bytes(done_, progressTotal_);
+}
+
+copy::DirectProgress Run::copyProgress(std::uint64_t& told) {
   copy::DirectProgress direct;
   direct.stop = options_.stop;
-  if (progress_.bytes)
-    direct.bytes = [this, before](std::uint64_t bytes) {
-      progress_.bytes(before + bytes, progressTotal_);
-    };
+  direct.bytes = [this, &told](std::uint64_t bytes) {
+    if (bytes <= told) return;
+    const std::uint64_t more = bytes - told;
+    told = bytes;
+    advance(more);
+  };
   return direct;
 }
 
-std::function<void(std::uint64_t)> Run::readReporter(std::uint64_t before) {
-  if (!progress_.bytes) return {};
-  return [this, read = before](std::uint64_t n) mutable {
-    read += n;
-    progress_.bytes(read, progressTotal_);
+std::function<void(std::uint64_t)> Run::readReporter(std::uint64_t& told) {
+  return [this, &told](std::uint64_t n) {
+    told += n;
+    advance(n);
   };
 }
 

@@ -263,14 +263,17 @@ void Run::readCardAgain() {
     }
     const std::optional<std::string>& first = report_.cardFiles[i].digest;
     const CardFile& file = tree_.files[i];
-    done_ += file.size;
-    if (!first) continue;
+    if (!first) {
+      advance(file.size);
+      continue;
+    }
     if (progress_.fileStarted) progress_.fileStarted(file.path, file.size);
     const std::string source = trimmed(options_.card) + "/" + file.path;
     std::string error;
-    const std::optional<std::string> second = offload::digestOfFile(
-        AT_FDCWD, source, digest_, true, readReporter(done_ - file.size), error);
-    if (progress_.bytes) progress_.bytes(done_, progressTotal_);
+    std::uint64_t told = 0;
+    const std::optional<std::string> second =
+        offload::digestOfFile(AT_FDCWD, source, digest_, true, readReporter(told), error);
+    advance(file.size > told ? file.size - told : 0);
     if (second == first) {
       ++report_.filesReadTwice;
       continue;

@@ -10,12 +10,17 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <future>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "common/ThreadAnnotations.h"
 #include "common/UniqueFd.h"
 #include "files/KdFileManager.h"
 #include "files/copy/CopyEngine.h"
@@ -116,7 +121,9 @@ struct Target {
   std::optional<std::string> gone() const;
 };
 
-// The run itself; one per call of offloadCard, on the caller's thread.
+// The run itself; one per call of offloadCard, on the caller's thread. The
+// copies run beside it, on the copy engine's kept threads, a few at a
+// time (kFilesOnTheirWay); they touch only their own files and the progress.
 class Run {
  public:
   using Clock = std::chrono::steady_clock;
@@ -144,7 +151,38 @@ class Run {
     std::string path;
   };
 
-  void offloadFile(std::size_t index);
+  // A file on its way: its copies opened, and its copy running (`copied`
+  // valid) unless none was needed. Made by startFile, ended by finishFile, in
+  // the card's order.
+  struct Pending {
+    std::size_t index = 0;
+    std::vector<Part> copyTo;
+    std::vector<Target*> confirm;  // destinations where a file of its size is already
+    std::future<KdFileManager::CopyResult> copied;
+    std::uint64_t told = 0;  // its bytes told to the progress (by the copy's thread, then here)
+    bool read = false;       // its card file read to the end, or its copy over; under progressMu_
+  };
+  // Marks the file's card file read; waits until it is.
+  void markRead(Pending& pending);
+  void waitRead(const Pending& pending);
+
+  // At most this many files on their way at a time.
+  static constexpr std::size_t kFilesOnTheirWay = 3;
+
+  // Opens the file's copies in every live destination and starts its copy.
+  // `before` are the files before it, in the same folder, still on their
+  // way: where one has a copy or a file to confirm, the folders held open
+  // are theirs and are left as they are (a folder moved meanwhile fails this
+  // file there; a file after them opens them anew).
+  std::unique_ptr<Pending> startFile(std::size_t index,
+                                     const std::deque<std::unique_ptr<Pending>>& before);
+  // Whether the file on its way uses the folders held open in `t`.
+  static bool uses(const Pending& pending, const Target& t);
+  // Waits for the file's copy and finishes it: the copies take their names,
+  // files already there are confirmed, the hash list entries recorded. After
+  // an earlier file stopped the run, the copy is only waited for and its
+  // temporary files removed.
+  void finishFile(Pending& pending);
 
   // The temporary name, never one that a file of the card has (a card may
   // hold ".A.MOV.kdpart" beside "A.MOV").
@@ -219,9 +257,12 @@ class Run {
   // The transfer report of the run in each destination, beside its hash list.
   void writeReports();
 
-  copy::DirectProgress copyProgress(std::uint64_t before);
-
-  std::function<void(std::uint64_t)> readReporter(std::uint64_t before);
+  // Tells the progress `more` bytes further: from the copies' threads and
+  // from the run's own, one call at a time and never going back.
+  void advance(std::uint64_t more);
+  // The copy's progress, adding to `told`; and the same for a plain read.
+  copy::DirectProgress copyProgress(std::uint64_t& told);
+  std::function<void(std::uint64_t)> readReporter(std::uint64_t& told);
 
   const OffloadOptions& options_;
   const OffloadProgress& progress_;
@@ -231,9 +272,11 @@ class Run {
   CardTree tree_;
   offload::CardHistories cardHistories_;  // the card's own hash lists, when it keeps any
   std::vector<Target> targets_;
-  std::uint64_t done_ = 0;
-  std::uint64_t progressTotal_ = 0;  // the card's bytes, twice with sourceVerify
-  bool ran_ = false;                 // past the checks: the destinations were touched
+  kd::Mutex progressMu_;            // one call of the progress at a time; Pending::read
+  std::condition_variable readCv_;  // a file on its way was read to the end
+  std::uint64_t done_ KD_GUARDED_BY(progressMu_) = 0;  // bytes told to the progress
+  std::uint64_t progressTotal_ = 0;                    // the card's bytes, twice with sourceVerify
+  bool ran_ = false;  // past the checks: the destinations were touched
 };
 
 }  // namespace kd::offload

@@ -52,7 +52,7 @@ std::optional<std::vector<std::string>> digestsOfFile(
     }
     fileio::dropCachedPages(fd.get());
   }
-  ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+  fileio::readSequentially(fd.get());
   std::optional<std::vector<std::string>> texts =
       copy::digestsOfOpenFile(fd.get(), kinds,
                               read ? std::function<bool(std::uint64_t)>([&](std::uint64_t n) {

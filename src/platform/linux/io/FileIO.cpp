@@ -28,6 +28,10 @@ void dropCachedPages(int fd) {
   ::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
 }
 
+void readSequentially(int fd) {
+  ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+}
+
 int setTimes(int fd, const struct timespec& accessed, const struct timespec& modified) {
   const struct timespec times[2] = {accessed, modified};
   return ::futimens(fd, times) == 0 ? 0 : errno;
