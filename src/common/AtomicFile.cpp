@@ -123,13 +123,6 @@ Result<void> writeFileAtomicallyAt(int dirFd, const std::string& name, std::stri
   return success();
 }
 
-bool writeFileAtomicallyAt(int dirFd, const std::string& name, std::string_view bytes,
-                           AtomicReplace how, mode_t mode, std::string* error) {
-  Result<void> written = writeFileAtomicallyAt(dirFd, name, bytes, how, mode);
-  if (!written && error) *error = written.error().message();
-  return written.ok();
-}
-
 Result<std::string, ReadError> readRegularFile(const std::string& path, std::size_t maxBytes,
                                                bool followLinks) {
   return readRegularFileAt(AT_FDCWD, path, maxBytes, followLinks);

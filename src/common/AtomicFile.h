@@ -39,11 +39,6 @@ enum class AtomicReplace { Replace, NoReplace };
 Result<void> writeFileAtomicallyAt(int dirFd, const std::string& name, std::string_view bytes,
                                    AtomicReplace how, mode_t mode = 0644);
 
-// The same with the reason as text in `error`: a thin adaptor kept only for the
-// offload's transfer reports (OffloadFinish.cpp) until they take the Result.
-bool writeFileAtomicallyAt(int dirFd, const std::string& name, std::string_view bytes,
-                           AtomicReplace how, mode_t mode, std::string* error);
-
 // What kind of failure kept a whole-file read from its bytes: callers treat a
 // missing file (a first run) apart from one they refuse.
 enum class ReadFailure {

@@ -60,13 +60,6 @@ Result<void> createFolders(const std::string& path, mode_t mode,
   return success();
 }
 
-bool createFolders(const std::string& path, mode_t mode, const std::optional<FileOwner>& owner,
-                   std::string* error) {
-  const Result<void> made = createFolders(path, mode, owner);
-  if (!made && error) *error = made.error().message();
-  return made.ok();
-}
-
 std::optional<FileOwner> ownerOfNearestFolder(const std::string& path) {
   for (std::string dir = path; !dir.empty(); dir = path::deletingLastComponent(dir)) {
     struct stat st {};

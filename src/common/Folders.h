@@ -25,9 +25,6 @@ namespace kd {
 // make root create, or hand over, folders outside the user's own tree.
 Result<void> createFolders(const std::string& path, mode_t mode,
                            const std::optional<FileOwner>& owner);
-// The same, true or false with the reason as text in `error` (when given).
-bool createFolders(const std::string& path, mode_t mode, const std::optional<FileOwner>& owner,
-                   std::string* error);
 
 // The owner of the nearest existing folder at or above `path`; none when no
 // part of the path can be looked at.

@@ -63,14 +63,6 @@ class KD_EXPORT FileMetadata {
   virtual Result<void> setCreationDate(const std::string& path, std::optional<FileDate> date) = 0;
   // The same for an open item.
   virtual Result<void> setCreationDateOf(int fd, FileDate date) = 0;
-  // The same, answering true or false with the failure's message in `error`
-  // (when given): for callers that keep the reason as text.
-  bool setCreationDate(const std::string& path, std::optional<FileDate> date, std::string* error) {
-    return keptAsText(setCreationDate(path, date), error);
-  }
-  bool setCreationDateOf(int fd, FileDate date, std::string* error) {
-    return keptAsText(setCreationDateOf(fd, date), error);
-  }
 
   // --- Locked (immutable) state of the item itself --------------------------
   virtual bool isLocked(const std::string& path) = 0;
@@ -87,12 +79,6 @@ class KD_EXPORT FileMetadata {
   // Whether any process holds the file (links followed) open for writing or
   // for reading and writing.
   virtual bool isOpenForWriting(const std::string& path) = 0;
-
- private:
-  static bool keptAsText(const Result<void>& result, std::string* error) {
-    if (!result && error) *error = result.error().message();
-    return result.ok();
-  }
 };
 
 class KD_EXPORT ForwardingFileMetadata : public FileMetadata {

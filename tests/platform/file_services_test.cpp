@@ -64,9 +64,9 @@ TEST(LinuxFileMetadata, NameSpacesAndCreationDates) {
   ASSERT_TRUE(md.setCreationDate(file, std::nullopt));
   EXPECT_EQ(md.creationDate(file), born);
   EXPECT_TRUE(md.setCreationDate(file, std::nullopt)) << "nothing to take back";
-  std::string error;
-  EXPECT_FALSE(md.setCreationDate(d / "missing", set, &error));
-  EXPECT_EQ(error, "No such file or directory");
+  const kd::Result<void> missing = md.setCreationDate(d / "missing", set);
+  ASSERT_FALSE(missing);
+  EXPECT_EQ(missing.error().message(), "No such file or directory");
 }
 
 TEST(LinuxFileMetadata, LinksAreNeverLocked) {

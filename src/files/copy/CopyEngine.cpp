@@ -480,7 +480,9 @@ class Pipeline {
     kd::FileMetadata& files = kd::platform().fileMetadata();
     d.attributesNotKept = files.copyExtendedAttributes(metadata_.fd, d.fd.get());
     if (metadata_.creationDate)
-      files.setCreationDateOf(d.fd.get(), *metadata_.creationDate, &d.metadataError);
+      if (const Result<void> set = files.setCreationDateOf(d.fd.get(), *metadata_.creationDate);
+          !set)
+        d.metadataError = set.error().message();
     // A file system without permission bits (exFAT, FAT) keeps its own.
     if (metadata_.keepPermissions) ::fchmod(d.fd.get(), metadata_.st.st_mode & 0777);
     // The modification date with the file's own access time beside it:

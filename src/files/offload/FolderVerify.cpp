@@ -23,6 +23,9 @@
 namespace kd {
 namespace {
 
+using offload::below;
+using offload::holds;
+
 // The kinds a check can compute, the fastest first: a file recorded with
 // several is read once for all of them, and this is the order they are
 // compared and named in.
@@ -55,17 +58,6 @@ std::string baseName(const std::string& folder) {
   while (name.size() > 1 && name.back() == '/') name.pop_back();
   const std::size_t slash = name.rfind('/');
   return slash == std::string::npos ? name : name.substr(slash + 1);
-}
-
-// Whether `path` is `root` or below it ("" holds everything).
-bool holds(const std::string& root, const std::string& path) {
-  return root.empty() || path == root ||
-         (path.size() > root.size() && path.compare(0, root.size(), root) == 0 &&
-          path[root.size()] == '/');
-}
-
-std::string below(const std::string& root, const std::string& path) {
-  return root.empty() ? path : path == root ? std::string() : path.substr(root.size() + 1);
 }
 
 // One folder that keeps a hash list: the checked folder itself, or a folder

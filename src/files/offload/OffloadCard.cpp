@@ -153,4 +153,14 @@ bool within(const std::set<std::string>& paths, std::string path) {
   }
 }
 
+bool holds(const std::string& root, const std::string& path) {
+  return root.empty() || path == root ||
+         (path.size() > root.size() && path.compare(0, root.size(), root) == 0 &&
+          path[root.size()] == '/');
+}
+
+std::string below(const std::string& root, const std::string& path) {
+  return root.empty() ? path : path == root ? std::string() : path.substr(root.size() + 1);
+}
+
 }  // namespace kd::offload

@@ -310,11 +310,16 @@ void Run::writeReports() {
       if (::fstatat(t.root().fd.get(), html.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 ||
           ::fstatat(t.root().fd.get(), csv.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0)
         continue;
-      written = writeFileAtomicallyAt(t.root().fd.get(), html, transferReportHtml(report_, i),
-                                      AtomicReplace::NoReplace, 0644, &error) &&
-                writeFileAtomicallyAt(t.root().fd.get(), csv, transferReportCsv(report_, i),
-                                      AtomicReplace::NoReplace, 0644, &error);
-      if (!written) break;
+      Result<void> made = writeFileAtomicallyAt(
+          t.root().fd.get(), html, transferReportHtml(report_, i), AtomicReplace::NoReplace, 0644);
+      if (made)
+        made = writeFileAtomicallyAt(t.root().fd.get(), csv, transferReportCsv(report_, i),
+                                     AtomicReplace::NoReplace, 0644);
+      if (!made) {
+        error = made.error().message();
+        break;
+      }
+      written = true;
     }
     if (written) {
       d.reportHtml = t.folder + "/" + html;

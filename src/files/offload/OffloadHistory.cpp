@@ -30,17 +30,6 @@ std::string joined(const std::string& folder, const std::string& name) {
   return folder.empty() ? name : name.empty() ? folder : folder + "/" + name;
 }
 
-// Whether `path` is `root` or below it ("" holds everything).
-bool holds(const std::string& root, const std::string& path) {
-  return root.empty() || path == root ||
-         (path.size() > root.size() && path.compare(0, root.size(), root) == 0 &&
-          path[root.size()] == '/');
-}
-
-std::string below(const std::string& root, const std::string& path) {
-  return root.empty() ? path : path == root ? std::string() : path.substr(root.size() + 1);
-}
-
 std::size_t depth(const std::string& root) {
   return root.empty() ? 0 : 1 + static_cast<std::size_t>(std::count(root.begin(), root.end(), '/'));
 }

@@ -77,4 +77,9 @@ std::optional<std::vector<std::string>> digestsOfFile(
 // '/'-separated).
 bool within(const std::set<std::string>& paths, std::string path);
 
+// Whether `path` is the folder `root` or below it ("" holds everything).
+bool holds(const std::string& root, const std::string& path);
+// `path` relative to `root`, which holds it.
+std::string below(const std::string& root, const std::string& path);
+
 }  // namespace kd::offload

@@ -121,10 +121,10 @@ bool Run::prepareTargets() {
     t.report.states.assign(tree_.files.size(), OffloadFileState::NotCopied);
     std::string error;
     char real[PATH_MAX];
-    if (!createFolders(t.folder, 0755, std::nullopt, &error) ||
-        ::lstat(t.folder.c_str(), &st) != 0 || !::realpath(t.folder.c_str(), real)) {
+    const Result<void> made = createFolders(t.folder, 0755, std::nullopt);
+    if (!made || ::lstat(t.folder.c_str(), &st) != 0 || !::realpath(t.folder.c_str(), real)) {
       report_.error = "Cannot make the folder " + t.folder + ": " +
-                      (error.empty() ? std::strerror(errno) : error);
+                      (made ? std::string(std::strerror(errno)) : made.error().message());
       return false;
     }
     OpenFolder& root = t.open.emplace_back();
