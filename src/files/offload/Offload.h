@@ -141,6 +141,8 @@ struct KD_EXPORT OffloadReport {
   bool allGood() const;
 };
 
+// Progress of a run. The calls come from the run's own threads as well as
+// the caller's, one at a time, never two at once.
 struct OffloadProgress {
   // A file of the card is being read: its path relative to the card.
   std::function<void(const std::string& path, std::uint64_t size)> fileStarted;
