@@ -86,7 +86,8 @@ void printText(const kd::FolderVerifyReport& r) {
     printFindings(out, inside);
   }
   const double seconds = r.elapsed.count();
-  out << "\nRead:        " << size(r.bytesRead) << " in " << clock(seconds) << "  ("
+  if (!r.inside.empty()) out << "\n";
+  out << "Read:        " << size(r.bytesRead) << " in " << clock(seconds) << "  ("
       << KdFileManager::formatFileSize(seconds > 0 ? static_cast<double>(r.bytesRead) / seconds : 0)
       << "/s)\n";
   out << "Result:      "
