@@ -7,7 +7,7 @@
 #   0. format:   clang-format-14 finds nothing to change in src, tools, tests,
 #                bench and app;
 #   1. default:  the whole build and every test;
-#   2. fuzz:     each libFuzzer target for KD_FUZZ_SECONDS (30) from its seeds,
+#   2. fuzz:     each libFuzzer target for KD_FUZZ_SECONDS (20) from its seeds,
 #                when clang is installed; the libraries build with clang's
 #                lock checks (-Wthread-safety) as errors;
 #   3. tsan:     the concurrent parts (log, runner, work queue, hashes, the
@@ -62,8 +62,8 @@ run_fuzz() {
     echo "=== fuzz: skipped, clang++ is not installed"
     return 0
   fi
-  pass "fuzz: each target for ${KD_FUZZ_SECONDS:-30} s"
-  cmake --preset fuzz -DKD_FUZZ_SECONDS="${KD_FUZZ_SECONDS:-30}" >/dev/null
+  pass "fuzz: each target for ${KD_FUZZ_SECONDS:-20} s"
+  cmake --preset fuzz -DKD_FUZZ_SECONDS="${KD_FUZZ_SECONDS:-20}" >/dev/null
   cmake --build --preset fuzz -j "$jobs" --target kd_fuzzers
   # Each fuzzer uses one core and starts no children: one per core.
   ctest --preset fuzz -j "$jobs"
