@@ -80,7 +80,7 @@ run_tsan() {
   ctest --preset tsan -j "$jobs" --timeout 300 -L root -R '^(CopyRoot|OffloadRoot)\.'
   local serial='Operations|AscMhl|MhlInterop|MhlDirectoryHashes|PropertyList|PlistFormat|XmlReader'
   serial+='|Archives|WildcardTree|NameMatchesWildcard|SettingsFile|Path|LabelColors|FileNames'
-  serial+='|TransferReport|Format'
+  serial+='|TransferReport|Format|KdHashTool|KdFileCommands|KdToolOutput'
   ctest --preset tsan -j "$jobs" --timeout 300 -LE root \
     -E "$not_built|^install\.|^mount_agent\.|^($serial)\."
 }
